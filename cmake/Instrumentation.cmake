@@ -1,0 +1,12 @@
+# Sanitizers and coverage, for everything that is built.
+if(SANITIZE)
+    add_compile_options(-fsanitize=${SANITIZE} -fno-omit-frame-pointer -g)
+    add_link_options(-fsanitize=${SANITIZE})
+    if(SANITIZE MATCHES undefined)
+        add_compile_options(-fno-sanitize-recover=undefined)
+    endif()
+endif()
+if(COVERAGE)
+    add_compile_options(--coverage -O0 -g)
+    add_link_options(--coverage)
+endif()

@@ -1,0 +1,135 @@
+#ifndef DRIVER_HOST_INTERFACE_H
+#define DRIVER_HOST_INTERFACE_H
+
+/// Everything a host needs to load and drive the library: records, callback and entry points.
+///
+/// Order of calls: SetComInfo, RegistCallBackFuncIntf, FlashLocalRegister, the list calls, then one
+/// thread alternates ComCommunication (what to send) and DataCom (what came back). SetComInfo and
+/// FlashLocalRegister must come before any other call that is not one of these three; debug builds
+/// assert it. The list and value functions may be called from any thread.
+
+#include "driver/export.h"
+#include "driver/request_records.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+
+/// The host's settings and status record: 19 words of 32 bits, read and written in place.
+/// Word positions are part of the interface.
+struct COM_INFO {
+    int unused0;               ///< 0: the host's.
+    int unused1;               ///< 1: the host's.
+    int unused2;               ///< 2: the host's.
+    int unused3;               ///< 3: the host's.
+    int block_length_limit;    ///< 4, host: most bytes of one read, elements of one write piece.
+    int unused5;               ///< 5: the host's.
+    int default_station;       ///< 6, host: station of all variables while word 9 is 0.
+    int retry_limit;           ///< 7, host: failed replies in a row before the link counts as down.
+    int retry_count;           ///< 8, driver: failed replies so far; a good reply leaves it.
+    int per_variable_stations; ///< 9, host: non-zero: each variable carries its own station.
+    int link_down;             ///< 10, driver: 1 down, 0 up.
+    int frame_count;           ///< 11, driver: frames of the current transaction.
+    int frame_index;           ///< 12, driver: replies received in the current transaction.
+    int unused13;              ///< 13: cleared by SetComInfo.
+    int remote_access;         ///< 14, host: non-zero: forward records instead of S7 jobs.
+    int link_id;               ///< 15, host: link identifier; decides a reply's path.
+    int communication_mode; ///< 16, host: 2: writes go to the controller; else to the image only.
+    int cycle_complete;     ///< 17, driver: 1 once the whole cyclic list has been walked.
+    int host_handle;        ///< 18, host: first argument of every callback.
+};
+
+/// A variable that the host's screens show. Only the named members are read.
+struct VAR_INFO {
+    unsigned char unused0 = 0;
+    unsigned char reg_type = 0; ///< Register type 0 to 24.
+    unsigned char station = 0;  ///< Used only while COM_INFO::per_variable_stations is set.
+    unsigned char unused3 = 0;
+    int unused4 = 0;
+    QString address_text; ///< "byte.bit" for bit types, else a decimal number.
+    QString name;         ///< Area name; must be "T", "TV", "C" or "CV" for timers and counters.
+    int count = 0;        ///< Elements: bits, bytes (VB), 16-bit words, timers or counters.
+};
+
+/// Called once per finished one-shot read with COM_INFO::host_handle, the read's host_key and
+/// host_index, and 1 for success or 2 when the link has failed. The result is ignored. It runs
+/// under the driver's list mutex and must not call any function of this header.
+typedef int (*CallBackFunc)(int handle, int host_key, int host_index, int outcome);
+
+extern "C" {
+
+/// What FlashLocalRegister was given last: local bit registers, local word registers (of which
+/// the driver uses words 55000 and 55001, the two TSAPs), and a third block.
+DRIVER_EXPORT extern void* LB;
+DRIVER_EXPORT extern unsigned short* LW;
+DRIVER_EXPORT extern void* RWI;
+
+/// Hands over the settings record, which the driver uses in place from now on. Clears word 13 and
+/// sets word 10 (link down) to 1. No lock; call it before the communication loop starts.
+DRIVER_EXPORT void SetComInfo(COM_INFO* info);
+
+/// Registers the callback for finished one-shot reads; `arg` is kept beside it and not passed on.
+/// A null callback is not called. No lock.
+DRIVER_EXPORT void RegistCallBackFuncIntf(CallBackFunc callback, int arg);
+
+/// Stores pointers to the host's register blocks in LB, LW and RWI. `words` must hold at least
+/// 55002 values of 16 bits. No lock.
+DRIVER_EXPORT void FlashLocalRegister(void* bits, void* words, void* third);
+
+/// Replaces the cyclic read list by one built from `variables`; variables that cannot be read are
+/// skipped. Returns the number of read requests. Takes the list mutex.
+DRIVER_EXPORT int ReCreatReadVarList(QList<VAR_INFO> variables);
+
+/// Appends a copy of a ready-made request (address and count in bytes) to the cyclic list and
+/// returns its size; a null pointer appends nothing. Takes NO lock: not while the loop runs.
+DRIVER_EXPORT int AddListReadVar(RW_VAR* var);
+
+/// Queues a one-shot read. `link_id` must be that of COM_INFO, else its reply is not stored and the
+/// callback does not come. Mode 1 appends `var` as it is; any other mode parses its address_text,
+/// normalises it in place and splits it by the block length limit; duplicates and what exceeds
+/// 1024 entries are skipped. Returns the size of the one-shot list, or 0 for an address that
+/// cannot be parsed and for a null pointer. Takes the list mutex.
+DRIVER_EXPORT int AddListOnceReadVar(RW_VAR* var, int mode);
+
+/// Queues a write. Mode 1 appends; any other mode lets it replace an equal pending write (never
+/// the first) and drops it when 1024 are pending. Returns the size of the write queue (0 for a
+/// null pointer). Takes the list mutex.
+DRIVER_EXPORT int AddListWriteVar(RW_VAR* var, int mode);
+
+/// Converts an address text as the driver does: byte * 8 + bit for types 0 to 5, else the number.
+/// Returns -1 when the text is not valid for the type. No lock.
+DRIVER_EXPORT int PLCAddressChangeIntef(int regType, QString text);
+
+/// Returns the record whose frame is to be sent now, or null when there is nothing to send. The
+/// record stays the driver's and valid until DataCom removes it. Takes the list mutex (and the
+/// data mutex within it) unless a frame is already pending.
+DRIVER_EXPORT Protocol* ComCommunication();
+
+/// Takes the reply to the frame handed out last: `len` bytes in `reply`, or 0 and an empty array
+/// for a time-out. Returns the result record (its `result` is 1 or 100 for success, 0 for a
+/// failure that will be retried, else a failure code). Takes the list and the data mutex.
+DRIVER_EXPORT RW_VAR* DataCom(QByteArray* reply, int len);
+
+/// Reads a value out of the image into `data` from index 0 on, growing it where needed, in host
+/// encoding (least significant byte first; VB two bytes each; `count` of double words in 16-bit
+/// words). `name` is not used. Returns 0 for an invalid address, else 1. Takes the data mutex.
+DRIVER_EXPORT int GetRegisterData(QString name, int reg_type, QString address_text, int station,
+                                  QByteArray& data, int count);
+
+/// Writes a value in host encoding. In communication mode 2 it is queued for the controller in
+/// pieces and the size of the write queue is returned; in any other mode only the image changes
+/// and 1 is returned. Returns 0 for an invalid address, a type that cannot be written (mode 2)
+/// and a null pointer. Takes the list and the data mutex, one after the other.
+DRIVER_EXPORT int SetRegisterData(QString name, int reg_type, QString address_text, int station,
+                                  QByteArray* data, int count, int host_key, int host_index);
+
+/// Marks a station disabled (enable 0) or enabled (enable 1) for the host's benefit; a negative
+/// station forgets all marks. A disabled station is still polled. Takes the station mutex.
+DRIVER_EXPORT void EnableEthernet(int station, int enable);
+
+/// Always 1: the driver never keeps the host waiting.
+DRIVER_EXPORT int QueryFinishFlag();
+
+} // extern "C"
+
+#endif
