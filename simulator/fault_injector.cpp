@@ -1,0 +1,241 @@
+#include "simulator/fault_injector.h"
+
+#include "simulator/s7_replies.h"
+
+#include <QtEndian>
+
+#include <algorithm>
+
+namespace
+{
+
+constexpr unsigned momentBit(FaultMoment moment)
+{
+    return 1U << unsigned(moment);
+}
+
+constexpr unsigned OnAccept = momentBit(FaultMoment::Accept);
+constexpr unsigned OnConnect = momentBit(FaultMoment::Connect);
+constexpr unsigned OnJob = momentBit(FaultMoment::Job);
+constexpr unsigned OnS7 = momentBit(FaultMoment::Setup) | OnJob;
+constexpr unsigned OnReply = OnConnect | OnS7;
+
+constexpr int GarbageLength = 22; // as long as the confirm it replaces
+
+struct KindRow {
+    FaultKind kind;
+    unsigned moments;
+    const char* name;
+    const char* effect;
+};
+
+constexpr KindRow Kinds[] = {
+    {FaultKind::Lost, OnReply, "lost", "no reply"},
+    {FaultKind::Late, OnReply, "late", "reply sent when the next request has come, before its own"},
+    {FaultKind::Doubled, OnReply, "doubled", "reply sent twice"},
+    {FaultKind::Truncated, OnReply, "truncated", "end of the reply missing"},
+    {FaultKind::Corrupted, OnReply, "corrupted", "one bit of the reply changed"},
+    {FaultKind::WrongReference, OnJob, "wrong-reference", "PDU reference one too high"},
+    {FaultKind::WrongLength, OnJob, "wrong-length", "one byte more, all length fields with it"},
+    {FaultKind::ErrorClass, OnJob, "error-class", "job not done, error class set"},
+    {FaultKind::ItemError, OnJob, "item-error", "job not done, item return code 0x0A"},
+    {FaultKind::EmptyTpduFirst, OnS7, "empty-tpdu-first", "a data TPDU without data first"},
+    {FaultKind::Split, OnReply, "split", "reply sent byte by byte"},
+    {FaultKind::Coalesced, OnReply, "coalesced", "previous reply once more in the same segment"},
+    {FaultKind::RefuseConnection, OnAccept, "refuse-connection", "connection closed at once"},
+    {FaultKind::CloseMidFrame, OnReply, "close-mid-frame", "half a reply, then closed"},
+    {FaultKind::SilentAccept, OnAccept, "silent-accept", "connection accepted, never answered"},
+    {FaultKind::GarbageConfirm, OnConnect, "garbage-confirm", "random bytes as connection confirm"},
+};
+
+const KindRow* findKind(FaultKind kind)
+{
+    for (const KindRow& row : Kinds) {
+        if (row.kind == kind)
+            return &row;
+    }
+    return nullptr;
+}
+
+const KindRow* findKind(const QString& name)
+{
+    for (const KindRow& row : Kinds) {
+        if (name == QLatin1String(row.name))
+            return &row;
+    }
+    return nullptr;
+}
+
+QString kindNames()
+{
+    QStringList names;
+    for (const KindRow& row : Kinds)
+        names.append(QLatin1String(row.name));
+    return names.join(QStringLiteral(", "));
+}
+
+void addToWord(QByteArray& bytes, int offset, int amount)
+{
+    if (bytes.size() < offset + 2)
+        return;
+    char* word = bytes.data() + offset;
+    qToBigEndian(quint16(qFromBigEndian<quint16>(word) + amount), word);
+}
+
+/// One byte more at the TPKT's end, believed by every length field on the way.
+QByteArray withWrongLength(QByteArray reply)
+{
+    constexpr int TpktLengthOffset = 2;
+    constexpr int DataLengthOffset = 15;
+    const int end = qFromBigEndian<quint16>(reply.constData() + TpktLengthOffset);
+    const bool hasItemLength = end >= ReadPayloadOffset;
+    const bool countsBits =
+        hasItemLength && reply.at(ReturnCodeOffset + 1) == char(ReplyUnit::Bits);
+    reply.insert(end, '\0');
+    addToWord(reply, TpktLengthOffset, 1);
+    addToWord(reply, DataLengthOffset, 1);
+    if (hasItemLength)
+        addToWord(reply, ItemLengthOffset, countsBits ? 8 : 1);
+    return reply;
+}
+
+} // namespace
+
+FaultInjector::FaultInjector(quint32 seed) : random(seed) {}
+
+bool FaultInjector::setFaults(const QStringList& texts, QString* error)
+{
+    std::vector<Rule> parsed;
+    for (const QString& text : texts) {
+        Rule rule;
+        if (!parseRule(text, &rule, error))
+            return false;
+        parsed.push_back(rule);
+    }
+    const std::lock_guard<std::mutex> lock(mutex);
+    rules = parsed;
+    return true;
+}
+
+bool FaultInjector::parseRule(const QString& text, Rule* rule, QString* error)
+{
+    const int colon = int(text.indexOf(QLatin1Char(':')));
+    const KindRow* row = findKind(text.left(colon));
+    if (row == nullptr) {
+        *error = QStringLiteral("unknown fault \"%1\"; right are: %2")
+                     .arg(text.left(colon), kindNames());
+        return false;
+    }
+    rule->kind = row->kind;
+    if (colon < 0)
+        return true;
+    const QString parameter = text.mid(colon + 1);
+    bool good = false;
+    if (parameter.startsWith(QLatin1String("every "))) {
+        rule->every = parameter.mid(6).toInt(&good);
+        good = good && rule->every >= 1;
+    } else if (parameter.startsWith(QLatin1String("address "))) {
+        rule->address = parameter.mid(8).toInt(&good);
+        good = good && rule->address >= 0 && (row->moments & OnJob) != 0;
+    } else {
+        rule->probability = parameter.toDouble(&good);
+        good = good && rule->probability >= 0 && rule->probability <= 1;
+    }
+    if (!good) {
+        *error = QStringLiteral("fault \"%1\": after the colon comes a probability from 0 to 1 or "
+                                "\"every N\" with N from 1")
+                     .arg(text);
+        if ((row->moments & OnJob) != 0)
+            *error += QStringLiteral(" or \"address A\" with A from 0");
+    }
+    return good;
+}
+
+FaultKind FaultInjector::choose(FaultMoment moment, int address)
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    FaultKind chosen = FaultKind::None;
+    for (Rule& rule : rules) {
+        const bool fits = (findKind(rule.kind)->moments & momentBit(moment)) != 0 &&
+                          (rule.address < 0 || rule.address == address);
+        if (fits && strikes(rule) && chosen == FaultKind::None)
+            chosen = rule.kind;
+    }
+    return chosen;
+}
+
+bool FaultInjector::strikes(Rule& rule)
+{
+    if (rule.every == 0)
+        return double(random()) < rule.probability * 4294967296.0;
+    if (++rule.seen < rule.every)
+        return false;
+    rule.seen = 0;
+    return true;
+}
+
+QByteArray FaultInjector::spoil(FaultKind kind, const QByteArray& reply)
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    QByteArray spoiled = reply;
+    switch (kind) {
+    case FaultKind::Truncated:
+    case FaultKind::CloseMidFrame:
+        spoiled.truncate(1 + below(int(reply.size()) - 1));
+        break;
+    case FaultKind::Corrupted: {
+        const int bit = below(int(reply.size()) * 8);
+        spoiled[bit / 8] = char(spoiled.at(bit / 8) ^ 1 << bit % 8);
+        break;
+    }
+    case FaultKind::WrongReference:
+        addToWord(spoiled, ReferenceOffset, 1);
+        break;
+    case FaultKind::WrongLength:
+        return withWrongLength(reply);
+    case FaultKind::GarbageConfirm:
+        spoiled = QByteArray(GarbageLength, '\0');
+        for (char& byte : spoiled)
+            byte = char(below(256));
+        spoiled[0] = char(spoiled.at(0) | 0x80); // never a TPKT
+        break;
+    default:
+        break;
+    }
+    return spoiled;
+}
+
+int FaultInjector::below(int limit)
+{
+    return int(random() % quint32(std::max(limit, 1)));
+}
+
+void FaultInjector::count(FaultKind kind)
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    ++injected[name(kind)];
+}
+
+QMap<QString, quint64> FaultInjector::counts() const
+{
+    // Entry by entry: data shared with the caller would be released without the lock.
+    const std::lock_guard<std::mutex> lock(mutex);
+    QMap<QString, quint64> copy;
+    for (auto it = injected.begin(); it != injected.end(); ++it)
+        copy.insert(it.key(), it.value());
+    return copy;
+}
+
+QString FaultInjector::name(FaultKind kind)
+{
+    const KindRow* row = findKind(kind);
+    return row != nullptr ? QString::fromLatin1(row->name) : QString();
+}
+
+QStringList FaultInjector::descriptions()
+{
+    QStringList lines;
+    for (const KindRow& row : Kinds)
+        lines.append(QString::fromLatin1(row.name).leftJustified(19) + QLatin1String(row.effect));
+    return lines;
+}

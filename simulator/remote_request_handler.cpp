@@ -1,0 +1,302 @@
+#include "simulator/remote_request_handler.h"
+
+#include "simulator/item_text.h"
+
+#include <QtEndian>
+
+#include <numeric>
+
+namespace
+{
+
+constexpr int TypeOffset = 5;
+constexpr int AddressOffset = 7;
+constexpr int CountOffset = 11;
+constexpr int OriginOffset = 2;
+constexpr int ValueOffset = 21;
+constexpr int ShortestRecord = ValueOffset + 1;
+constexpr int LongestPayload = 65535 - ReadPayloadOffset;
+constexpr int LongestPayloadInBits = 8191;
+
+/// How a write's value is encoded and how its address counts.
+enum class Encoding { Bits, Bytes, Words, DoubleWords, Elements };
+
+struct RegisterShape {
+    SimulatorArea area;
+    int replyBytes; ///< of a read, for each count
+    Encoding encoding;
+    bool readsByBit; ///< a read's address counts bits
+};
+
+// By register type. Double bytes for the byte areas: counts are bytes already where types have
+// been folded, and the client still expects them doubled.
+constexpr RegisterShape Shapes[] = {
+    {SimulatorArea::I, 1, Encoding::Bits, true},            // 0 I bit
+    {SimulatorArea::Q, 1, Encoding::Bits, true},            // 1 Q bit
+    {SimulatorArea::M, 1, Encoding::Bits, true},            // 2 M bit
+    {SimulatorArea::S, 1, Encoding::Bits, true},            // 3 S bit
+    {SimulatorArea::SM, 1, Encoding::Bits, true},           // 4 SM bit
+    {SimulatorArea::V, 2, Encoding::Bits, false},           // 5 V bit, read by byte address
+    {SimulatorArea::I, 2, Encoding::Words, false},          // 6 IW
+    {SimulatorArea::Q, 2, Encoding::Words, false},          // 7 QW
+    {SimulatorArea::M, 2, Encoding::Words, false},          // 8 MW
+    {SimulatorArea::S, 2, Encoding::Words, false},          // 9 SW
+    {SimulatorArea::SM, 2, Encoding::Words, false},         // 10 SMW
+    {SimulatorArea::V, 2, Encoding::Bytes, false},          // 11 VB
+    {SimulatorArea::V, 2, Encoding::Words, false},          // 12 VW
+    {SimulatorArea::V, 2, Encoding::DoubleWords, false},    // 13 VD
+    {SimulatorArea::Timer, 5, Encoding::Elements, false},   // 14 TV
+    {SimulatorArea::Counter, 3, Encoding::Elements, false}, // 15 CV
+    {SimulatorArea::AIW, 2, Encoding::Words, false},        // 16 AIW
+    {SimulatorArea::AQW, 2, Encoding::Words, false},        // 17 AQW
+    {SimulatorArea::Timer, 5, Encoding::Bits, false},       // 18 T
+    {SimulatorArea::Counter, 3, Encoding::Bits, false},     // 19 C
+    {SimulatorArea::I, 2, Encoding::DoubleWords, false},    // 20 ID
+    {SimulatorArea::Q, 2, Encoding::DoubleWords, false},    // 21 QD
+    {SimulatorArea::M, 2, Encoding::DoubleWords, false},    // 22 MD
+    {SimulatorArea::S, 2, Encoding::DoubleWords, false},    // 23 SD
+    {SimulatorArea::SM, 2, Encoding::DoubleWords, false},   // 24 SMD
+};
+
+const RegisterShape* shapeOf(int registerType)
+{
+    const bool known = registerType >= 0 && size_t(registerType) < std::size(Shapes);
+    return known ? &Shapes[registerType] : nullptr;
+}
+
+bool isNumbered(const RegisterShape& shape)
+{
+    return ControllerMemory::elementSize(shape.area) > 1;
+}
+
+quint8 checksum(const QByteArray& bytes)
+{
+    return std::accumulate(bytes.begin(), bytes.end(), quint8(0),
+                           [](quint8 sum, char byte) { return quint8(sum + quint8(byte)); });
+}
+
+ReturnCode checkWrite(SimulatorArea area, int offset, int bytes)
+{
+    if (!ControllerMemory::contains(area, offset, bytes))
+        return ReturnCode::AddressOutOfRange;
+    if (!ControllerMemory::isWritable(area, offset))
+        return ReturnCode::AccessDenied;
+    return ReturnCode::Success;
+}
+
+int byteOr0(const QByteArray& bytes, int index)
+{
+    return index < bytes.size() ? quint8(bytes.at(index)) : 0;
+}
+
+/// The value's elements as the controller keeps them, most significant byte first.
+QByteArray controllerBytes(Encoding encoding, const QByteArray& value, int count)
+{
+    const int width = encoding == Encoding::DoubleWords ? 4 : 2;
+    QByteArray bytes;
+    for (int i = 0; i < 2 * count; i += width) {
+        if (encoding == Encoding::Bytes) {
+            bytes.append(char(byteOr0(value, i)));
+            continue;
+        }
+        for (int k = width - 1; k >= 0; --k)
+            bytes.append(char(byteOr0(value, i + k)));
+    }
+    // Double words are counted in words: an odd count ends with a high half.
+    return bytes.left(encoding == Encoding::Bytes ? count : 2 * count);
+}
+
+} // namespace
+
+RemoteRequestHandler::RemoteRequestHandler(ControllerMemory* controllerMemory)
+    : memory(controllerMemory)
+{
+}
+
+void RemoteRequestHandler::append(const QByteArray& bytes)
+{
+    buffer.append(bytes);
+}
+
+bool RemoteRequestHandler::takeRequest(QByteArray* request)
+{
+    if (buffer.isEmpty())
+        return false;
+    const int length = quint8(buffer.at(0));
+    if (length < ShortestRecord) {
+        *request = buffer;
+        buffer.clear();
+        return true;
+    }
+    if (buffer.size() < length)
+        return false;
+    *request = buffer.left(length);
+    buffer.remove(0, length);
+    return true;
+}
+
+bool RemoteRequestHandler::isBroken() const
+{
+    return false;
+}
+
+RemoteRequestHandler::Record RemoteRequestHandler::parseRecord(const QByteArray& bytes)
+{
+    Record record;
+    const int size = int(bytes.size());
+    if (size < ShortestRecord || quint8(bytes.at(0)) != size ||
+        checksum(bytes.left(size - 1)) != quint8(bytes.at(size - 1)))
+        return record;
+    record.valid = true;
+    record.isWrite = bytes.at(OriginOffset) != 0 || size > ShortestRecord;
+    record.registerType = qFromBigEndian<quint16>(bytes.constData() + TypeOffset);
+    record.address = qFromBigEndian<qint32>(bytes.constData() + AddressOffset);
+    record.count = qFromBigEndian<quint16>(bytes.constData() + CountOffset);
+    record.value = bytes.mid(ValueOffset, size - ShortestRecord);
+    return record;
+}
+
+RequestSummary RemoteRequestHandler::parse(const QByteArray& request)
+{
+    current = parseRecord(request);
+    RequestSummary summary;
+    if (!current.valid) {
+        buffer.clear();
+        return summary;
+    }
+    summary.kind = RequestSummary::Job;
+    const RegisterShape* shape = shapeOf(current.registerType);
+    const bool byBit = shape != nullptr &&
+                       (current.isWrite ? shape->encoding == Encoding::Bits : shape->readsByBit);
+    summary.address = byBit && !isNumbered(*shape) ? current.address / 8 : current.address;
+    return summary;
+}
+
+QByteArray RemoteRequestHandler::answer(Refusal refusal)
+{
+    returnCode = ReturnCode::Success;
+    jobError = JobError::None;
+    lastReference = reference;
+    QByteArray reply;
+    if (!current.valid || shapeOf(current.registerType) == nullptr) {
+        jobError = JobError::NotSupported;
+        reply = jobRefusal(reference, jobError);
+    } else {
+        reply = current.isWrite ? write(refusal) : read(refusal);
+        if (refusal == Refusal::Job) {
+            jobError = JobError::NotSupported;
+            setJobError(reply, jobError);
+        }
+        // What the client takes for good: a write counts whatever its item return code.
+        const bool good = current.isWrite || returnCode == ReturnCode::Success;
+        if (good && jobError == JobError::None)
+            reference = reference == 0xFFFF ? 1 : quint16(reference + 1);
+    }
+    return reply + QByteArray(TrailingBytes, '\0');
+}
+
+// The client failed this reply or never saw it, and expects the same reference once more.
+void RemoteRequestHandler::replySpoiled()
+{
+    reference = lastReference;
+}
+
+QByteArray RemoteRequestHandler::read(Refusal refusal)
+{
+    const RegisterShape& shape = *shapeOf(current.registerType);
+    const int bytes = current.count * shape.replyBytes;
+    qint64 offset = current.address;
+    if (isNumbered(shape))
+        offset *= ControllerMemory::elementSize(shape.area);
+    else if (shape.readsByBit)
+        offset /= 8;
+    if (refusal == Refusal::Item)
+        returnCode = ReturnCode::NoSuchObject;
+    else if (current.address < 0 || offset >= ControllerMemory::size(shape.area) || bytes < 1 ||
+             bytes > LongestPayload)
+        returnCode = ReturnCode::AddressOutOfRange;
+    if (returnCode != ReturnCode::Success)
+        return readRefusal(reference, returnCode);
+    const ReplyUnit unit =
+        bytes <= LongestPayloadInBits && !isNumbered(shape) ? ReplyUnit::Bits : ReplyUnit::Bytes;
+    return readReply(reference, unit, memory->read(shape.area, int(offset), bytes));
+}
+
+QByteArray RemoteRequestHandler::write(Refusal refusal)
+{
+    if (refusal == Refusal::Item)
+        returnCode = ReturnCode::NoSuchObject;
+    else if (refusal == Refusal::None)
+        returnCode = store();
+    return writeReply(reference, returnCode);
+}
+
+ReturnCode RemoteRequestHandler::store()
+{
+    const RegisterShape& shape = *shapeOf(current.registerType);
+    const bool bits = shape.encoding == Encoding::Bits;
+    if (current.address < 0 || current.count < 1)
+        return ReturnCode::AddressOutOfRange;
+    if (current.value.size() < current.count * (bits ? 1 : 2))
+        return ReturnCode::LengthMismatch;
+    if (isNumbered(shape)) // timer and counter bits are the controller's own
+        return bits ? ReturnCode::AccessDenied : storeElements(shape.area);
+    if (bits)
+        return storeBits(shape.area);
+    const QByteArray bytes = controllerBytes(shape.encoding, current.value, current.count);
+    const ReturnCode code = checkWrite(shape.area, current.address, int(bytes.size()));
+    if (code == ReturnCode::Success)
+        memory->write(shape.area, current.address, bytes);
+    return code;
+}
+
+ReturnCode RemoteRequestHandler::storeElements(SimulatorArea area)
+{
+    const int size = ControllerMemory::elementSize(area);
+    if (current.address > ControllerMemory::size(area) / size - current.count)
+        return ReturnCode::AddressOutOfRange;
+    for (int i = 0; i < current.count; ++i) {
+        const char* value = current.value.constData() + 2 * i;
+        memory->writeValue(area, current.address + i, qFromLittleEndian<quint16>(value));
+    }
+    return ReturnCode::Success;
+}
+
+ReturnCode RemoteRequestHandler::storeBits(SimulatorArea area)
+{
+    const int firstByte = current.address / 8;
+    const int bytes = (current.address % 8 + current.count - 1) / 8 + 1;
+    const ReturnCode code = checkWrite(area, firstByte, bytes);
+    if (code != ReturnCode::Success)
+        return code;
+    for (int i = 0; i < current.count; ++i) {
+        const int bit = current.address + i;
+        memory->writeBit(area, bit / 8, bit % 8, current.value.at(i) == 1);
+    }
+    return ReturnCode::Success;
+}
+
+QString RemoteRequestHandler::description() const
+{
+    if (!current.valid)
+        return QStringLiteral("record with a wrong length or checksum refused");
+    const RegisterShape* shape = shapeOf(current.registerType);
+    if (shape == nullptr)
+        return QStringLiteral("register type %1 refused: ").arg(current.registerType) +
+               describe(jobError);
+    // Reads of bits fetch whole bytes.
+    const bool byBit = shape->encoding == Encoding::Bits && (current.isWrite || shape->readsByBit);
+    const bool inUnits = byBit || isNumbered(*shape);
+    ItemText text;
+    text.isWrite = current.isWrite;
+    text.area = shape->area;
+    text.isBit = byBit && current.isWrite;
+    text.elementBytes = current.isWrite && shape->encoding != Encoding::Bytes ? 2 : 1;
+    text.address = int(qMin<qint64>(qint64(current.address) * (inUnits ? 1 : 8), 0x7FFFFFFF));
+    text.count = current.count;
+    const int whole = qMin(current.count, int(current.value.size()) / 2);
+    text.data = shape->encoding == Encoding::Bits
+                    ? current.value
+                    : controllerBytes(shape->encoding, current.value, whole);
+    return text.line(returnCode, jobError);
+}

@@ -1,0 +1,60 @@
+#ifndef SIMULATOR_REMOTE_REQUEST_HANDLER_H
+#define SIMULATOR_REMOTE_REQUEST_HANDLER_H
+
+#include "simulator/controller_memory.h"
+#include "simulator/request_handler.h"
+#include "simulator/s7_replies.h"
+
+/// Answers one connection's forwarding records of remote access: 21 bytes that name a request,
+/// the value bytes of a write, and an additive checksum, the length of all that in the first byte.
+///
+/// Replies are laid out as S7 replies, but two bytes longer than their TPKT length says. Their PDU
+/// reference counts the good replies of the connection from 0 on and skips 0 when it wraps.
+///
+/// The length byte holds the low 8 bits only, so a record with more than 233 value bytes cannot be
+/// told from a shorter one. Like any record with a wrong length or checksum it is refused with a
+/// short reply, and all bytes received so far are dropped: the client repeats its record.
+class RemoteRequestHandler : public RequestHandler
+{
+public:
+    /// Bytes that follow each reply beyond its TPKT length.
+    static constexpr int TrailingBytes = 2;
+
+    /// `memory` must outlive the handler.
+    explicit RemoteRequestHandler(ControllerMemory* memory);
+
+    void append(const QByteArray& bytes) override;
+    bool takeRequest(QByteArray* request) override;
+    bool isBroken() const override;
+    RequestSummary parse(const QByteArray& request) override;
+    QByteArray answer(Refusal refusal) override;
+    QString description() const override;
+    void replySpoiled() override;
+
+private:
+    struct Record {
+        bool valid = false;
+        bool isWrite = false;
+        int registerType = 0;
+        qint32 address = 0;
+        int count = 0;
+        QByteArray value; ///< As the host encodes it, least significant byte first.
+    };
+
+    static Record parseRecord(const QByteArray& bytes);
+    QByteArray read(Refusal refusal);
+    QByteArray write(Refusal refusal);
+    ReturnCode store();
+    ReturnCode storeElements(SimulatorArea area);
+    ReturnCode storeBits(SimulatorArea area);
+
+    ControllerMemory* memory;
+    QByteArray buffer;
+    Record current;
+    quint16 reference = 0;
+    quint16 lastReference = 0; ///< Of the reply just made.
+    ReturnCode returnCode = ReturnCode::Success;
+    JobError jobError = JobError::None;
+};
+
+#endif
