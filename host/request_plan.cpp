@@ -1,0 +1,307 @@
+#include "host/request_plan.h"
+
+#include <QtEndian>
+
+#include <algorithm>
+
+namespace
+{
+
+// All even, so that a double word is never cut in two.
+constexpr int ByteLimit = 106;   // 2 * 106 = 212 bytes of a write job
+constexpr int CounterLimit = 70; // 3 * 70 = 210
+constexpr int TimerLimit = 42;   // 5 * 42 = 210
+
+constexpr int IwType = 6; // the first type that is not a bit
+constexpr int SwType = 9;
+constexpr int VbType = 11;
+constexpr int TvType = 14;
+constexpr int CvType = 15;
+constexpr int AiwType = 16;
+constexpr int AqwType = 17;
+constexpr int TType = 18;
+constexpr int CType = 19;
+
+/// Queued at once, far from the 1024 at which the driver drops writes.
+constexpr int BitsPerStep = 64;
+
+bool isTimer(int type)
+{
+    return type == TvType || type == TType;
+}
+
+bool isCounter(int type)
+{
+    return type == CvType || type == CType;
+}
+
+bool isAnalog(int type)
+{
+    return type == AiwType || type == AqwType;
+}
+
+int limitOf(int type)
+{
+    if (isTimer(type))
+        return TimerLimit;
+    return isCounter(type) ? CounterLimit : ByteLimit;
+}
+
+/// The driver goes by these names to tell how long a timer's or counter's reply is.
+QString nameOf(int type)
+{
+    switch (type) {
+    case TvType:
+        return QStringLiteral("TV");
+    case CvType:
+        return QStringLiteral("CV");
+    case TType:
+        return QStringLiteral("T");
+    case CType:
+        return QStringLiteral("C");
+    default:
+        return QString();
+    }
+}
+
+/// In elements of the register type: words, timers or counters.
+int elementsOf(const ReadBlock& block)
+{
+    return isTimer(block.type) || isCounter(block.type) ? block.units : block.units / 2;
+}
+
+VAR_INFO cyclicRecord(const ReadBlock& block, bool stationEach)
+{
+    VAR_INFO record;
+    record.reg_type = static_cast<unsigned char>(block.type);
+    record.station = static_cast<unsigned char>(block.station);
+    record.address_text = QString::number(block.start);
+    record.name = nameOf(block.type);
+    record.count = elementsOf(block);
+    // With a station each the driver takes the count of SW for bytes.
+    if (stationEach && block.type == SwType)
+        record.count *= 2;
+    return record;
+}
+
+QByteArray wordBytes(quint32 value)
+{
+    QByteArray bytes(2, '\0');
+    qToLittleEndian(quint16(value), bytes.data());
+    return bytes;
+}
+
+QByteArray doubleWordBytes(quint32 value)
+{
+    QByteArray bytes(4, '\0');
+    qToLittleEndian(value, bytes.data());
+    return bytes;
+}
+
+/// Bits are one request each, in the order given.
+QVector<WriteStep> bitSteps(const Variable& variable, const QByteArray& bits)
+{
+    const int first = 8 * variable.address + variable.bit;
+    QVector<WriteStep> steps;
+    for (int done = 0; done < int(bits.size()); done += BitsPerStep) {
+        WriteStep step;
+        step.type = variable.area->type;
+        step.address = QStringLiteral("%1.%2").arg((first + done) / 8).arg((first + done) % 8);
+        step.data = bits.mid(done, BitsPerStep);
+        step.count = step.requests = int(step.data.size());
+        steps.append(step);
+    }
+    return steps;
+}
+
+QByteArray bitsOf(const Variable& variable, const QVector<quint32>& values)
+{
+    QByteArray bits;
+    const int width = variable.isByteOfBits() ? 8 : 1;
+    for (quint32 value : values) {
+        for (int bit = 0; bit < width; ++bit)
+            bits.append(char(value >> bit & 1));
+    }
+    return bits;
+}
+
+/// Host encoding of one step's elements.
+QByteArray stepData(const Variable& variable, const QVector<quint32>& values)
+{
+    QByteArray data;
+    for (quint32 value : values) {
+        if (variable.area->width == Width::DoubleWord)
+            data += doubleWordBytes(value);
+        else if (variable.area->type == VbType)
+            data += char(value);
+        else
+            data += wordBytes(value);
+    }
+    // The driver sends the first `count` of the 2 * count bytes of a VB value as they are, so the
+    // bytes stand close together instead of one to a word.
+    if (variable.area->type == VbType)
+        data.append(QByteArray(int(values.size()), '\0'));
+    return data;
+}
+
+/// Elements of the variable in one write request.
+int elementsPerStep(const Variable& variable, int limit, bool singleBytes)
+{
+    if (variable.area->type == VbType && singleBytes)
+        return 1;
+    const int elements = std::max(2, std::min(limit, limitOf(variable.area->type)));
+    return variable.area->width == Width::DoubleWord ? elements / 2 : elements;
+}
+
+int addressStep(const Variable& variable)
+{
+    if (variable.area->numbered || variable.area->width == Width::Byte)
+        return 1;
+    return variable.area->width == Width::DoubleWord ? 4 : 2;
+}
+
+} // namespace
+
+int blockLimitFor(const QVector<Variable>& variables)
+{
+    int limit = ByteLimit;
+    for (const Variable& variable : variables)
+        limit = std::min(limit, limitOf(variable.area->reads));
+    return limit;
+}
+
+bool ReadBlock::operator==(const ReadBlock& other) const
+{
+    return type == other.type && station == other.station && start == other.start &&
+           units == other.units;
+}
+
+bool ReadBlock::covers(const ReadBlock& other) const
+{
+    return type == other.type && station == other.station && start <= other.start &&
+           start + units >= other.start + other.units;
+}
+
+bool ReadBlock::overlaps(const ReadBlock& other) const
+{
+    return type == other.type && station == other.station && start < other.start + other.units &&
+           other.start < start + units;
+}
+
+ReadBlock extentOf(const Variable& variable, int station)
+{
+    ReadBlock block;
+    block.type = variable.area->reads;
+    block.station = station;
+    block.start = variable.firstUnit();
+    block.units = variable.endUnit() - variable.firstUnit();
+    return block;
+}
+
+QVector<ReadBlock> readBlocks(const Variable& variable, int station, int limit)
+{
+    ReadBlock whole = extentOf(variable, station);
+    // An odd number of bytes is widened to the even boundary, which every area ends on, so that
+    // nothing behind the area's end is asked for.
+    if (!variable.area->numbered && whole.units % 2 != 0) {
+        whole.start -= whole.start % 2;
+        ++whole.units;
+    }
+    const int most = std::max(2, std::min(limit, limitOf(whole.type)) / 2 * 2);
+    QVector<ReadBlock> blocks;
+    for (int done = 0; done < whole.units; done += most) {
+        ReadBlock block = whole;
+        block.start += done;
+        block.units = std::min(most, whole.units - done);
+        blocks.append(block);
+    }
+    return blocks;
+}
+
+ReadBlock blockOf(const RW_VAR& request)
+{
+    ReadBlock block;
+    block.type = request.reg_type;
+    block.station = request.station;
+    block.start = request.address;
+    block.units = isAnalog(request.reg_type) ? 2 * request.count : request.count;
+    return block;
+}
+
+ReadBlock writtenBlock(const RW_VAR& request)
+{
+    ReadBlock block;
+    block.type = readTypeOf(request.reg_type);
+    block.station = request.station;
+    block.start = request.address;
+    block.units = request.count;
+    if (request.reg_type < IwType)
+        block.start /= 8; // written one bit at a time
+    else if (!isTimer(request.reg_type) && !isCounter(request.reg_type))
+        block.units *= 2;
+    return block;
+}
+
+QList<VAR_INFO> cyclicRecords(const QVector<ReadBlock>& blocks, bool stationEach)
+{
+    QVector<ReadBlock> listed;
+    for (const ReadBlock& block : blocks) {
+        const auto same = std::find_if(listed.begin(), listed.end(), [&](const ReadBlock& other) {
+            return isAnalog(block.type) && other.type == block.type &&
+                   other.station == block.station;
+        });
+        if (same == listed.end()) {
+            listed.append(block);
+            continue;
+        }
+        const int end = std::max(same->start + same->units, block.start + block.units);
+        same->start = std::min(same->start, block.start);
+        same->units = end - same->start;
+    }
+    QList<VAR_INFO> records;
+    for (const ReadBlock& block : listed)
+        records.append(cyclicRecord(block, stationEach));
+    return records;
+}
+
+RW_VAR oneShotRecord(const ReadBlock& block)
+{
+    RW_VAR record;
+    record.name = nameOf(block.type);
+    record.address_text = QString::number(block.start);
+    record.reg_type = block.type;
+    record.station = block.station;
+    record.count = elementsOf(block);
+    return record;
+}
+
+QVector<WriteStep> writeSteps(const Variable& variable, const QVector<quint32>& values, int limit,
+                              bool singleBytes)
+{
+    if (variable.area->width == Width::Bit || variable.isByteOfBits())
+        return bitSteps(variable, bitsOf(variable, values));
+    const int most = elementsPerStep(variable, limit, singleBytes);
+    QVector<WriteStep> steps;
+    for (int done = 0; done < int(values.size()); done += most) {
+        const QVector<quint32> part = values.mid(done, most);
+        WriteStep step;
+        step.type = variable.area->type;
+        step.address = QString::number(variable.address + done * addressStep(variable));
+        step.data = stepData(variable, part);
+        step.count = int(part.size()) * (variable.area->width == Width::DoubleWord ? 2 : 1);
+        step.requests = 1;
+        steps.append(step);
+    }
+    return steps;
+}
+
+int bytesClearedBehind(const Variable& variable, int limit, bool singleBytes)
+{
+    if (variable.area->type != VbType)
+        return 0;
+    const int most = elementsPerStep(variable, limit, singleBytes);
+    int end = 0;
+    for (int done = 0; done < variable.repeat; done += most)
+        end = std::max(end, done + 2 * std::min(most, variable.repeat - done));
+    return end - variable.repeat;
+}

@@ -1,0 +1,76 @@
+#ifndef HOST_VARIABLE_H
+#define HOST_VARIABLE_H
+
+#include <QByteArray>
+#include <QString>
+#include <QVector>
+
+/// How wide one element of a variable is. Number: the 16-bit value of a timer or counter.
+enum class Width { Bit, Byte, Word, DoubleWord, Number };
+
+/// How a variable's elements are shown.
+enum class Format { Unsigned, Signed, Hex, Binary, Float };
+
+/// One kind of variable as an engineer names it, and what the driver knows it as.
+struct AreaRow {
+    const char* name;    ///< As written, "VW".
+    Width width;         ///< Of one element.
+    bool numbered;       ///< The address is a timer's or counter's number, else a byte address.
+    unsigned char type;  ///< Register type for values: GetRegisterData and SetRegisterData.
+    unsigned char reads; ///< Register type for reads: whole words, timers or counters.
+    int size;            ///< Bytes, or timers or counters, that the driver's image has.
+    bool writable;
+};
+
+/// A variable as named on the command line: VW100, M0.3x8, VD4/float, TV37@3.
+struct Variable {
+    const AreaRow* area = nullptr;
+    int address = 0;  ///< Byte address, or number of the timer or counter.
+    int bit = 0;      ///< 0 to 7, for bits of byte areas.
+    int repeat = 1;   ///< Elements.
+    int station = -1; ///< What follows "@"; -1: not given.
+    Format format = Format::Unsigned;
+
+    /// The name without its format, "VW100x4@3".
+    QString label() const;
+    /// The address as the driver's functions take it: "10.3" or "100".
+    QString driverAddress() const;
+    /// The element count as the driver's value functions take it: bits of a byte that has no
+    /// register type of its own, 16-bit words of a double word.
+    int driverCount() const;
+    /// True for timer and counter bits, which the driver's image sets but never clears.
+    bool isLatched() const;
+    /// True for AIW and AQW, whose read requests count words.
+    bool isAnalog() const;
+    /// True for bytes that the driver has no register type for: they are handled as eight bits.
+    bool isByteOfBits() const;
+    /// First byte, and the byte behind the last one; numbers for timers and counters.
+    int firstUnit() const;
+    int endUnit() const;
+};
+
+/// The register type that reads the area of register type `type`: words for bits, bytes and double
+/// words. -1 for a type that does not exist.
+int readTypeOf(int type);
+
+/// Reads NAME[xCOUNT][@STATION][/FORMAT]; upper and lower case are the same. False with a one-line
+/// `error` that names what is wrong and what would be right.
+bool parseVariable(const QString& text, Variable* variable, QString* error);
+
+/// Reads VARIABLE=VALUE[,VALUE...], one value for each element; `values` holds each element's bits,
+/// right-aligned. False with a one-line `error`, also for a variable that cannot be written and a
+/// value out of range.
+bool parseAssignment(const QString& text, Variable* variable, QVector<quint32>* values,
+                     QString* error);
+
+/// Splits the host encoding that GetRegisterData gave into elements, right-aligned. Missing bytes
+/// count as 0x00.
+QVector<quint32> decodeValues(const Variable& variable, const QByteArray& hostData);
+
+/// The elements as text in the variable's format, separated by blanks.
+QString formatValues(const Variable& variable, const QVector<quint32>& values);
+
+/// Lines for --help that explain how variables are written.
+QString variableHelp();
+
+#endif
