@@ -87,6 +87,7 @@ void CommLoop::start()
 {
     stopping = false;
     ended = false;
+    repeating = false;
     statistics.stations = int(settings.controllers.size());
     driver.SetComInfo(&comInfo);
     driver.RegistCallBackFuncIntf(onReadFinished, 0);
@@ -221,11 +222,15 @@ void CommLoop::run(Waiter& loopWaiter)
 
 void CommLoop::turn()
 {
-    adoptWanted();
-    reviveStations();
-    feedDriver();
-    if (rest())
-        return;
+    // Not while a frame is being repeated: should it fail for good, the driver judges whose queues
+    // to drop by the first record of the list that the frame came from.
+    if (!repeating) {
+        adoptWanted();
+        reviveStations();
+        feedDriver();
+        if (rest())
+            return;
+    }
     if (const Protocol* pending = driver.ComCommunication()) {
         transact(*pending);
         return;
@@ -413,6 +418,7 @@ void CommLoop::transact(const Protocol& pending)
     // Nothing received is an empty array and not a null pointer: a handshake is judged by its
     // bytes alone.
     const int result = driver.DataCom(&exchange.reply, int(exchange.reply.size()))->result;
+    repeating = result == WillRetry && !isHandshake(frame);
     if (result == WillRetry)
         count(&LoopStatus::retries);
     if (isHandshake(frame))

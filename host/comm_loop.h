@@ -201,6 +201,7 @@ private:
     RequestPtr activeWrite;
     int listedRequests = 0; ///< Size of the driver's cyclic list.
     int cyclicDone = 0;     ///< Of them, read in this cycle.
+    bool repeating = false; ///< The driver holds a frame that failed and goes out again.
     QDeadlineTimer nextCycle;
 
     mutable std::mutex mutex; ///< Guards what follows. Never held while the driver is called.

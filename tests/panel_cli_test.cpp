@@ -160,7 +160,7 @@ private slots:
             {nullptr, "read SM0.0 VW4000", 0, "SM0.0 1\nVW4000 0\n", "simulated"},
             {nullptr, "read --remote SM0.0 VW4000", 0, "SM0.0 1\nVW4000 0\n", ""},
             {nullptr, "write --verify VW40=7", 0, "VW40 7\n", "VW40: written"},
-            {nullptr, "watch --count 1 SM0.0", 0, "SM0.0 1\n", "1 cycles"},
+            {nullptr, "watch --count 1 SM0.0", 0, "SM0.0 1\n", "link losses"},
             {nullptr, "watch --count 1 SM0.0@1 VW4000@2", 0, "SM0.0@1 1\nVW4000@2 0\n", ""},
             // Controllers that are not there, that fail, and that refuse.
             {"unreachable", "watch VW0", 3, "", "no connection to 127.0.0.1"},

@@ -346,20 +346,31 @@ private slots:
         QVERIFY(panel.loop->isFresh(0));
     }
 
-    // Replies that come twice, together, in pieces or behind an empty TPDU do not cost one retry.
-    // Those that come wrong or not at all are the fault campaign's.
-    void oddReplies()
+    // Right values whatever the wire does, and one bad reply fails none of those after it. Faults
+    // of every reply are harmless ones: they do not cost a single retry.
+    void disturbedReplies()
     {
-        for (const char* fault : {"doubled", "coalesced", "split", "empty-tpdu-first"}) {
+        for (const QString& fault :
+             QStringList{"doubled", "coalesced", "split", "empty-tpdu-first", "late:every 7",
+                         "lost:every 9", "wrong-reference:every 9", "truncated:every 9",
+                         "wrong-length:every 9", "close-mid-frame:every 23"}) {
+            const bool harmless = !fault.contains(':');
             Panel panel(driver);
+            panel.settings.timeoutMs = harmless ? LongMs : ShortTimeoutMs;
             panel.controller().poke(SimulatorArea::V, 0, QByteArray(120, '\x10'));
             QVERIFY(panel.startAndCycle("VW0"));
             const quint64 retriesBefore = panel.loop->status().retries;
             panel.setFaults({fault});
-            for (int i = 0; i < 120; i += 2)
-                QCOMPARE(panel.valueOf("VW" + QString::number(i)), QString("4112"));
-            QVERIFY2(panel.controller().faultCounts().value(fault) > 0, fault);
-            QCOMPARE(panel.loop->status().retries, retriesBefore);
+            int good = 0;
+            for (int i = 0; i < 120; i += 2) {
+                const RequestResult result = panel.ask("VW" + QString::number(i));
+                QVERIFY2(result.fault != Fault::None || result.data == "\x10\x10",
+                         qPrintable(fault));
+                good += result.fault == Fault::None ? 1 : 0;
+            }
+            QVERIFY2(good >= (harmless ? 60 : 40), qPrintable(fault));
+            QVERIFY(!harmless || panel.loop->status().retries == retriesBefore);
+            QVERIFY(panel.controller().faultCounts().value(fault.section(':', 0, 0)) > 0);
         }
     }
 
