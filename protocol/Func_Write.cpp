@@ -130,8 +130,8 @@ char valueByte(const QByteArray& value, int index)
 }
 
 /// Status byte that goes with a timer or counter value. It is looked up in the image by number as
-/// if T_bits had a byte for each, and in T_bits for counters too: controllers ignore it, and
-/// recorded traffic is compared byte for byte. Numbers past T_bits fall into C_bits behind it.
+/// if T_bits had a byte for each, and in T_bits for counters too; peers in the field rely on both.
+/// Numbers past T_bits fall into C_bits behind it.
 char statusByte(int number)
 {
     constexpr int TimerBytes = int(sizeof PLC_driver.T_bits);
@@ -175,7 +175,7 @@ void WriteBool(RW_VAR* var)
     const bool single = bits == 1;
     const bool block = bits > 1;
     // A block declares its bits divided by 8 but sends one byte a bit, in a frame as long as the
-    // bits: longer than its TPKT length says. Peers cut the frame by the declared length.
+    // bits: longer than its TPKT length says. Peers in the field rely on it.
     const int declared = block ? bits >> 3 : bits;
     const quint8 transportSize = single ? SizeBit : block ? SizeByte : quint8(0);
     QByteArray frame =

@@ -371,6 +371,20 @@ private slots:
         }
     }
 
+    void longCyclicListKeepsItsOrder()
+    {
+        // Long enough for the list to be given room behind its end now and then.
+        constexpr int Entries = 100;
+        for (int i = 0; i < Entries; ++i)
+            PLC_driver.read_list << request(CyclicRead, i);
+        for (int turn = 0; turn < 3 * Entries + 7; ++turn) {
+            pend(CyclicRead);
+            QCOMPARE(PLC_driver.read_list.first().address, turn % Entries);
+            QCOMPARE(answer(readReply()), 1);
+            QCOMPARE(int(PLC_driver.read_list.size()), Entries);
+        }
+    }
+
     void callbackIsOptionalAndRunsLocked()
     {
         static int mutexWasFree = -1;
