@@ -3,7 +3,7 @@
 
 /// A driver with a connected station and a cyclic list, and the good reply to its reads.
 
-#include "driver/siemens_s7_200.h"
+#include "core/siemens_s7_200.h"
 #include "protocol/s7_frame.h"
 
 #include <QtEndian>

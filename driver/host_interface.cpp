@@ -1,6 +1,6 @@
-#include "driver/host_interface.h"
+#include <siemens_s7_200_cp243/host_interface.h>
 
-#include "driver/siemens_s7_200.h"
+#include "core/siemens_s7_200.h"
 
 #include <QMutexLocker>
 

@@ -1,22 +1,22 @@
 #include "driver/reply_dispatcher.h"
 
-#include "driver/checked_int.h"
-#include "driver/host_interface.h"
+#include "core/checked_int.h"
+#include "core/shared_word.h"
+#include "core/siemens_s7_200.h"
 #include "driver/return_codes.h"
-#include "driver/shared_word.h"
-#include "driver/siemens_s7_200.h"
 #include "image/Func_DealData.h"
 #include "protocol/Func_Check.h"
 #include "protocol/Func_HandShake.h"
+#include <siemens_s7_200_cp243/host_interface.h>
 
 #include <QMutexLocker>
+
+using namespace cp243;
 
 namespace
 {
 
 constexpr int AnyLength = -1;
-constexpr int OutcomeGood = 1; ///< Last argument of the callback.
-constexpr int OutcomeLinkFailed = 2;
 
 /// What CheckGetData found.
 enum CheckResult { BadReply = 0, GoodRead = 1, GoodWrite = 2 };
@@ -54,10 +54,10 @@ void handshakeFailed(PLC_CHECK& check)
     PLC_driver.read_seq = PLC_driver.write_seq = 0;
     if (info.retry_count >= info.retry_limit) {
         info.retry_count = 0;
-        PLC_driver.ret_var.result = HandshakeFailed;
+        PLC_driver.ret_var.result = Result_HandshakeFailed;
     } else {
         ++info.retry_count;
-        PLC_driver.ret_var.result = WillRetry;
+        PLC_driver.ret_var.result = Result_WillRetry;
     }
 }
 
@@ -73,7 +73,7 @@ void dealHandshakeReply(PLC_CHECK& check, QByteArray* reply)
     if (info.frame_index < info.frame_count)
         return;
     info.link_down = 0;
-    PLC_driver.ret_var.result = Success;
+    PLC_driver.ret_var.result = Result_Good;
     check.hand_shake_ok = 1;
     check.pdu_ref = 1;
 }
@@ -92,7 +92,7 @@ void reportOneShotRead()
             return;
     }
     PLC_driver.call_back(PLC_driver.com_info->host_handle, key, index,
-                         PLC_driver.link_failed ? OutcomeLinkFailed : OutcomeGood);
+                         PLC_driver.link_failed ? Outcome_LinkFailed : Outcome_Good);
 }
 
 void finishFirst(QList<RW_VAR>& list)
@@ -181,7 +181,7 @@ void requestFailed(PLC_CHECK& check, bool local, int result)
     storeShared(info.cycle_complete, 0);
     if (info.retry_count <= info.retry_limit) {
         // The frame stays pending, so the next ComCommunication sends it again.
-        PLC_driver.ret_var.result = WillRetry;
+        PLC_driver.ret_var.result = Result_WillRetry;
         return;
     }
     info.retry_count = 0;
@@ -225,7 +225,7 @@ void dealRequestReply(PLC_CHECK& check, QByteArray* reply, int len)
 
     // Held for the counters too, which a rebuild of the cyclic list resets from another thread.
     QMutexLocker lock(&PLC_driver.list_mutex);
-    if (result == Success || result == RemoteSuccess)
+    if (result == Result_Good || result == Result_RemoteStored)
         requestSucceeded(check, local, result);
     else
         requestFailed(check, local, result);
@@ -275,7 +275,7 @@ RW_VAR* DataCom(QByteArray* reply, int len)
 {
     Q_ASSERT(PLC_driver.com_info);
     RW_VAR* result = &PLC_driver.ret_var;
-    result->result = Success;
+    result->result = Result_Good;
     if (PLC_driver.protocol_list.isEmpty())
         return result;
     PLC_CHECK& check = map_list[PLC_driver.protocol_list.first().var.station];

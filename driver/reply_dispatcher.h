@@ -1,7 +1,7 @@
 #ifndef DRIVER_REPLY_DISPATCHER_H
 #define DRIVER_REPLY_DISPATCHER_H
 
-#include "driver/export.h"
+#include <siemens_s7_200_cp243/export.h>
 
 #include <QByteArray>
 
@@ -9,9 +9,9 @@
 /// return_codes.h). `len` 0 is a time-out. Called by DataCom on the comm loop's thread.
 
 /// For requests made on the current link. Takes the data mutex around storing.
-DRIVER_EXPORT int DealDataOfLocalArea(QByteArray* reply, int len);
+CP243_EXPORT int DealDataOfLocalArea(QByteArray* reply, int len);
 
 /// For requests made on another link. Stores without the data mutex.
-DRIVER_EXPORT int DealDataOfRemoteArea(QByteArray* reply, int len);
+CP243_EXPORT int DealDataOfRemoteArea(QByteArray* reply, int len);
 
 #endif

@@ -1,11 +1,19 @@
 #include "driver/return_codes.h"
 
-#include "driver/siemens_s7_200.h"
+#include "core/siemens_s7_200.h"
+
+#include <siemens_s7_200_cp243/host_interface.h>
 
 namespace
 {
 
 constexpr int LargestClassKey = 11;
+
+/// The base of a class of failures is the code without a host_key.
+int classCode(ResultCode withoutKey)
+{
+    return SwitchErrorReturn(withoutKey - 1);
+}
 
 } // namespace
 
@@ -21,22 +29,22 @@ int GetDriverReturnValue(int outcome)
 {
     switch (outcome) {
     case GoodReply:
-        return Success;
+        return Result_Good;
     case LocalBadContent:
-        return SwitchErrorReturn(10);
+        return classCode(Result_BadContent);
     case LocalTimeout:
-        return SwitchErrorReturn(40);
+        return classCode(Result_TimeOut);
     case LocalWrongLength:
-        return SwitchErrorReturn(70);
+        return classCode(Result_WrongLength);
     case RemoteStored:
-        return RemoteSuccess;
+        return Result_RemoteStored;
     case RemoteBadContent:
-        return SwitchErrorReturn(110);
+        return classCode(Result_RemoteBadContent);
     case RemoteTimeout:
-        return SwitchErrorReturn(140);
+        return classCode(Result_RemoteTimeOut);
     case RemoteWrongLength:
-        return SwitchErrorReturn(170);
+        return classCode(Result_RemoteWrongLength);
     default:
-        return UnknownOutcome;
+        return Result_Unknown;
     }
 }

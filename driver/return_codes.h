@@ -1,7 +1,7 @@
 #ifndef DRIVER_RETURN_CODES_H
 #define DRIVER_RETURN_CODES_H
 
-#include "driver/export.h"
+#include <siemens_s7_200_cp243/export.h>
 
 /// What a reply turned out to be, before it becomes a code for the host.
 enum ReplyOutcome {
@@ -15,20 +15,11 @@ enum ReplyOutcome {
     RemoteWrongLength = 7
 };
 
-/// Codes that the host sees in `result` of the record that DataCom returns.
-enum HostCode {
-    WillRetry = 0,
-    Success = 1,
-    RemoteSuccess = 100,
-    UnknownOutcome = 200,
-    HandshakeFailed = 201
-};
-
 /// Host code of an outcome; failure codes carry the offset of the pending request's host_key.
-DRIVER_EXPORT int GetDriverReturnValue(int outcome);
+CP243_EXPORT int GetDriverReturnValue(int outcome);
 
 /// base + 1 + k, with k the host_key of the pending request if it is 1 to 11, else 0. A request
 /// must be pending.
-DRIVER_EXPORT int SwitchErrorReturn(int base);
+CP243_EXPORT int SwitchErrorReturn(int base);
 
 #endif

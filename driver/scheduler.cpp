@@ -1,13 +1,15 @@
-#include "driver/checked_int.h"
-#include "driver/host_interface.h"
-#include "driver/shared_word.h"
-#include "driver/siemens_s7_200.h"
+#include "core/checked_int.h"
+#include "core/shared_word.h"
+#include "core/siemens_s7_200.h"
 #include "protocol/Func_HandShake.h"
 #include "protocol/Func_Read.h"
 #include "protocol/Func_Remote.h"
 #include "protocol/Func_Write.h"
+#include <siemens_s7_200_cp243/host_interface.h>
 
 #include <QMutexLocker>
+
+using namespace cp243;
 
 namespace
 {

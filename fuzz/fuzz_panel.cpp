@@ -1,7 +1,7 @@
 // The panel's two ways in: bytes from the network, cut into TPKTs, and the texts that name
 // variables. The first byte chooses.
 
-#include "driver/host_interface.h"
+#include <siemens_s7_200_cp243/host_interface.h>
 #include "fuzz/support.h"
 #include "host/variable.h"
 #include "tests/driver_fixture.h"

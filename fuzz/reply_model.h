@@ -4,7 +4,7 @@
 /// A second account of what a reply may do to the driver, written apart from the driver's own code,
 /// and the calls of the communication loop held to it.
 
-#include "driver/siemens_s7_200.h"
+#include "core/siemens_s7_200.h"
 #include "fuzz/support.h"
 #include "tests/driver_fixture.h"
 

@@ -1,7 +1,7 @@
 #ifndef HOST_DRIVER_LIBRARY_H
 #define HOST_DRIVER_LIBRARY_H
 
-#include "driver/host_interface.h"
+#include <siemens_s7_200_cp243/host_interface.h>
 
 #include <QLibrary>
 #include <QString>

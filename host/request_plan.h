@@ -1,7 +1,7 @@
 #ifndef HOST_REQUEST_PLAN_H
 #define HOST_REQUEST_PLAN_H
 
-#include "driver/host_interface.h"
+#include <siemens_s7_200_cp243/host_interface.h>
 #include "host/variable.h"
 
 #include <QByteArray>

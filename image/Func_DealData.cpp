@@ -1,10 +1,12 @@
 #include "image/Func_DealData.h"
 
-#include "driver/register_types.h"
-#include "driver/siemens_s7_200.h"
+#include "core/register_properties.h"
+#include "core/siemens_s7_200.h"
 #include "image/Func_GetOrSetData.h"
 #include "image/image_areas.h"
 #include "varlists/Func_Initi.h"
+
+using namespace cp243;
 
 namespace
 {

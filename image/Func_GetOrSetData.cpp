@@ -1,10 +1,10 @@
 #include "image/Func_GetOrSetData.h"
 
-#include "driver/checked_int.h"
-#include "driver/host_interface.h"
-#include "driver/register_types.h"
-#include "driver/shared_word.h"
-#include "driver/siemens_s7_200.h"
+#include "core/checked_int.h"
+#include <siemens_s7_200_cp243/host_interface.h>
+#include "core/register_properties.h"
+#include "core/shared_word.h"
+#include "core/siemens_s7_200.h"
 #include "image/Func_DealData.h"
 #include "image/image_areas.h"
 #include "varlists/Func_Initi.h"
@@ -13,10 +13,11 @@
 
 #include <cstring>
 
+using namespace cp243;
+
 namespace
 {
 
-constexpr int ModeWriteThrough = 2; ///< COM_INFO::communication_mode in which writes are queued.
 constexpr int WriteOrigin = 1;
 
 /// Most elements of one write request, which is what the 16-bit length of an item can name, and
@@ -698,7 +699,7 @@ int SetRegisterData(QString name, int reg_type, QString address_text, int statio
     request.reg_type = reg_type;
     request.address = address;
     request.station = info.per_variable_stations != 0 ? station : info.default_station;
-    if (info.communication_mode != ModeWriteThrough) {
+    if (info.communication_mode != Mode_WriteThrough) {
         request.count = count;
         request.value = *data;
         WriteDataToLocal(&request);

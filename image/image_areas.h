@@ -4,10 +4,13 @@
 /// Bounds of the extend list, which has no area sizes of its own, and the image's byte areas by
 /// name, for the two sources of this room.
 
-#include "driver/register_types.h"
-#include "driver/siemens_s7_200.h"
+#include "core/register_properties.h"
+#include "core/siemens_s7_200.h"
 
 #include <QtGlobal>
+
+namespace cp243
+{
 
 /// Start addresses travel as 24 bits counting bits: nothing further can be named on the wire.
 constexpr int ExtendAddressEnd = 1 << 21;
@@ -49,5 +52,7 @@ inline unsigned char* byteArea(Area area)
         return nullptr;
     }
 }
+
+} // namespace cp243
 
 #endif

@@ -1,10 +1,12 @@
 #include "protocol/Func_Check.h"
 
-#include "driver/checked_int.h"
-#include "driver/siemens_s7_200.h"
+#include "core/checked_int.h"
+#include "core/siemens_s7_200.h"
 #include "protocol/s7_frame.h"
 
 #include <QtEndian>
+
+using namespace cp243;
 
 namespace
 {

@@ -1,11 +1,13 @@
 #include "protocol/Func_HandShake.h"
 
-#include "driver/siemens_s7_200.h"
+#include "core/siemens_s7_200.h"
 #include "protocol/s7_frame.h"
 
 #include <QtEndian>
 
 #include <cstring>
+
+using namespace cp243;
 
 namespace
 {

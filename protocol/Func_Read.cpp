@@ -1,8 +1,10 @@
 #include "protocol/Func_Read.h"
 
-#include "driver/checked_int.h"
-#include "driver/register_types.h"
+#include "core/checked_int.h"
+#include "core/register_properties.h"
 #include "protocol/s7_frame.h"
+
+using namespace cp243;
 
 namespace
 {

@@ -1,7 +1,7 @@
 #include "protocol/Func_Remote.h"
 
-#include "driver/checked_int.h"
-#include "driver/register_types.h"
+#include "core/checked_int.h"
+#include "core/register_properties.h"
 #include "image/Func_GetOrSetData.h"
 #include "protocol/Func_Check.h"
 #include "protocol/s7_frame.h"
@@ -9,6 +9,8 @@
 #include <QtEndian>
 
 #include <limits>
+
+using namespace cp243;
 
 namespace
 {

@@ -1,13 +1,15 @@
 #include "protocol/Func_Write.h"
 
-#include "driver/checked_int.h"
-#include "driver/register_types.h"
-#include "driver/shared_word.h"
-#include "driver/siemens_s7_200.h"
+#include "core/checked_int.h"
+#include "core/register_properties.h"
+#include "core/shared_word.h"
+#include "core/siemens_s7_200.h"
 #include "image/Func_GetOrSetData.h"
 #include "protocol/s7_frame.h"
 
 #include <cstring>
+
+using namespace cp243;
 
 namespace
 {

@@ -1,8 +1,8 @@
 #ifndef PROTOCOL_FUNC_WRITE_H
 #define PROTOCOL_FUNC_WRITE_H
 
-#include "driver/export.h"
-#include "driver/request_records.h"
+#include <siemens_s7_200_cp243/export.h>
+#include <siemens_s7_200_cp243/request_records.h>
 
 /// Builders of write jobs: each appends one Protocol to protocol_list and sets the batch to one
 /// frame. Values are in host encoding and never read past their end (a missing byte is 0x00).
@@ -10,24 +10,24 @@
 
 /// Chooses the builder by register type (none for a type that cannot be written), then copies the
 /// value into the image unless the link has failed; that takes the data mutex.
-DRIVER_EXPORT void WriteRegister(RW_VAR* var);
+CP243_EXPORT void WriteRegister(RW_VAR* var);
 
 /// Q, M, S, SM and V bits: one bit, or a block of `count` bits sent one frame byte each.
-DRIVER_EXPORT void WriteBool(RW_VAR* var);
+CP243_EXPORT void WriteBool(RW_VAR* var);
 
 /// Words, sent most significant byte first.
-DRIVER_EXPORT void WriteAnalog(RW_VAR* var);
+CP243_EXPORT void WriteAnalog(RW_VAR* var);
 
 /// V bytes: declares `count` words and fills `count` bytes.
-DRIVER_EXPORT void WriteAnalog_VB(RW_VAR* var);
+CP243_EXPORT void WriteAnalog_VB(RW_VAR* var);
 
 /// Double words; `count` in 16-bit words.
-DRIVER_EXPORT void WriteAnalog_VD(RW_VAR* var);
+CP243_EXPORT void WriteAnalog_VD(RW_VAR* var);
 
 /// Timer values: five bytes each.
-DRIVER_EXPORT void WriteAnalog_TV(RW_VAR* var);
+CP243_EXPORT void WriteAnalog_TV(RW_VAR* var);
 
 /// Counter values: three bytes each.
-DRIVER_EXPORT void WriteAnalog_CV(RW_VAR* var);
+CP243_EXPORT void WriteAnalog_CV(RW_VAR* var);
 
 #endif

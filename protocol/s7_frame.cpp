@@ -1,10 +1,13 @@
 #include "protocol/s7_frame.h"
 
-#include "driver/siemens_s7_200.h"
+#include "core/siemens_s7_200.h"
 
 #include <QtEndian>
 
 #include <cstring>
+
+namespace cp243
+{
 
 namespace
 {
@@ -84,3 +87,5 @@ void startBatch(int frames)
     PLC_driver.com_info->frame_index = 0;
     PLC_driver.com_info->frame_count = frames;
 }
+
+} // namespace cp243

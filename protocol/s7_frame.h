@@ -4,9 +4,12 @@
 /// The one way to build an S7 job with one item, and to record it as pending. Layout: TPKT (RFC
 /// 1006), DT TPDU (ISO 8073), S7 job header, one item; a write adds a data item.
 
-#include "driver/request_records.h"
+#include <siemens_s7_200_cp243/request_records.h>
 
 #include <QtGlobal>
+
+namespace cp243
+{
 
 /// Offsets in a job.
 enum JobOffset {
@@ -68,5 +71,7 @@ void recordPending(const QByteArray& frame, const ExpectedReply& expected, const
 
 /// Marks the settings record for a transaction of `frames` frames, none answered yet.
 void startBatch(int frames);
+
+} // namespace cp243
 
 #endif

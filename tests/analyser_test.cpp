@@ -1,7 +1,7 @@
 // Every kind of frame that the driver sends, decoded by a packet analyser that knows nothing of it.
 
-#include "driver/host_interface.h"
-#include "driver/siemens_s7_200.h"
+#include <siemens_s7_200_cp243/host_interface.h>
+#include "core/siemens_s7_200.h"
 #include "protocol/Func_HandShake.h"
 #include "protocol/Func_Read.h"
 #include "protocol/Func_Write.h"

@@ -3,7 +3,7 @@
 
 /// Puts the driver's one global object into a known state between test cases.
 
-#include "driver/siemens_s7_200.h"
+#include "core/siemens_s7_200.h"
 #include "image/Func_DealData.h"
 
 #include <QDebug>

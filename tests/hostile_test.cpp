@@ -1,7 +1,7 @@
 // Absurd host arguments and hostile replies: memory and work stay within what the driver's own
 // records need. Work is measured in what is left behind, entries and bytes, never in time.
 
-#include "driver/host_interface.h"
+#include <siemens_s7_200_cp243/host_interface.h>
 #include "tests/driver_fixture.h"
 
 #include <QSet>

@@ -1,7 +1,7 @@
 // The panel's communication loop end to end: the driver loaded from its file, over TCP, against
 // simulated controllers, local, remote, and several at once.
 
-#include "host/options.h"
+#include "panel/options.h"
 #include "simulator/simulator_thread.h"
 
 #include <QtTest>

@@ -1,8 +1,8 @@
 // How the panel reads variables and options, and what requests it makes of them. The requests are
 // put to the real driver, whose own cutting and merging they have to get through unharmed.
 
-#include "driver/siemens_s7_200.h"
-#include "host/options.h"
+#include "core/siemens_s7_200.h"
+#include "panel/options.h"
 #include "host/request_plan.h"
 #include "host/variable.h"
 

@@ -3,8 +3,8 @@
 // Requests made on another link are left out: their replies are stored without the data mutex,
 // which hosts rely on.
 
-#include "driver/host_interface.h"
-#include "driver/siemens_s7_200.h"
+#include <siemens_s7_200_cp243/host_interface.h>
+#include "core/siemens_s7_200.h"
 #include "simulator/s7_request_handler.h"
 #include "tests/driver_fixture.h"
 

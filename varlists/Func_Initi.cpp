@@ -1,9 +1,9 @@
 #include "varlists/Func_Initi.h"
 
-#include "driver/checked_int.h"
-#include "driver/register_types.h"
-#include "driver/shared_word.h"
-#include "driver/siemens_s7_200.h"
+#include "core/checked_int.h"
+#include "core/register_properties.h"
+#include "core/shared_word.h"
+#include "core/siemens_s7_200.h"
 
 #include <QMutexLocker>
 #include <QSet>
@@ -11,11 +11,12 @@
 
 #include <algorithm>
 
+using namespace cp243;
+
 namespace
 {
 
 constexpr int InvalidAddress = -1;
-constexpr int AppendAlways = 1; ///< Mode of the list calls that skips merging and parsing.
 constexpr int QueueLimit = 1024;
 
 /// Most bytes or elements that one listed variable covers: what the 16-bit length of an item can
@@ -346,7 +347,7 @@ int AddListWriteVar(RW_VAR* var, int mode)
     QMutexLocker lock(&PLC_driver.list_mutex);
     QList<RW_VAR>& list = PLC_driver.write_list;
     const int size = int(list.size());
-    if (mode == AppendAlways || size < 2) {
+    if (mode == List_Append || size < 2) {
         list.append(*var);
         return size + 1;
     }
@@ -367,7 +368,7 @@ int AddListOnceReadVar(RW_VAR* var, int mode)
     QList<RW_VAR>& list = PLC_driver.once_read_list;
     if (!var)
         return 0;
-    if (mode == AppendAlways) {
+    if (mode == List_Append) {
         QMutexLocker lock(&PLC_driver.list_mutex);
         list.append(*var);
         return int(list.size());

@@ -1,4 +1,4 @@
-#include "host/options.h"
+#include "panel/options.h"
 
 #include <QCommandLineParser>
 

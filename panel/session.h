@@ -1,9 +1,9 @@
-#ifndef HOST_SESSION_H
-#define HOST_SESSION_H
+#ifndef PANEL_SESSION_H
+#define PANEL_SESSION_H
 
 #include "host/comm_loop.h"
 #include "host/driver_library.h"
-#include "host/options.h"
+#include "panel/options.h"
 #include "simulator/simulator_thread.h"
 #include "wire/frame_trace.h"
 

@@ -1,4 +1,4 @@
-#include "driver/siemens_s7_200.h"
+#include "core/siemens_s7_200.h"
 
 #include <cstddef>
 #include <cstring>

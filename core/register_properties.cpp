@@ -1,4 +1,7 @@
-#include "driver/register_types.h"
+#include "core/register_properties.h"
+
+namespace cp243
+{
 
 namespace
 {
@@ -37,3 +40,5 @@ const RegisterTypeInfo* registerTypeInfo(int regType)
 {
     return regType >= 0 && regType < RegisterTypeCount ? &Types[regType] : nullptr;
 }
+
+} // namespace cp243

@@ -1,5 +1,5 @@
-#ifndef HOST_INBOX_H
-#define HOST_INBOX_H
+#ifndef PANEL_INBOX_H
+#define PANEL_INBOX_H
 
 #include <QSocketNotifier>
 

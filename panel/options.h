@@ -1,5 +1,5 @@
-#ifndef HOST_OPTIONS_H
-#define HOST_OPTIONS_H
+#ifndef PANEL_OPTIONS_H
+#define PANEL_OPTIONS_H
 
 #include "host/comm_loop.h"
 #include "host/variable.h"

@@ -1,8 +1,8 @@
 // s7200-panel: a small operator panel on a terminal, and the worked example of a host that loads
 // and drives the driver library.
 
-#include "host/commands.h"
-#include "host/session.h"
+#include "panel/commands.h"
+#include "panel/session.h"
 
 #include <QCoreApplication>
 

@@ -1,5 +1,5 @@
-#ifndef DRIVER_CHECKED_INT_H
-#define DRIVER_CHECKED_INT_H
+#ifndef CORE_CHECKED_INT_H
+#define CORE_CHECKED_INT_H
 
 /// Integer arithmetic on numbers that the host or the wire chose: computed in 64 bits, then brought
 /// back into the 32-bit fields without overflow.
@@ -7,6 +7,9 @@
 #include <QtGlobal>
 
 #include <limits>
+
+namespace cp243
+{
 
 constexpr int MaxInt = std::numeric_limits<int>::max();
 constexpr int MinInt = std::numeric_limits<int>::min();
@@ -49,5 +52,7 @@ inline Pieces cutIntoPieces(qint64 total, qint64 size)
         return {whole + 1, size, rest};
     return {whole, size, size};
 }
+
+} // namespace cp243
 
 #endif

@@ -1,7 +1,7 @@
-#include "host/commands.h"
-#include "host/display.h"
-#include "host/inbox.h"
-#include "host/session.h"
+#include "panel/commands.h"
+#include "panel/display.h"
+#include "panel/inbox.h"
+#include "panel/session.h"
 
 #include <QElapsedTimer>
 #include <QEventLoop>

@@ -1,5 +1,5 @@
-#ifndef HOST_DISPLAY_H
-#define HOST_DISPLAY_H
+#ifndef PANEL_DISPLAY_H
+#define PANEL_DISPLAY_H
 
 #include <QString>
 #include <QStringList>

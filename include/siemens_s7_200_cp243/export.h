@@ -1,9 +1,9 @@
-#ifndef DRIVER_EXPORT_H
-#define DRIVER_EXPORT_H
+#ifndef SIEMENS_S7_200_CP243_EXPORT_H
+#define SIEMENS_S7_200_CP243_EXPORT_H
 
 #include <QtGlobal>
 
 /// Marks what the shared library shows to the outside; everything else is hidden.
-#define DRIVER_EXPORT Q_DECL_EXPORT
+#define CP243_EXPORT Q_DECL_EXPORT
 
 #endif

@@ -1,6 +1,6 @@
-#include "host/commands.h"
-#include "host/inbox.h"
-#include "host/session.h"
+#include "panel/commands.h"
+#include "panel/inbox.h"
+#include "panel/session.h"
 
 #include <QEventLoop>
 

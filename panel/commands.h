@@ -1,7 +1,7 @@
-#ifndef HOST_COMMANDS_H
-#define HOST_COMMANDS_H
+#ifndef PANEL_COMMANDS_H
+#define PANEL_COMMANDS_H
 
-#include "host/options.h"
+#include "panel/options.h"
 
 class Session;
 

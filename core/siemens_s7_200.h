@@ -1,11 +1,11 @@
-#ifndef DRIVER_SIEMENS_S7_200_H
-#define DRIVER_SIEMENS_S7_200_H
+#ifndef CORE_SIEMENS_S7_200_H
+#define CORE_SIEMENS_S7_200_H
 
 /// The one driver object, its records and the data image.
 
-#include "driver/export.h"
-#include "driver/host_interface.h"
-#include "driver/request_records.h"
+#include <siemens_s7_200_cp243/export.h>
+#include <siemens_s7_200_cp243/host_interface.h>
+#include <siemens_s7_200_cp243/request_records.h>
 
 #include <QByteArray>
 #include <QList>
@@ -28,7 +28,7 @@ struct EXTENDVAR {
 
 /// The driver's whole state. Member order is fixed. The comm loop's thread alone uses
 /// protocol_list; the mutexes guard what is named beside them.
-class DRIVER_EXPORT Siemens_S7_200
+class CP243_EXPORT Siemens_S7_200
 {
 public:
     Siemens_S7_200();
@@ -80,13 +80,13 @@ private:
 /// Values of Siemens_S7_200::request_kind.
 enum RequestKind { CyclicRead = 0, QueuedWrite = 1, OneShotRead = 2, NoRequestYet = 100 };
 
-extern DRIVER_EXPORT Siemens_S7_200 PLC_driver;
+extern CP243_EXPORT Siemens_S7_200 PLC_driver;
 
 /// Connection state by station; entries are created on first use and never removed.
-extern DRIVER_EXPORT QMap<int, PLC_CHECK> map_list;
+extern CP243_EXPORT QMap<int, PLC_CHECK> map_list;
 
 /// Copies all fields of a finished request but its value, which is cleared in `to`: the host reads
 /// values through GetRegisterData.
-DRIVER_EXPORT void passRetValue(const RW_VAR& from, RW_VAR& to);
+CP243_EXPORT void passRetValue(const RW_VAR& from, RW_VAR& to);
 
 #endif

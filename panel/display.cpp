@@ -1,4 +1,4 @@
-#include "host/display.h"
+#include "panel/display.h"
 
 #include <cstdio>
 #include <sys/ioctl.h>

@@ -1,4 +1,4 @@
-#include "host/session.h"
+#include "panel/session.h"
 
 #include <cstdio>
 

@@ -1,4 +1,4 @@
-#include "host/inbox.h"
+#include "panel/inbox.h"
 
 #include <algorithm>
 #include <csignal>

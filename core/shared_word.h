@@ -1,9 +1,12 @@
-#ifndef DRIVER_SHARED_WORD_H
-#define DRIVER_SHARED_WORD_H
+#ifndef CORE_SHARED_WORD_H
+#define CORE_SHARED_WORD_H
 
 /// Access to the few plain words that the comm loop's thread writes while other threads read them
 /// without a mutex: link_failed and COM_INFO::cycle_complete. Their types are fixed by the record
 /// layouts, so the atomicity is in the access.
+
+namespace cp243
+{
 
 template <typename Word>
 inline Word loadShared(const Word& word)
@@ -16,5 +19,7 @@ inline void storeShared(Word& word, Word value)
 {
     __atomic_store_n(&word, value, __ATOMIC_RELAXED);
 }
+
+} // namespace cp243
 
 #endif
