@@ -3,12 +3,14 @@
 
 #include <siemens_s7_200_cp243/host_interface.h>
 #include "fuzz/support.h"
-#include "host/variable.h"
+#include <s7200host/variable.h>
 #include "tests/driver_fixture.h"
 #include "wire/tpkt_reassembler.h"
 
 #include <QList>
 #include <QVector>
+
+using namespace s7200;
 
 namespace
 {

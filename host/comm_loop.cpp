@@ -6,6 +6,9 @@
 #include <utility>
 #include <vector>
 
+namespace s7200
+{
+
 namespace
 {
 
@@ -692,3 +695,5 @@ void CommLoop::countStations()
     const std::lock_guard<std::mutex> lock(mutex);
     statistics.stationsUp = int(up);
 }
+
+} // namespace s7200

@@ -16,6 +16,9 @@
 #include <mutex>
 #include <thread>
 
+namespace s7200
+{
+
 /// Why something could not be done.
 enum class Fault { None, NoConnection, NoAnswer, Refused, Invalid, Stopped };
 
@@ -211,5 +214,7 @@ private:
     Waiter* wakeable = nullptr;
     bool ended = false; ///< Requests are no longer taken.
 };
+
+} // namespace s7200
 
 #endif

@@ -3,6 +3,9 @@
 #include <QCoreApplication>
 #include <QFileInfo>
 
+namespace s7200
+{
+
 namespace
 {
 
@@ -49,3 +52,5 @@ bool DriverLibrary::load(const QString& file, QString* error)
            resolve(&GetRegisterData, "GetRegisterData", error) &&
            resolve(&SetRegisterData, "SetRegisterData", error);
 }
+
+} // namespace s7200

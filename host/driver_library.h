@@ -6,6 +6,9 @@
 #include <QLibrary>
 #include <QString>
 
+namespace s7200
+{
+
 /// The driver, loaded from its file at run time. The members are its entry points under their own
 /// names and documented in driver/host_interface.h.
 ///
@@ -34,5 +37,7 @@ private:
 
     QLibrary library;
 };
+
+} // namespace s7200
 
 #endif

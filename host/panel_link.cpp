@@ -4,6 +4,9 @@
 
 #include <QNetworkProxy>
 
+namespace s7200
+{
+
 namespace
 {
 
@@ -232,3 +235,5 @@ QString refusalOf(const QByteArray& reply)
     const uchar code = byteAt(reply, ItemReturnCode);
     return hasItem && code != Success ? itemError(code) : QString();
 }
+
+} // namespace s7200

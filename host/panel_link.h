@@ -12,6 +12,9 @@
 
 class FrameTrace;
 
+namespace s7200
+{
+
 /// Where a controller listens.
 struct Endpoint {
     QString host;
@@ -79,5 +82,7 @@ private:
 /// not: an error class, an item return code other than 0xFF, or a disconnect request (ISO 8073).
 /// The driver takes a write that was refused by its item for a good one, so a host has to look.
 QString refusalOf(const QByteArray& reply);
+
+} // namespace s7200
 
 #endif

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 
+namespace s7200
+{
+
 namespace
 {
 
@@ -305,3 +308,5 @@ int bytesClearedBehind(const Variable& variable, int limit, bool singleBytes)
         end = std::max(end, done + 2 * std::min(most, variable.repeat - done));
     return end - variable.repeat;
 }
+
+} // namespace s7200

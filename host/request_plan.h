@@ -1,12 +1,15 @@
 #ifndef HOST_REQUEST_PLAN_H
 #define HOST_REQUEST_PLAN_H
 
+#include <s7200host/variable.h>
 #include <siemens_s7_200_cp243/host_interface.h>
-#include "host/variable.h"
 
 #include <QByteArray>
 #include <QList>
 #include <QVector>
+
+namespace s7200
+{
 
 /// Turns variables into what the driver's list and value functions are given, so that no request
 /// exceeds the PDU of 240 bytes that the module grants: at most 222 bytes of data in a read reply
@@ -75,5 +78,7 @@ QVector<WriteStep> writeSteps(const Variable& variable, const QVector<quint32>& 
 /// Bytes behind the variable that its steps overwrite with 0: a VB write covers twice the bytes
 /// that it fills. 0 for all other variables.
 int bytesClearedBehind(const Variable& variable, int limit, bool singleBytes);
+
+} // namespace s7200
 
 #endif

@@ -1,4 +1,4 @@
-#include "host/variable.h"
+#include <s7200host/variable.h>
 
 #include <QStringList>
 #include <QtEndian>
@@ -6,6 +6,9 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+
+namespace s7200
+{
 
 namespace
 {
@@ -543,3 +546,5 @@ QString variableHelp()
         "  /FORMAT       unsigned (the default), signed, hex, binary, float (double words only),\n"
         "                or the first letter: VD4/f\n");
 }
+
+} // namespace s7200

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <limits>
 
+namespace s7200
+{
+
 Waiter::Waiter() : dispatcher(QAbstractEventDispatcher::instance())
 {
     timer.setSingleShot(true);
@@ -32,3 +35,5 @@ void Waiter::wake()
 {
     dispatcher->wakeUp();
 }
+
+} // namespace s7200

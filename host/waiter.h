@@ -6,6 +6,9 @@
 #include <QEventLoop>
 #include <QTimer>
 
+namespace s7200
+{
+
 /// Puts the thread that made it to sleep until one of its sockets has news, somebody wakes it, or
 /// a deadline passes. A QCoreApplication must exist.
 class Waiter
@@ -27,5 +30,7 @@ private:
     QTimer timer;
     QAbstractEventDispatcher* dispatcher;
 };
+
+} // namespace s7200
 
 #endif

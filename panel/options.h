@@ -2,11 +2,13 @@
 #define PANEL_OPTIONS_H
 
 #include "host/comm_loop.h"
-#include "host/variable.h"
+#include <s7200host/variable.h>
 
 #include <QString>
 #include <QStringList>
 #include <QVector>
+
+using namespace s7200;
 
 /// What the program's exit status says.
 enum ExitStatus {

@@ -10,6 +10,8 @@
 #include <memory>
 #include <vector>
 
+using namespace s7200;
+
 /// All that a command needs: the driver, its communication loop, and the simulated controllers if
 /// none was given.
 class Session

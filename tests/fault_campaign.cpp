@@ -19,6 +19,8 @@
 #include <deque>
 #include <random>
 
+using namespace s7200;
+
 namespace
 {
 

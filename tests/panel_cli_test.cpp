@@ -9,6 +9,7 @@
 
 #include <csignal>
 
+
 namespace
 {
 

@@ -9,6 +9,8 @@
 #include <condition_variable>
 #include <future>
 
+using namespace s7200;
+
 namespace
 {
 

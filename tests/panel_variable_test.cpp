@@ -4,9 +4,11 @@
 #include "core/siemens_s7_200.h"
 #include "panel/options.h"
 #include "host/request_plan.h"
-#include "host/variable.h"
+#include <s7200host/variable.h>
 
 #include <QtTest>
+
+using namespace s7200;
 
 namespace
 {

@@ -1,9 +1,12 @@
-#ifndef HOST_VARIABLE_H
-#define HOST_VARIABLE_H
+#ifndef S7200HOST_VARIABLE_H
+#define S7200HOST_VARIABLE_H
 
 #include <QByteArray>
 #include <QString>
 #include <QVector>
+
+namespace s7200
+{
 
 /// How wide one element of a variable is. Number: the 16-bit value of a timer or counter.
 enum class Width { Bit, Byte, Word, DoubleWord, Number };
@@ -72,5 +75,7 @@ QString formatValues(const Variable& variable, const QVector<quint32>& values);
 
 /// Lines for --help that explain how variables are written.
 QString variableHelp();
+
+} // namespace s7200
 
 #endif

@@ -1,0 +1,145 @@
+#ifndef S7200HOST_CONTROLLER_H
+#define S7200HOST_CONTROLLER_H
+
+#include <s7200host/export.h>
+#include <s7200host/link.h>
+#include <s7200host/value.h>
+#include <s7200host/variable.h>
+
+#include <QMap>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include <functional>
+#include <memory>
+
+namespace s7200
+{
+
+namespace wire
+{
+class FrameTrace;
+}
+
+/// Where a controller listens.
+struct Endpoint {
+    QString host;
+    quint16 port = 102; ///< Registered for RFC 1006.
+
+    /// "host:port", an IPv6 address in brackets.
+    S7200HOST_EXPORT QString text() const;
+};
+
+struct ControllerSettings {
+    QString name; ///< For messages and records; the endpoint's text if empty.
+    Endpoint endpoint;
+    /// Transport service access points (ISO 8073), two bytes each: the first names the kind of
+    /// connection, the second the module's place. 0 in either: the driver's defaults for both.
+    quint16 localTsap = 0x1000;  ///< This side's, "calling".
+    quint16 remoteTsap = 0x1100; ///< The controller's, "called".
+    int timeoutMs = 1000;        ///< For a connection, name look-up included, and for each reply.
+    int retries = 3;             ///< Failed replies before the driver declares the link down.
+    int intervalMs = 500;        ///< From the start of one cycle to that of the next.
+    int blockLimit = 0;          ///< Bytes of one read; 0: chosen by what is watched.
+    bool probe = true;           ///< With nothing to watch, read the status word to keep the link.
+    bool remoteAccess = false;   ///< Forwarding records in place of S7 jobs.
+    /// Several stations behind one driver, each with an endpoint of its own; a variable's station
+    /// chooses. Empty: one station, `endpoint`. A dead station costs the others time, so prefer an
+    /// object for each.
+    QMap<int, Endpoint> stations;
+    int defaultStation = 2;            ///< The driver's station number of variables without one.
+    QString driverFile;                ///< Empty: the installed library, see findDriver().
+    wire::FrameTrace* trace = nullptr; ///< Not owned; must outlive the controller. May be null.
+};
+
+/// How a request ended.
+struct Result {
+    Cause cause = Cause::None; ///< None: it was carried out.
+    QString detail;            ///< What happened, for people.
+    Value value;               ///< Of a read.
+
+    explicit operator bool() const
+    {
+        return cause == Cause::None;
+    }
+};
+
+/// One controller with a driver of its own: connects, keeps the link up, reads what is watched once
+/// an interval, reads and writes on request. Any number may live in one thread.
+///
+/// Non-blocking: everything happens in the event loop of the object's thread, which is also the
+/// only thread that may call its functions, and on which completions and signals come. A completion
+/// may call any function, and may delete the object later (deleteLater) but not at once.
+class S7200HOST_EXPORT Controller : public QObject
+{
+    Q_OBJECT
+public:
+    using Done = std::function<void(const Result&)>;
+
+    explicit Controller(const ControllerSettings& settings, QObject* parent = nullptr);
+    ~Controller() override; ///< Stops.
+
+    const ControllerSettings& settings() const;
+    QString name() const;
+
+    /// Loads a copy of the driver and begins to connect; it goes on until stop(). False with a
+    /// one-line `error` if the driver cannot be loaded. Starting twice changes nothing.
+    bool start(QString* error = nullptr);
+
+    /// Closes the connection. Open requests end as Cause::Stopped before it returns.
+    void stop();
+
+    /// Replaces the variables that are read cyclically; may be called before start().
+    void watch(const QVector<Variable>& variables);
+
+    /// The same from texts such as "VW100". False with a one-line `error`, and nothing changed, if
+    /// one is wrong.
+    bool watch(const QStringList& variables, QString* error = nullptr);
+
+    const QVector<Variable>& watched() const;
+
+    /// What is known of the watched variable of that index; never read for any other index.
+    Value value(int index) const;
+
+    /// Reads a variable once. A request waits while the link is being brought up and fails at once
+    /// while it is Waiting or Down.
+    void read(const Variable& variable, const Done& done);
+
+    /// Writes a variable, one value an element, right-aligned; done when the controller has
+    /// acknowledged all of it or refused a part. Writes are carried out in the order given; they
+    /// are not kept for a link that is Waiting or Down but fail at once.
+    void write(const Variable& variable, const QVector<quint32>& values, const Done& done = {});
+
+    /// The same from a text such as "VW100=7". False with a one-line `error`, and nothing sent, if
+    /// it is wrong.
+    bool write(const QString& assignment, const Done& done = {}, QString* error = nullptr);
+
+    /// Of the default station unless another is named.
+    LinkStatus link(int station = -1) const;
+
+    const LinkStatistics& statistics() const;
+
+Q_SIGNALS:
+    void linkChanged(const s7200::LinkStatus& status);
+
+    /// Value or quality of watched variables has changed, by index in watched().
+    void valuesChanged(const QVector<int>& indexes);
+
+    /// All watched variables of the stations that answer were read.
+    void cycleDone();
+
+private:
+    class Private;
+    std::unique_ptr<Private> d;
+};
+
+/// The driver library's file: `file` itself if not empty, else the one beside the program, in
+/// ../lib or ../lib/TRIPLET as installed, in the build tree, or where the system's loader looks.
+/// Empty with a one-line `error` if there is none.
+S7200HOST_EXPORT QString findDriver(const QString& file, QString* error);
+
+} // namespace s7200
+
+#endif
