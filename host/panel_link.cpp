@@ -113,7 +113,7 @@ PanelLink::Exchange PanelLink::exchange(const QByteArray& frame)
         return failed;
     }
     if (settings.trace)
-        settings.trace->record(traceConnection, FrameTrace::ToController, frame);
+        settings.trace->record(traceConnection, wire::FrameTrace::ToController, frame);
     socket.write(frame);
     socket.flush();
     return awaitReply(frame);
@@ -149,7 +149,8 @@ QString PanelLink::connectAfresh()
     socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
     mayReopen = false;
     if (settings.trace)
-        traceConnection = settings.trace->newConnection();
+        traceConnection = settings.trace->newConnection({socket.localAddress(), socket.localPort()},
+                                                        {socket.peerAddress(), socket.peerPort()});
     return QString();
 }
 
@@ -161,7 +162,7 @@ void PanelLink::dropStaleInput()
     QByteArray stale;
     while (reassembler.takeFrame(&stale)) {
         if (settings.trace)
-            settings.trace->record(traceConnection, FrameTrace::FromController, stale);
+            settings.trace->record(traceConnection, wire::FrameTrace::FromController, stale);
     }
     reassembler.clear();
     received.clear();
@@ -183,7 +184,7 @@ bool PanelLink::takeReply(const QByteArray& frame, QByteArray* reply)
 {
     while (reassembler.takeFrame(reply)) {
         if (settings.trace)
-            settings.trace->record(traceConnection, FrameTrace::FromController, *reply);
+            settings.trace->record(traceConnection, wire::FrameTrace::FromController, *reply);
         if (isEmptyDataTpdu(*reply))
             continue;
         if (settings.remote || !answersAnother(frame, *reply))

@@ -10,7 +10,10 @@
 
 #include <atomic>
 
+namespace s7200::wire
+{
 class FrameTrace;
+}
 
 namespace s7200
 {
@@ -25,9 +28,9 @@ struct Endpoint {
 
 struct LinkSettings {
     Endpoint controller;
-    bool remote = false;         ///< Frames are forwarding records and not TPKTs.
-    int timeoutMs = 1000;        ///< For the connection and for each reply.
-    FrameTrace* trace = nullptr; ///< Not owned; may be null.
+    bool remote = false;               ///< Frames are forwarding records and not TPKTs.
+    int timeoutMs = 1000;              ///< For the connection and for each reply.
+    wire::FrameTrace* trace = nullptr; ///< Not owned; may be null.
 };
 
 /// The TCP connection to one controller: sends a frame of the driver's and waits for its reply.

@@ -33,7 +33,7 @@ private:
     DriverLibrary library;
     LoopSettings settings;
     bool embedded = false;
-    std::unique_ptr<FrameTrace> trace;
+    std::unique_ptr<wire::FrameTrace> trace;
     std::vector<std::unique_ptr<SimulatorThread>> simulators;
     std::unique_ptr<CommLoop> commLoop;
 };

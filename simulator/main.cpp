@@ -164,9 +164,10 @@ void printFaultCounts(const SimulatorThread& simulator, const QStringList& fault
 int run(Settings& settings, const sigset_t& endSignals)
 {
     QString error;
-    std::unique_ptr<FrameTrace> trace;
+    std::unique_ptr<s7200::wire::FrameTrace> trace;
     if (!settings.traceFile.isEmpty()) {
-        trace = FrameTrace::open(settings.traceFile, &error);
+        trace = s7200::wire::FrameTrace::open(settings.traceFile,
+                                              s7200::wire::FrameTrace::KeepExisting, &error);
         if (!trace) {
             printLine(stderr, error);
             return CannotStart;

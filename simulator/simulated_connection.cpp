@@ -62,13 +62,16 @@ SimulatedConnection::SimulatedConnection(QTcpSocket* acceptedSocket, int connect
     else
         handler = std::make_unique<S7RequestHandler>(&state->memory, options.largestPdu);
     if (options.trace != nullptr)
-        traceId = options.trace->newConnection();
+        traceId = options.trace->newConnection({socket->peerAddress(), socket->peerPort()},
+                                               {socket->localAddress(), socket->localPort()});
     ++state->connections;
     socket->setParent(this);
     socket->setReadBufferSize(ReadBufferBytes);
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     connect(socket, &QTcpSocket::disconnected, this, [this] {
         log(QStringLiteral("disconnected"), FaultKind::None);
+        if (options.trace != nullptr)
+            options.trace->closeConnection(traceId, s7200::wire::FrameTrace::ToController);
         deleteLater();
     });
     connect(socket, &QTcpSocket::readyRead, this, [this] { receive(); });
@@ -107,7 +110,7 @@ void SimulatedConnection::receive()
         if (bytes.isEmpty())
             return;
         if (options.trace != nullptr)
-            options.trace->record(traceId, FrameTrace::ToController, bytes);
+            options.trace->record(traceId, s7200::wire::FrameTrace::ToController, bytes);
         if (!silent)
             handler->append(bytes);
     }
@@ -176,7 +179,7 @@ void SimulatedConnection::deliver(const QByteArray& reply, FaultKind fault)
 void SimulatedConnection::send(const QByteArray& bytes)
 {
     if (options.trace != nullptr)
-        options.trace->record(traceId, FrameTrace::FromController, bytes);
+        options.trace->record(traceId, s7200::wire::FrameTrace::FromController, bytes);
     socket->write(bytes);
     socket->flush();
     if (socket->bytesToWrite() > MostUnsentBytes) {

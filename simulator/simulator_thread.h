@@ -10,7 +10,10 @@
 #include <functional>
 #include <memory>
 
+namespace s7200::wire
+{
 class FrameTrace;
+}
 
 /// How a simulated controller behaves.
 struct SimulatorOptions {
@@ -21,7 +24,7 @@ struct SimulatorOptions {
     int largestPdu = 240;          ///< Most that setup communication grants.
     QStringList faults; ///< As on the command line: KIND[:PROBABILITY|:every N|:address A].
     quint32 seed = 1;   ///< Of everything random about the faults.
-    FrameTrace* trace = nullptr; ///< Not owned; must outlive the simulator.
+    s7200::wire::FrameTrace* trace = nullptr; ///< Not owned; must outlive the simulator.
     /// Gets a line per request; called on the simulator's thread. May be empty.
     std::function<void(const QString&)> log;
 };
