@@ -1,6 +1,7 @@
 #include "host/panel_link.h"
 
 #include "wire/frame_trace.h"
+#include "wire/s7_fields.h"
 
 #include <QNetworkProxy>
 
@@ -159,10 +160,9 @@ void PanelLink::dropStaleInput()
 {
     waiter.poll();
     receive();
-    QByteArray stale;
-    while (reassembler.takeFrame(&stale)) {
+    while (const auto stale = reassembler.takeFrame()) {
         if (settings.trace)
-            settings.trace->record(traceConnection, wire::FrameTrace::FromController, stale);
+            settings.trace->record(traceConnection, wire::FrameTrace::FromController, *stale);
     }
     reassembler.clear();
     received.clear();
@@ -182,10 +182,11 @@ void PanelLink::receive()
 
 bool PanelLink::takeReply(const QByteArray& frame, QByteArray* reply)
 {
-    while (reassembler.takeFrame(reply)) {
+    while (auto taken = reassembler.takeFrame()) {
+        *reply = *taken;
         if (settings.trace)
             settings.trace->record(traceConnection, wire::FrameTrace::FromController, *reply);
-        if (isEmptyDataTpdu(*reply))
+        if (wire::isEmptyDataTpdu(*reply))
             continue;
         if (settings.remote || !answersAnother(frame, *reply))
             return true;

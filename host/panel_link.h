@@ -10,13 +10,13 @@
 
 #include <atomic>
 
-namespace s7200::wire
+namespace s7200
+{
+
+namespace wire
 {
 class FrameTrace;
 }
-
-namespace s7200
-{
 
 /// Where a controller listens.
 struct Endpoint {
@@ -74,7 +74,7 @@ private:
     Waiter& waiter;
     const std::atomic<bool>& stop;
     QTcpSocket socket;
-    TpktReassembler reassembler;
+    wire::TpktReassembler reassembler;
     QByteArray received;   ///< Since the last frame was sent.
     QByteArray mismatched; ///< The last reply to some other request since then.
     bool mayReopen = true; ///< Remote link only.

@@ -31,9 +31,9 @@ bool Session::startSimulators(const PanelOptions& options, QString* error)
 {
     embedded = true;
     for (Endpoint& endpoint : settings.controllers) {
-        SimulatorOptions simulator;
+        sim::SimulatorOptions simulator;
         simulator.remote = options.loop.remote;
-        simulators.emplace_back(new SimulatorThread(simulator));
+        simulators.emplace_back(new sim::SimulatorThread(simulator));
         if (!simulators.back()->start(error))
             return false;
         endpoint.host = simulator.address;

@@ -34,7 +34,7 @@ private:
     LoopSettings settings;
     bool embedded = false;
     std::unique_ptr<wire::FrameTrace> trace;
-    std::vector<std::unique_ptr<SimulatorThread>> simulators;
+    std::vector<std::unique_ptr<sim::SimulatorThread>> simulators;
     std::unique_ptr<CommLoop> commLoop;
 };
 

@@ -7,6 +7,9 @@
 #include <QTcpSocket>
 #include <QTimer>
 
+namespace s7200::sim
+{
+
 namespace
 {
 
@@ -71,7 +74,7 @@ SimulatedConnection::SimulatedConnection(QTcpSocket* acceptedSocket, int connect
     connect(socket, &QTcpSocket::disconnected, this, [this] {
         log(QStringLiteral("disconnected"), FaultKind::None);
         if (options.trace != nullptr)
-            options.trace->closeConnection(traceId, s7200::wire::FrameTrace::ToController);
+            options.trace->closeConnection(traceId, wire::FrameTrace::ToController);
         deleteLater();
     });
     connect(socket, &QTcpSocket::readyRead, this, [this] { receive(); });
@@ -94,11 +97,10 @@ SimulatedConnection::~SimulatedConnection()
 
 void SimulatedConnection::receive()
 {
-    QByteArray request;
     // A reply that the client no longer takes closes the socket on the spot.
     while (!closing && socket->isOpen() && splitReply.isEmpty()) {
-        if (handler->takeRequest(&request)) {
-            serve(request);
+        if (const auto request = handler->takeRequest()) {
+            serve(*request);
             continue;
         }
         if (handler->isBroken()) {
@@ -110,7 +112,7 @@ void SimulatedConnection::receive()
         if (bytes.isEmpty())
             return;
         if (options.trace != nullptr)
-            options.trace->record(traceId, s7200::wire::FrameTrace::ToController, bytes);
+            options.trace->record(traceId, wire::FrameTrace::ToController, bytes);
         if (!silent)
             handler->append(bytes);
     }
@@ -179,7 +181,7 @@ void SimulatedConnection::deliver(const QByteArray& reply, FaultKind fault)
 void SimulatedConnection::send(const QByteArray& bytes)
 {
     if (options.trace != nullptr)
-        options.trace->record(traceId, s7200::wire::FrameTrace::FromController, bytes);
+        options.trace->record(traceId, wire::FrameTrace::FromController, bytes);
     socket->write(bytes);
     socket->flush();
     if (socket->bytesToWrite() > MostUnsentBytes) {
@@ -215,3 +217,5 @@ void SimulatedConnection::log(const QString& line, FaultKind fault) const
         text += QStringLiteral(" [fault: %1]").arg(FaultInjector::name(fault));
     options.log(text);
 }
+
+} // namespace s7200::sim

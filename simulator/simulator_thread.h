@@ -15,6 +15,9 @@ namespace s7200::wire
 class FrameTrace;
 }
 
+namespace s7200::sim
+{
+
 /// How a simulated controller behaves.
 struct SimulatorOptions {
     QString address = "127.0.0.1"; ///< Address to listen on.
@@ -24,7 +27,7 @@ struct SimulatorOptions {
     int largestPdu = 240;          ///< Most that setup communication grants.
     QStringList faults; ///< As on the command line: KIND[:PROBABILITY|:every N|:address A].
     quint32 seed = 1;   ///< Of everything random about the faults.
-    s7200::wire::FrameTrace* trace = nullptr; ///< Not owned; must outlive the simulator.
+    wire::FrameTrace* trace = nullptr; ///< Not owned; must outlive the simulator.
     /// Gets a line per request; called on the simulator's thread. May be empty.
     std::function<void(const QString&)> log;
 };
@@ -72,5 +75,7 @@ private:
     std::unique_ptr<Thread> thread;
     bool faultsSet = false; ///< setFaults() has replaced the options' faults.
 };
+
+} // namespace s7200::sim
 
 #endif
