@@ -1,8 +1,8 @@
 // s7200-panel: a small operator panel on a terminal, and the worked example of a host that loads
 // and drives the driver library.
 
-#include "panel/commands.h"
-#include "panel/session.h"
+#include "panel/old_commands.h"
+#include "panel/old_session.h"
 
 #include <QCoreApplication>
 

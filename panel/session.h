@@ -1,41 +1,43 @@
 #ifndef PANEL_SESSION_H
 #define PANEL_SESSION_H
 
-#include "host/comm_loop.h"
-#include "host/driver_library.h"
-#include "panel/options.h"
-#include "simulator/simulator_thread.h"
-#include "wire/frame_trace.h"
+#include "panel/command_line.h"
 
+#include <functional>
 #include <memory>
 #include <vector>
 
-using namespace s7200;
+namespace s7200::panel
+{
 
-/// All that a command needs: the driver, its communication loop, and the simulated controllers if
-/// none was given.
+/// The controllers of a command line, each with a driver of its own; the trace, and the simulated
+/// controllers if none was given. All in the main thread; run the event loop with
+/// QCoreApplication::exec() and end it with QCoreApplication::exit(STATUS).
 class Session
 {
 public:
-    /// Null with a one-line `error`. The loop is not started.
-    static std::unique_ptr<Session> open(const PanelOptions& options, QString* error);
-    ~Session();
+    /// Null with a one-line `error`. Resolve all items before; no controller is started.
+    static std::unique_ptr<Session> open(const CommandLine& line, QString* error);
+    ~Session(); ///< Stops all controllers; open requests end as Cause::Stopped.
 
-    CommLoop& loop() const;
+    int count() const;
+    Controller& controller(int index) const;
+    /// For messages: "press1 (192.168.0.5:102)", "192.168.0.5:102", "simulated controller".
+    QString name(int index) const;
 
-    /// Where the station's controller is, for messages.
-    QString controllerName(int station) const;
+    /// Starts all controllers. False with a one-line `error`.
+    bool start(QString* error);
+
+    /// SIGINT and SIGTERM, and SIGHUP unless onHangup() is given: ends the event loop with this
+    /// status. Default ExitNoAnswer.
+    void setInterruptStatus(int status);
+    /// SIGHUP calls this instead.
+    void onHangup(const std::function<void()>& handler);
 
 private:
-    Session() = default;
-    bool startSimulators(const PanelOptions& options, QString* error);
-
-    DriverLibrary library;
-    LoopSettings settings;
-    bool embedded = false;
-    std::unique_ptr<FrameTrace> trace;
-    std::vector<std::unique_ptr<SimulatorThread>> simulators;
-    std::unique_ptr<CommLoop> commLoop;
+    class Private;
+    std::unique_ptr<Private> d;
+    explicit Session(Private* priv);
 };
 
 /// Collects what failed, to report it once for each reason rather than once for each variable.
@@ -44,8 +46,8 @@ class FailureReport
 public:
     explicit FailureReport(const Session& session);
 
-    /// Takes note of one variable's result, good ones too.
-    void add(const Variable& variable, const RequestResult& result);
+    /// Takes note of one item's result, good ones too.
+    void add(const Item& item, const Result& result);
 
     /// Prints a line for each reason to standard error; returns the exit status.
     ExitStatus finish() const;
@@ -55,18 +57,11 @@ private:
         QString text;
         QStringList labels;
     };
-    const Session& session;
-    QVector<Fault> faults;
-    QVector<Reason> reasons;
+    const Session& m_session;
+    QVector<Cause> m_causes;
+    QVector<Reason> m_reasons;
 };
 
-/// A line on standard error, after the program's name.
-void complain(const QString& text);
-
-/// A line on standard output: a variable and its elements.
-void printValue(const Variable& variable, const QByteArray& hostData);
-
-/// What happened, with the controller's name where it is the controller that cannot be reached.
-QString describeFault(Fault fault, const QString& detail, const QString& controller);
+} // namespace s7200::panel
 
 #endif

@@ -1,7 +1,7 @@
-#include "panel/commands.h"
 #include "panel/display.h"
 #include "panel/inbox.h"
-#include "panel/session.h"
+#include "panel/old_commands.h"
+#include "panel/old_session.h"
 
 #include <QElapsedTimer>
 #include <QEventLoop>

@@ -1,4 +1,4 @@
-#include "panel/session.h"
+#include "panel/old_session.h"
 
 #include <cstdio>
 
