@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <cstring>
 
+namespace s7200::sim
+{
+
 namespace
 {
 
@@ -226,3 +229,5 @@ void ControllerMemory::setWord(SimulatorArea area, int offset, int value)
 {
     qToBigEndian(quint16(value), areas[size_t(area)].data() + offset);
 }
+
+} // namespace s7200::sim

@@ -7,6 +7,9 @@
 #include <array>
 #include <mutex>
 
+namespace s7200::sim
+{
+
 /// The memory areas of the simulated controller.
 enum class SimulatorArea { I, Q, M, S, SM, V, AIW, AQW, Timer, Counter };
 
@@ -67,5 +70,7 @@ private:
     std::array<bool, LiveValues> stopped = {};
     quint32 ticks = 0;
 };
+
+} // namespace s7200::sim
 
 #endif

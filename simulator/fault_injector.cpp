@@ -6,6 +6,11 @@
 
 #include <algorithm>
 
+namespace s7200::sim
+{
+
+using namespace wire;
+
 namespace
 {
 
@@ -85,12 +90,9 @@ void addToWord(QByteArray& bytes, int offset, int amount)
 /// One byte more at the TPKT's end, believed by every length field on the way.
 QByteArray withWrongLength(QByteArray reply)
 {
-    constexpr int TpktLengthOffset = 2;
-    constexpr int DataLengthOffset = 15;
     const int end = qFromBigEndian<quint16>(reply.constData() + TpktLengthOffset);
-    const bool hasItemLength = end >= ReadPayloadOffset;
-    const bool countsBits =
-        hasItemLength && reply.at(ReturnCodeOffset + 1) == char(ReplyUnit::Bits);
+    const bool hasItemLength = end >= PayloadOffset;
+    const bool countsBits = hasItemLength && reply.at(ItemDataSizeOffset) == char(DataSize::Bits);
     reply.insert(end, '\0');
     addToWord(reply, TpktLengthOffset, 1);
     addToWord(reply, DataLengthOffset, 1);
@@ -189,7 +191,7 @@ QByteArray FaultInjector::spoil(FaultKind kind, const QByteArray& reply)
         break;
     }
     case FaultKind::WrongReference:
-        addToWord(spoiled, ReferenceOffset, 1);
+        addToWord(spoiled, PduReferenceOffset, 1);
         break;
     case FaultKind::WrongLength:
         return withWrongLength(reply);
@@ -239,3 +241,5 @@ QStringList FaultInjector::descriptions()
         lines.append(QString::fromLatin1(row.name).leftJustified(19) + QLatin1String(row.effect));
     return lines;
 }
+
+} // namespace s7200::sim

@@ -10,6 +10,9 @@
 #include <random>
 #include <vector>
 
+namespace s7200::sim
+{
+
 enum class FaultKind {
     None,
     Lost,
@@ -78,5 +81,7 @@ private:
     std::vector<Rule> rules;
     QMap<QString, quint64> injected;
 };
+
+} // namespace s7200::sim
 
 #endif

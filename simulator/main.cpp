@@ -11,6 +11,9 @@
 #include <cstdio>
 #include <ctime>
 
+using namespace s7200;
+using namespace s7200::sim;
+
 namespace
 {
 
@@ -164,9 +167,9 @@ void printFaultCounts(const SimulatorThread& simulator, const QStringList& fault
 int run(Settings& settings, const sigset_t& endSignals)
 {
     QString error;
-    std::unique_ptr<FrameTrace> trace;
+    std::unique_ptr<wire::FrameTrace> trace;
     if (!settings.traceFile.isEmpty()) {
-        trace = FrameTrace::open(settings.traceFile, &error);
+        trace = wire::FrameTrace::open(settings.traceFile, &error);
         if (!trace) {
             printLine(stderr, error);
             return CannotStart;

@@ -6,6 +6,9 @@
 
 #include <numeric>
 
+namespace s7200::sim
+{
+
 namespace
 {
 
@@ -15,7 +18,7 @@ constexpr int CountOffset = 11;
 constexpr int OriginOffset = 2;
 constexpr int ValueOffset = 21;
 constexpr int ShortestRecord = ValueOffset + 1;
-constexpr int LongestPayload = 65535 - ReadPayloadOffset;
+constexpr int LongestPayload = 65535 - wire::PayloadOffset;
 constexpr int LongestPayloadInBits = 8191;
 
 /// How a write's value is encoded and how its address counts.
@@ -75,13 +78,13 @@ quint8 checksum(const QByteArray& bytes)
                            [](quint8 sum, char byte) { return quint8(sum + quint8(byte)); });
 }
 
-ReturnCode checkWrite(SimulatorArea area, int offset, int bytes)
+ItemCode checkWrite(SimulatorArea area, int offset, int bytes)
 {
     if (!ControllerMemory::contains(area, offset, bytes))
-        return ReturnCode::AddressOutOfRange;
+        return ItemCode::AddressOutOfRange;
     if (!ControllerMemory::isWritable(area, offset))
-        return ReturnCode::AccessDenied;
-    return ReturnCode::Success;
+        return ItemCode::AccessDenied;
+    return ItemCode::Success;
 }
 
 int byteOr0(const QByteArray& bytes, int index)
@@ -115,24 +118,19 @@ RemoteRequestHandler::RemoteRequestHandler(ControllerMemory* controllerMemory)
 
 void RemoteRequestHandler::append(const QByteArray& bytes)
 {
-    buffer.append(bytes);
+    m_waiting.append(bytes);
 }
 
-bool RemoteRequestHandler::takeRequest(QByteArray* request)
+std::optional<QByteArray> RemoteRequestHandler::takeRequest()
 {
-    if (buffer.isEmpty())
-        return false;
-    const int length = quint8(buffer.at(0));
-    if (length < ShortestRecord) {
-        *request = buffer;
-        buffer.clear();
-        return true;
-    }
-    if (buffer.size() < length)
-        return false;
-    *request = buffer.left(length);
-    buffer.remove(0, length);
-    return true;
+    if (m_waiting.isEmpty())
+        return std::nullopt;
+    const int length = m_waiting.at(0);
+    if (length < ShortestRecord)
+        return m_waiting.take(m_waiting.size());
+    if (m_waiting.size() < length)
+        return std::nullopt;
+    return m_waiting.take(length);
 }
 
 bool RemoteRequestHandler::isBroken() const
@@ -161,7 +159,7 @@ RequestSummary RemoteRequestHandler::parse(const QByteArray& request)
     current = parseRecord(request);
     RequestSummary summary;
     if (!current.valid) {
-        buffer.clear();
+        m_waiting.clear();
         return summary;
     }
     summary.kind = RequestSummary::Job;
@@ -174,7 +172,7 @@ RequestSummary RemoteRequestHandler::parse(const QByteArray& request)
 
 QByteArray RemoteRequestHandler::answer(Refusal refusal)
 {
-    returnCode = ReturnCode::Success;
+    returnCode = ItemCode::Success;
     jobError = JobError::None;
     lastReference = reference;
     QByteArray reply;
@@ -188,7 +186,7 @@ QByteArray RemoteRequestHandler::answer(Refusal refusal)
             setJobError(reply, jobError);
         }
         // What the client takes for good: a write counts whatever its item return code.
-        const bool good = current.isWrite || returnCode == ReturnCode::Success;
+        const bool good = current.isWrite || returnCode == ItemCode::Success;
         if (good && jobError == JobError::None)
             reference = reference == 0xFFFF ? 1 : quint16(reference + 1);
     }
@@ -211,69 +209,69 @@ QByteArray RemoteRequestHandler::read(Refusal refusal)
     else if (shape.readsByBit)
         offset /= 8;
     if (refusal == Refusal::Item)
-        returnCode = ReturnCode::NoSuchObject;
+        returnCode = ItemCode::NoSuchObject;
     else if (current.address < 0 || offset >= ControllerMemory::size(shape.area) || bytes < 1 ||
              bytes > LongestPayload)
-        returnCode = ReturnCode::AddressOutOfRange;
-    if (returnCode != ReturnCode::Success)
+        returnCode = ItemCode::AddressOutOfRange;
+    if (returnCode != ItemCode::Success)
         return readRefusal(reference, returnCode);
-    const ReplyUnit unit =
-        bytes <= LongestPayloadInBits && !isNumbered(shape) ? ReplyUnit::Bits : ReplyUnit::Bytes;
+    const DataSize unit =
+        bytes <= LongestPayloadInBits && !isNumbered(shape) ? DataSize::Bits : DataSize::Bytes;
     return readReply(reference, unit, memory->read(shape.area, int(offset), bytes));
 }
 
 QByteArray RemoteRequestHandler::write(Refusal refusal)
 {
     if (refusal == Refusal::Item)
-        returnCode = ReturnCode::NoSuchObject;
+        returnCode = ItemCode::NoSuchObject;
     else if (refusal == Refusal::None)
         returnCode = store();
     return writeReply(reference, returnCode);
 }
 
-ReturnCode RemoteRequestHandler::store()
+ItemCode RemoteRequestHandler::store()
 {
     const RegisterShape& shape = *shapeOf(current.registerType);
     const bool bits = shape.encoding == Encoding::Bits;
     if (current.address < 0 || current.count < 1)
-        return ReturnCode::AddressOutOfRange;
+        return ItemCode::AddressOutOfRange;
     if (current.value.size() < current.count * (bits ? 1 : 2))
-        return ReturnCode::LengthMismatch;
+        return ItemCode::LengthMismatch;
     if (isNumbered(shape)) // timer and counter bits are the controller's own
-        return bits ? ReturnCode::AccessDenied : storeElements(shape.area);
+        return bits ? ItemCode::AccessDenied : storeElements(shape.area);
     if (bits)
         return storeBits(shape.area);
     const QByteArray bytes = controllerBytes(shape.encoding, current.value, current.count);
-    const ReturnCode code = checkWrite(shape.area, current.address, int(bytes.size()));
-    if (code == ReturnCode::Success)
+    const ItemCode code = checkWrite(shape.area, current.address, int(bytes.size()));
+    if (code == ItemCode::Success)
         memory->write(shape.area, current.address, bytes);
     return code;
 }
 
-ReturnCode RemoteRequestHandler::storeElements(SimulatorArea area)
+ItemCode RemoteRequestHandler::storeElements(SimulatorArea area)
 {
     const int size = ControllerMemory::elementSize(area);
     if (current.address > ControllerMemory::size(area) / size - current.count)
-        return ReturnCode::AddressOutOfRange;
+        return ItemCode::AddressOutOfRange;
     for (int i = 0; i < current.count; ++i) {
         const char* value = current.value.constData() + 2 * i;
         memory->writeValue(area, current.address + i, qFromLittleEndian<quint16>(value));
     }
-    return ReturnCode::Success;
+    return ItemCode::Success;
 }
 
-ReturnCode RemoteRequestHandler::storeBits(SimulatorArea area)
+ItemCode RemoteRequestHandler::storeBits(SimulatorArea area)
 {
     const int firstByte = current.address / 8;
     const int bytes = (current.address % 8 + current.count - 1) / 8 + 1;
-    const ReturnCode code = checkWrite(area, firstByte, bytes);
-    if (code != ReturnCode::Success)
+    const ItemCode code = checkWrite(area, firstByte, bytes);
+    if (code != ItemCode::Success)
         return code;
     for (int i = 0; i < current.count; ++i) {
         const int bit = current.address + i;
         memory->writeBit(area, bit / 8, bit % 8, current.value.at(i) == 1);
     }
-    return ReturnCode::Success;
+    return ItemCode::Success;
 }
 
 QString RemoteRequestHandler::description() const
@@ -300,3 +298,5 @@ QString RemoteRequestHandler::description() const
                     : controllerBytes(shape->encoding, current.value, whole);
     return text.line(returnCode, jobError);
 }
+
+} // namespace s7200::sim

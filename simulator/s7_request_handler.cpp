@@ -6,43 +6,50 @@
 
 #include <algorithm>
 
+namespace s7200::sim
+{
+
+using namespace wire;
+
 namespace
 {
 
-constexpr quint8 BitSize = 0x01;
-constexpr quint8 DataBit = 0x03;
-constexpr quint8 DataBits = 0x04;
-constexpr quint8 DataBytes = 0x09;
 constexpr int ProgramDataBlock = 1; // V memory is addressed as data block 1
 
-struct AreaCode {
-    quint8 code;
+struct AreaRow {
+    AreaCode code;
     bool readable;
     SimulatorArea area;
 };
 
-constexpr AreaCode AreaCodes[] = {
-    {0x81, true, SimulatorArea::I},     {0x82, true, SimulatorArea::Q},
-    {0x83, true, SimulatorArea::M},     {0x04, true, SimulatorArea::S},
-    {0x05, true, SimulatorArea::SM},    {0x84, true, SimulatorArea::V},
-    {0x06, true, SimulatorArea::AIW},   {0x07, true, SimulatorArea::AQW},
-    {0x1F, true, SimulatorArea::Timer}, {0x1E, true, SimulatorArea::Counter},
-    {0x85, false, SimulatorArea::SM}, // double words of SM are written under this code
+constexpr AreaRow Areas[] = {
+    {AreaCode::I, true, SimulatorArea::I},
+    {AreaCode::Q, true, SimulatorArea::Q},
+    {AreaCode::M, true, SimulatorArea::M},
+    {AreaCode::S, true, SimulatorArea::S},
+    {AreaCode::SM, true, SimulatorArea::SM},
+    {AreaCode::V, true, SimulatorArea::V},
+    {AreaCode::AIW, true, SimulatorArea::AIW},
+    {AreaCode::AQW, true, SimulatorArea::AQW},
+    {AreaCode::Timer, true, SimulatorArea::Timer},
+    {AreaCode::Counter, true, SimulatorArea::Counter},
+    {AreaCode::SpecialWrites, false, SimulatorArea::SM}, // its double words are written so
 };
 
-struct TransportSize {
-    quint8 code;
+struct SizeRow {
+    ItemSize size;
     int bytes;
 };
 
-constexpr TransportSize ByteAreaSizes[] = {{BitSize, 1}, {0x02, 1}, {0x04, 2}, {0x06, 4}};
+constexpr SizeRow ByteAreaSizes[] = {
+    {ItemSize::Bit, 1}, {ItemSize::Byte, 1}, {ItemSize::Word, 2}, {ItemSize::DoubleWord, 4}};
 
-const AreaCode* findArea(const S7Request& item)
+const AreaRow* findArea(const S7Request& item)
 {
-    for (const AreaCode& row : AreaCodes) {
+    for (const AreaRow& row : Areas) {
         const bool allowed = row.readable || item.kind == S7Request::Write;
         const bool rightBlock = row.area != SimulatorArea::V || item.dbNumber == ProgramDataBlock;
-        if (row.code == item.area && allowed && rightBlock)
+        if (int(row.code) == item.area && allowed && rightBlock)
             return &row;
     }
     return nullptr;
@@ -54,8 +61,8 @@ int transportBytes(const S7Request& item, SimulatorArea area)
     const int elementSize = ControllerMemory::elementSize(area);
     if (elementSize > 1)
         return item.transportSize == item.area ? elementSize : 0;
-    for (const TransportSize& row : ByteAreaSizes) {
-        if (row.code == item.transportSize)
+    for (const SizeRow& row : ByteAreaSizes) {
+        if (int(row.size) == item.transportSize)
             return row.bytes;
     }
     return 0;
@@ -68,10 +75,10 @@ bool dataFits(const S7Request& write, int bytes, bool singleBit)
     if (write.data.size() != bytes)
         return false;
     if (singleBit)
-        return write.dataTransportSize == DataBit && write.dataLength == 1;
-    if (write.dataTransportSize == DataBits)
+        return write.dataTransportSize == int(DataSize::Bit) && write.dataLength == 1;
+    if (write.dataTransportSize == int(DataSize::Bits))
         return write.dataLength == bytes * 8 || write.dataLength == bytes;
-    return write.dataTransportSize == DataBytes && write.dataLength == bytes;
+    return write.dataTransportSize == int(DataSize::Bytes) && write.dataLength == bytes;
 }
 
 } // namespace
@@ -86,9 +93,9 @@ void S7RequestHandler::append(const QByteArray& bytes)
     reassembler.append(bytes);
 }
 
-bool S7RequestHandler::takeRequest(QByteArray* request)
+std::optional<QByteArray> S7RequestHandler::takeRequest()
 {
-    return !broken && reassembler.takeFrame(request);
+    return broken ? std::nullopt : reassembler.takeFrame();
 }
 
 bool S7RequestHandler::isBroken() const
@@ -109,7 +116,7 @@ RequestSummary S7RequestHandler::parse(const QByteArray& request)
         break;
     case S7Request::Read:
     case S7Request::Write: {
-        const AreaCode* row = findArea(current);
+        const AreaRow* row = findArea(current);
         const bool numbered = row != nullptr && ControllerMemory::elementSize(row->area) > 1;
         summary.kind = RequestSummary::Job;
         summary.address = numbered ? current.address : current.address / 8;
@@ -123,7 +130,7 @@ RequestSummary S7RequestHandler::parse(const QByteArray& request)
 
 QByteArray S7RequestHandler::answer(Refusal refusal)
 {
-    returnCode = ReturnCode::Success;
+    returnCode = ItemCode::Success;
     jobError = JobError::None;
     if (current.kind == S7Request::EmptyTpdu)
         return QByteArray();
@@ -158,7 +165,7 @@ QByteArray S7RequestHandler::connect()
 QByteArray S7RequestHandler::serveJob(Refusal refusal)
 {
     if (refusal == Refusal::Item)
-        returnCode = ReturnCode::NoSuchObject;
+        returnCode = ItemCode::NoSuchObject;
     QByteArray reply;
     if (current.kind == S7Request::Read) {
         reply = readItem(refusal);
@@ -186,28 +193,28 @@ QByteArray S7RequestHandler::readItem(Refusal refusal)
     const Place item = place(current);
     if (refusal != Refusal::Item)
         returnCode = item.code;
-    if (returnCode != ReturnCode::Success)
+    if (returnCode != ItemCode::Success)
         return readRefusal(current.reference, returnCode);
     if (item.bytes + ReadReplyOverhead > grantedPdu)
         return refuseJob(JobError::PduTooLong);
     QByteArray payload = memory->read(item.area, item.offset, item.bytes);
     if (item.bit >= 0) {
         payload[0] = char(payload.at(0) >> item.bit & 1);
-        return readReply(current.reference, ReplyUnit::Bit, payload);
+        return readReply(current.reference, DataSize::Bit, payload);
     }
     const bool elements = ControllerMemory::elementSize(item.area) > 1;
-    return readReply(current.reference, elements ? ReplyUnit::Bytes : ReplyUnit::Bits, payload);
+    return readReply(current.reference, elements ? DataSize::Bytes : DataSize::Bits, payload);
 }
 
-ReturnCode S7RequestHandler::writeItem()
+ItemCode S7RequestHandler::writeItem()
 {
     const Place item = place(current);
-    if (item.code != ReturnCode::Success)
+    if (item.code != ItemCode::Success)
         return item.code;
     if (!ControllerMemory::isWritable(item.area, item.offset))
-        return ReturnCode::AccessDenied;
+        return ItemCode::AccessDenied;
     if (!dataFits(current, item.bytes, item.bit >= 0))
-        return ReturnCode::LengthMismatch;
+        return ItemCode::LengthMismatch;
     const int elementSize = ControllerMemory::elementSize(item.area);
     if (item.bit >= 0) {
         memory->writeBit(item.area, item.offset, item.bit, (current.data.at(0) & 1) != 0);
@@ -219,22 +226,22 @@ ReturnCode S7RequestHandler::writeItem()
     } else {
         memory->write(item.area, item.offset, current.data);
     }
-    return ReturnCode::Success;
+    return ItemCode::Success;
 }
 
 S7RequestHandler::Place S7RequestHandler::place(const S7Request& item)
 {
     Place result;
-    const AreaCode* row = findArea(item);
+    const AreaRow* row = findArea(item);
     if (row == nullptr) {
-        result.code = ReturnCode::NoSuchObject;
+        result.code = ItemCode::NoSuchObject;
         return result;
     }
     result.area = row->area;
     const int elementBytes = transportBytes(item, row->area);
-    const bool singleBit = item.transportSize == BitSize;
+    const bool singleBit = item.transportSize == int(ItemSize::Bit);
     if (elementBytes == 0 || (singleBit && item.count != 1)) {
-        result.code = ReturnCode::TypeNotSupported;
+        result.code = ItemCode::TypeNotSupported;
         return result;
     }
     const int elementSize = ControllerMemory::elementSize(row->area);
@@ -245,7 +252,7 @@ S7RequestHandler::Place S7RequestHandler::place(const S7Request& item)
         result.bit = item.address % 8;
     const bool aligned = numbered || singleBit || item.address % 8 == 0;
     if (!aligned || !ControllerMemory::contains(row->area, result.offset, result.bytes))
-        result.code = ReturnCode::AddressOutOfRange;
+        result.code = ItemCode::AddressOutOfRange;
     return result;
 }
 
@@ -269,11 +276,11 @@ QString S7RequestHandler::description() const
     default:
         break;
     }
-    const AreaCode* row = findArea(current);
+    const AreaRow* row = findArea(current);
     ItemText text;
     text.known = row != nullptr;
     text.area = row != nullptr ? row->area : SimulatorArea::V;
-    text.isBit = current.transportSize == BitSize;
+    text.isBit = current.transportSize == int(ItemSize::Bit);
     text.elementBytes = row != nullptr ? transportBytes(current, row->area) : 0;
     text.address = current.address;
     text.count = current.count;
@@ -281,3 +288,5 @@ QString S7RequestHandler::description() const
     text.isWrite = current.kind == S7Request::Write;
     return text.line(returnCode, jobError);
 }
+
+} // namespace s7200::sim

@@ -7,6 +7,9 @@
 #include <QTcpSocket>
 #include <QTimer>
 
+namespace s7200::sim
+{
+
 namespace
 {
 
@@ -91,11 +94,10 @@ SimulatedConnection::~SimulatedConnection()
 
 void SimulatedConnection::receive()
 {
-    QByteArray request;
     // A reply that the client no longer takes closes the socket on the spot.
     while (!closing && socket->isOpen() && splitReply.isEmpty()) {
-        if (handler->takeRequest(&request)) {
-            serve(request);
+        if (const auto request = handler->takeRequest()) {
+            serve(*request);
             continue;
         }
         if (handler->isBroken()) {
@@ -107,7 +109,7 @@ void SimulatedConnection::receive()
         if (bytes.isEmpty())
             return;
         if (options.trace != nullptr)
-            options.trace->record(traceId, FrameTrace::ToController, bytes);
+            options.trace->record(traceId, wire::FrameTrace::ToController, bytes);
         if (!silent)
             handler->append(bytes);
     }
@@ -176,7 +178,7 @@ void SimulatedConnection::deliver(const QByteArray& reply, FaultKind fault)
 void SimulatedConnection::send(const QByteArray& bytes)
 {
     if (options.trace != nullptr)
-        options.trace->record(traceId, FrameTrace::FromController, bytes);
+        options.trace->record(traceId, wire::FrameTrace::FromController, bytes);
     socket->write(bytes);
     socket->flush();
     if (socket->bytesToWrite() > MostUnsentBytes) {
@@ -212,3 +214,5 @@ void SimulatedConnection::log(const QString& line, FaultKind fault) const
         text += QStringLiteral(" [fault: %1]").arg(FaultInjector::name(fault));
     options.log(text);
 }
+
+} // namespace s7200::sim

@@ -14,6 +14,9 @@
 
 class QTcpSocket;
 
+namespace s7200::sim
+{
+
 /// What the connections of one simulated controller share, with its owner's thread too.
 struct SimulatorState {
     explicit SimulatorState(quint32 seed) : faults(seed) {}
@@ -54,5 +57,7 @@ private:
     QByteArray lateReply;     ///< Held back until the next request.
     QByteArray previousReply; ///< For sending once more.
 };
+
+} // namespace s7200::sim
 
 #endif

@@ -3,6 +3,9 @@
 #include <QHostAddress>
 #include <QTcpSocket>
 
+namespace s7200::sim
+{
+
 namespace
 {
 
@@ -52,3 +55,5 @@ void SimulatedController::accept()
             new SimulatedConnection(socket, accepted++, options, state, &server);
     }
 }
+
+} // namespace s7200::sim

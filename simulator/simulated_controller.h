@@ -6,6 +6,9 @@
 #include <QTcpServer>
 #include <QTimer>
 
+namespace s7200::sim
+{
+
 /// The simulated controller's server and clock. Lives on one thread with an event loop.
 class SimulatedController
 {
@@ -26,5 +29,7 @@ private:
     QTcpServer server; ///< Parent of all connections.
     int accepted = 0;
 };
+
+} // namespace s7200::sim
 
 #endif

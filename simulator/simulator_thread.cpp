@@ -8,6 +8,9 @@
 #include <mutex>
 #include <thread>
 
+namespace s7200::sim
+{
+
 struct SimulatorThread::Shared {
     explicit Shared(const SimulatorOptions& simulatorOptions)
         : options(simulatorOptions), state(options.seed)
@@ -146,3 +149,5 @@ bool SimulatorThread::setFaults(const QStringList& faults, QString* error)
     faultsSet = true;
     return true;
 }
+
+} // namespace s7200::sim

@@ -10,7 +10,13 @@
 #include <functional>
 #include <memory>
 
+namespace s7200::wire
+{
 class FrameTrace;
+}
+
+namespace s7200::sim
+{
 
 /// How a simulated controller behaves.
 struct SimulatorOptions {
@@ -21,7 +27,7 @@ struct SimulatorOptions {
     int largestPdu = 240;          ///< Most that setup communication grants.
     QStringList faults; ///< As on the command line: KIND[:PROBABILITY|:every N|:address A].
     quint32 seed = 1;   ///< Of everything random about the faults.
-    FrameTrace* trace = nullptr; ///< Not owned; must outlive the simulator.
+    wire::FrameTrace* trace = nullptr; ///< Not owned; must outlive the simulator.
     /// Gets a line per request; called on the simulator's thread. May be empty.
     std::function<void(const QString&)> log;
 };
@@ -69,5 +75,7 @@ private:
     std::unique_ptr<Thread> thread;
     bool faultsSet = false; ///< setFaults() has replaced the options' faults.
 };
+
+} // namespace s7200::sim
 
 #endif

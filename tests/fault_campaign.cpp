@@ -20,6 +20,7 @@
 #include <random>
 
 using namespace s7200;
+using namespace s7200::sim;
 
 namespace
 {

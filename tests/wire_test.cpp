@@ -1,6 +1,7 @@
 // Cutting the byte stream into frames, and the capture files of the trace.
 
 #include "wire/frame_trace.h"
+#include "wire/s7_fields.h"
 #include "wire/tpkt_reassembler.h"
 
 #include <QTemporaryDir>
@@ -8,6 +9,8 @@
 #include <QtTest>
 
 #include <tuple>
+
+using namespace s7200::wire;
 
 namespace
 {
@@ -24,9 +27,8 @@ using Frames = QList<QByteArray>;
 Frames takeAll(TpktReassembler& reassembler)
 {
     Frames frames;
-    QByteArray frame;
-    while (reassembler.takeFrame(&frame))
-        frames.append(frame);
+    while (const auto frame = reassembler.takeFrame())
+        frames.append(*frame);
     return frames;
 }
 

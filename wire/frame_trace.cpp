@@ -8,6 +8,9 @@
 #include <chrono>
 #include <cstring>
 
+namespace s7200::wire
+{
+
 namespace
 {
 
@@ -219,3 +222,5 @@ void FrameTrace::writeHexLine(int connection, Direction direction, const QByteAr
     writeAndFlush(stderr,
                   time + " #" + QByteArray::number(connection) + arrow + bytes.toHex() + '\n');
 }
+
+} // namespace s7200::wire

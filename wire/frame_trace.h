@@ -9,6 +9,9 @@
 #include <mutex>
 #include <vector>
 
+namespace s7200::wire
+{
+
 /// Writes what passes on the wire in both directions: either a capture file that packet analysers
 /// open as it is (pcap, raw IPv4, the controller on TCP port 102), or hex lines with time,
 /// connection and direction on standard error.
@@ -48,5 +51,7 @@ private:
     std::FILE* file; ///< Null: hex lines on standard error.
     std::vector<Connection> connections;
 };
+
+} // namespace s7200::wire
 
 #endif
