@@ -2,6 +2,11 @@
 #define PANEL_SESSION_H
 
 #include "panel/command_line.h"
+#include "panel/signals.h"
+#include "simulator/simulator_thread.h"
+#include "wire/frame_trace.h"
+
+#include <QTimer>
 
 #include <functional>
 #include <memory>
@@ -11,8 +16,7 @@ namespace s7200::panel
 {
 
 /// The controllers of a command line, each with a driver of its own; the trace, and the simulated
-/// controllers if none was given. All in the main thread; run the event loop with
-/// QCoreApplication::exec() and end it with QCoreApplication::exit(STATUS).
+/// controllers if none was given. All in the main thread, with runEventLoop() and end().
 class Session
 {
 public:
@@ -28,16 +32,30 @@ public:
     /// Starts all controllers. False with a one-line `error`.
     bool start(QString* error);
 
-    /// SIGINT and SIGTERM, and SIGHUP unless onHangup() is given: ends the event loop with this
-    /// status. Default ExitNoAnswer.
+    /// The status with which SIGINT, SIGTERM and SIGHUP end the event loop; ExitNoAnswer if not
+    /// set.
     void setInterruptStatus(int status);
-    /// SIGHUP calls this instead.
-    void onHangup(const std::function<void()>& handler);
+    /// Gets each signal before that; true: it is dealt with.
+    void onSignal(const std::function<bool(int)>& handler);
+
+    /// Why the trace is no longer written; empty while it is. The event loop has then been ended
+    /// with ExitOutput.
+    QString traceFailure() const;
 
 private:
-    class Private;
-    std::unique_ptr<Private> d;
-    explicit Session(Private* priv);
+    Session();
+    bool openTrace(const CommandLine& line, QString* error);
+    bool startSimulators(QVector<ControllerSettings>* settings, QString* error);
+    void hear(int number);
+
+    std::unique_ptr<wire::FrameTrace> m_trace;
+    std::vector<std::unique_ptr<sim::SimulatorThread>> m_simulators;
+    std::vector<std::unique_ptr<Controller>> m_controllers; ///< They use the two above.
+    bool m_simulated = false;
+    int m_interruptStatus = ExitNoAnswer;
+    std::function<bool(int)> m_onSignal;
+    Signals m_signals;
+    QTimer m_traceTimer;
 };
 
 /// Collects what failed, to report it once for each reason rather than once for each variable.
