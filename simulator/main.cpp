@@ -169,7 +169,7 @@ int run(Settings& settings, const sigset_t& endSignals)
     QString error;
     std::unique_ptr<wire::FrameTrace> trace;
     if (!settings.traceFile.isEmpty()) {
-        trace = wire::FrameTrace::open(settings.traceFile, &error);
+        trace = wire::FrameTrace::open(settings.traceFile, wire::FrameTrace::KeepExisting, &error);
         if (!trace) {
             printLine(stderr, error);
             return CannotStart;

@@ -65,13 +65,16 @@ SimulatedConnection::SimulatedConnection(QTcpSocket* acceptedSocket, int connect
     else
         handler = std::make_unique<S7RequestHandler>(&state->memory, options.largestPdu);
     if (options.trace != nullptr)
-        traceId = options.trace->newConnection();
+        traceId = options.trace->newConnection({socket->peerAddress(), socket->peerPort()},
+                                               {socket->localAddress(), socket->localPort()});
     ++state->connections;
     socket->setParent(this);
     socket->setReadBufferSize(ReadBufferBytes);
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     connect(socket, &QTcpSocket::disconnected, this, [this] {
         log(QStringLiteral("disconnected"), FaultKind::None);
+        if (options.trace != nullptr)
+            options.trace->closeConnection(traceId, wire::FrameTrace::ToController);
         deleteLater();
     });
     connect(socket, &QTcpSocket::readyRead, this, [this] { receive(); });
