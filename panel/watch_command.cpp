@@ -378,9 +378,6 @@ void WatchRun::writeTyped(const QString& line)
         display.message(error);
         return;
     }
-    const QString note = writeNote(assignment, options.loop);
-    if (!note.isEmpty())
-        display.message(QStringLiteral("note: ") + note);
     const QString controller =
         session.controllerName(session.loop().stationOf(assignment.variable));
     session.loop().write(assignment.variable, assignment.values,

@@ -91,6 +91,8 @@ public:
                          QString* error) const;
 
 private:
+    QVector<Tag> named(const QString& name, const QString* controller) const;
+
     QVector<Tag> m_tags;
     QHash<QString, QVector<int>> m_byName; ///< Indexes in m_tags, by name in lower case.
 };
