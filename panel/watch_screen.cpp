@@ -21,7 +21,7 @@ WatchScreen::WatchScreen(const QVector<WatchedRow>& rows,
     : m_rows(rows), m_line(line)
 {
     m_leaving.setSingleShot(true);
-    QObject::connect(&m_leaving, &QTimer::timeout, [] { end(ExitGood); });
+    QObject::connect(&m_leaving, &QTimer::timeout, [this] { m_line(QStringLiteral("quit")); });
 }
 
 void WatchScreen::enter()
@@ -46,6 +46,11 @@ void WatchScreen::leave()
 bool WatchScreen::isEntered() const
 {
     return m_terminal.isEntered();
+}
+
+bool WatchScreen::takesKeys() const
+{
+    return m_terminal.shape().typing;
 }
 
 void WatchScreen::setStatus(const QStringList& status)
@@ -112,7 +117,7 @@ void WatchScreen::act(const Key& key)
             m_line(key.line);
         break;
     case Key::Leave:
-        end(ExitGood);
+        m_line(QStringLiteral("quit"));
         break;
     case Key::Redraw:
         m_terminal.forget();

@@ -23,6 +23,7 @@ public:
     /// Gives the terminal back, and prints the values that were shown last.
     void leave();
     bool isEntered() const;
+    bool takesKeys() const; ///< Else standard input is not the terminal.
 
     void setStatus(const QStringList& status);
     /// Shown above the line for typing until it is old or the next one comes.
