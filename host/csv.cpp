@@ -221,6 +221,26 @@ std::optional<QByteArray> readWholeFile(const QString& file, QStringList* errors
     return std::nullopt;
 }
 
+QByteArray csvLine(const QStringList& fields)
+{
+    QByteArray line;
+    for (const QString& field : fields) {
+        QByteArray bytes = field.toUtf8();
+        const bool plain = std::none_of(bytes.begin(), bytes.end(), [](char c) {
+            return c == ',' || c == ';' || c == '"' || c == '\n' || c == '\r' || c == '\t';
+        });
+        if (!plain) {
+            QByteArray quotedField(2 * bytes.size() + 2, '\0');
+            const std::size_t size = csv_write(quotedField.data(), std::size_t(quotedField.size()),
+                                               bytes.constData(), std::size_t(bytes.size()));
+            bytes = quotedField.left(int(size));
+        }
+        line += bytes + ',';
+    }
+    line.chop(1);
+    return line + '\n';
+}
+
 QString lineError(const QString& file, int line, const QString& text)
 {
     return QStringLiteral("%1 line %2: %3").arg(file).arg(line).arg(text);

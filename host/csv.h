@@ -34,6 +34,9 @@ QVector<CsvRow> readCsv(const QByteArray& csv, const QString& file,
 /// The whole file; nothing, with a line in `errors`, if it cannot be read.
 std::optional<QByteArray> readWholeFile(const QString& file, QStringList* errors);
 
+/// One line, separated by commas and ended by LF, with quotes where they are needed.
+QByteArray csvLine(const QStringList& fields);
+
 /// "FILE line 7: ..."
 QString lineError(const QString& file, int line, const QString& text);
 

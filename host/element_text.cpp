@@ -17,6 +17,8 @@ namespace
 constexpr int LongestQuote = 80;
 // A timer or counter runs from 0 to 32767.
 constexpr qint64 HighestNumberValue = 0x7FFF;
+// Half of a single's last binary digit, against its largest value.
+constexpr double HalfDigit = 3e-8;
 
 struct FormatName {
     const char* name;
@@ -127,14 +129,16 @@ QString unwritable(const Variable& variable, const QString& label)
 QString quoted(const QString& text)
 {
     QString shown;
-    for (const QChar c : text.left(LongestQuote)) {
+    for (const QChar c : text) {
+        if (shown.size() >= LongestQuote) {
+            shown += QStringLiteral("...");
+            break;
+        }
         const bool harmless =
             c.isPrint() || c.isSurrogate() || c.category() == QChar::Other_NotAssigned;
         shown += harmless ? QString(c)
                           : QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
     }
-    if (text.size() > LongestQuote)
-        shown += QStringLiteral("...");
     return QLatin1Char('\'') + shown + QLatin1Char('\'');
 }
 
@@ -229,14 +233,15 @@ RealInverse parseReal(const QString& text, const Scaling& scaling)
     bool ok = false;
     const double number = text.toDouble(&ok);
     const double unscaled = scaling.invert(number);
-    if (!ok || !(std::fabs(unscaled) <= double(std::numeric_limits<float>::max())))
+    const double most = double(std::numeric_limits<float>::max());
+    if (!ok || !(std::fabs(unscaled) <= most * (1 + HalfDigit)))
         return inverse;
     const float infinity = std::numeric_limits<float>::infinity();
     const auto scaled = [&](float real) {
         return scaling.isIdentity() ? double(real) : scaling.apply(double(real));
     };
     inverse.number = true;
-    inverse.real = float(unscaled);
+    inverse.real = float(std::max(-most, std::min(unscaled, most)));
     const int digits = significantDigits(text);
     inverse.exact = inDigits(scaled(inverse.real), digits) == inDigits(number, digits);
     inverse.lower = -double(infinity);

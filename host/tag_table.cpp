@@ -62,6 +62,8 @@ public:
         readController();
         readAddress();
         m_tag.unit = field(UnitColumn);
+        if (hasControl(m_tag.unit))
+            fault(QStringLiteral("%1 cannot be a unit").arg(quoted(m_tag.unit)));
         m_tag.comment = field(CommentColumn);
         readScaling();
         m_tag.deadBand = decimal(DeadBandColumn);

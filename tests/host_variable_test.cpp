@@ -8,6 +8,8 @@
 
 #include <QtTest>
 
+#include <cstring>
+
 using namespace s7200;
 
 namespace
@@ -148,7 +150,7 @@ QList<RW_VAR> requestsOf(const Parsed& write, bool stationEach)
 }
 
 /// The write request that does not fit the PDU.
-QString requestsFit(const Parsed& write)
+QString misfitOf(const Parsed& write)
 {
     const QList<RW_VAR> requests = requestsOf(write, false);
     for (const RW_VAR& request : requests) {
@@ -233,7 +235,7 @@ private slots:
             VB0=256     -> -128 to 255     | VD0=4294967296 -> REAL | M0.0=2 -> true
             VD0/f=1e39  -> finite   | VD0/f=inf -> finite | VD0/f=nan -> finite
             VD0/f=16777217 -> 16777216 and 16777218 | VD0=16777217.0 -> 16777216 and 16777218
-            VD0/f=1e-50 -> 0 and 1.4013e-45 | VD0/f=0x1FFFFFFFF -> REAL
+            VD0/f=1e-50 -> 0 and 1.4013e-45 | VD0/f=0x1FFFFFFFF -> 4294967295
             VW100/s=40000 -> -32768 to 32767; VW100/unsigned takes 0 to 65535
             VW0/u=-1 -> 0 to 65535; VW0/signed takes -32768 to 32767 | VW0/s=70000 -> -32768 to 32767
             VB0/s=128 -> -128 to 127 | VD0/s=2147483648 -> to 2147483647; VD0/unsigned takes
@@ -356,7 +358,7 @@ private slots:
                 }
                 write.values.append(value);
             }
-            QCOMPARE(requestsFit(write), QString());
+            QCOMPARE(misfitOf(write), QString());
             const bool inBytes = write.variable.area->reads == 12 && each > 0;
             QVERIFY2(!inBytes || writtenMemory(write) == wanted, name);
         }
