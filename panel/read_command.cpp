@@ -1,6 +1,6 @@
-#include "panel/commands.h"
 #include "panel/inbox.h"
-#include "panel/session.h"
+#include "panel/old_commands.h"
+#include "panel/old_session.h"
 
 #include <QEventLoop>
 

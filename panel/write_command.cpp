@@ -1,6 +1,6 @@
-#include "panel/commands.h"
 #include "panel/inbox.h"
-#include "panel/session.h"
+#include "panel/old_commands.h"
+#include "panel/old_session.h"
 
 #include <QEventLoop>
 
@@ -20,9 +20,6 @@ public:
     int run()
     {
         for (const Assignment& assignment : options.assignments) {
-            const QString note = writeNote(assignment, options.loop);
-            if (!note.isEmpty())
-                complain(QStringLiteral("note: ") + note);
             session.loop().write(assignment.variable, assignment.values,
                                  [this, &assignment](const RequestResult& result) {
                                      inbox.post([=, &assignment] { written(assignment, result); });
