@@ -11,7 +11,7 @@ namespace s7200::panel
 namespace
 {
 
-constexpr int Handled[] = {SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP};
+constexpr int Handled[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH, SIGTSTP};
 constexpr int HandledCount = int(sizeof Handled / sizeof Handled[0]);
 
 int pipeEnds[2] = {-1, -1};

@@ -119,6 +119,17 @@ QString WatchedRow::elementLabel(int index) const
     return QString(item.label).replace(item.tag.variable.label(), element.label());
 }
 
+int rowOf(const Item& item, const QVector<Item>& items)
+{
+    for (int i = 0; i < int(items.size()); ++i) {
+        const Item& other = items.at(i);
+        if (other.controller == item.controller && other.tag.name == item.tag.name &&
+            other.tag.address() == item.tag.address())
+            return i;
+    }
+    return -1;
+}
+
 bool Condition::parse(const QString& text, CommandLine* line, Condition* condition, QString* error)
 {
     int at = 0;

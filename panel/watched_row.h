@@ -43,6 +43,9 @@ struct WatchedRow {
     QString elementLabel(int index) const;
 };
 
+/// The index of the same variable of the same controller in the same format; -1: none.
+int rowOf(const Item& item, const QVector<Item>& items);
+
 /// A condition of --until: a comparison of one value with a number.
 struct Condition {
     enum Operator { Less, AtMost, Equal, Unequal, AtLeast, More };
