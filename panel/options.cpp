@@ -10,7 +10,6 @@ namespace
 
 constexpr int DefaultPort = 102;
 constexpr int HighestStation = 255;
-constexpr int VAreaBytes = 10240;
 constexpr int LongestMs = 24 * 60 * 60 * 1000; // twice that is still an int
 
 struct Command {
@@ -34,8 +33,7 @@ constexpr Command Commands[] = {
      "signed, 0x hexadecimal, 0b binary, true or false for bits, REAL (21.5) for double words;\n"
      "one for each element, separated by commas: VW100x3=1,2,3. A whole number written to VD4 is\n"
      "an integer, written to VD4/float a REAL. Inputs and timer and counter bits cannot be\n"
-     "written.\n"
-     "VB: the driver writes the bytes of VB with as many zero bytes behind them."},
+     "written."},
 };
 
 const Command& commandNamed(const QString& name)
@@ -262,15 +260,6 @@ bool readWatchSettings(const QCommandLineParser& parser, PanelOptions* options, 
            parseDuration(parser, &options->durationMs, error);
 }
 
-/// Bytes that a write clears behind its variable. A remote peer gets the value with its length and
-/// clears none.
-int clearedBehind(const Variable& variable, const LoopSettings& settings)
-{
-    return settings.remote
-               ? 0
-               : bytesClearedBehind(variable, settings.blockLimit, settings.stationEach);
-}
-
 } // namespace
 
 ExitStatus exitStatusOf(Fault fault)
@@ -328,30 +317,5 @@ bool parseOptions(const QString& command, const QStringList& arguments, PanelOpt
 
 QString writeObjection(const Assignment& assignment, const LoopSettings& settings)
 {
-    const Variable& variable = assignment.variable;
-    const QString objection = stationObjection(variable, settings);
-    if (!objection.isEmpty())
-        return objection;
-    const int behind = clearedBehind(variable, settings);
-    if (behind == 0 || variable.endUnit() + behind <= VAreaBytes)
-        return QString();
-    return QStringLiteral("%1: a write of VB clears the bytes behind it, and there V memory ends; "
-                          "write VW%2 or single bits")
-        .arg(variable.label())
-        .arg(VAreaBytes - 2);
-}
-
-QString writeNote(const Assignment& assignment, const LoopSettings& settings)
-{
-    const Variable& variable = assignment.variable;
-    if (variable.isByteOfBits())
-        return QStringLiteral("%1 is written bit by bit").arg(variable.label());
-    const int behind = clearedBehind(variable, settings);
-    if (behind == 0)
-        return QString();
-    const int first = variable.endUnit();
-    const QString cleared = behind == 1
-                                ? QStringLiteral("VB%1").arg(first)
-                                : QStringLiteral("VB%1 to VB%2").arg(first).arg(first + behind - 1);
-    return QStringLiteral("a write of %1 also clears %2").arg(variable.label(), cleared);
+    return stationObjection(assignment.variable, settings);
 }

@@ -53,7 +53,4 @@ bool parseOptions(const QString& command, const QStringList& arguments, PanelOpt
 /// What stands in the way of carrying out a write with these settings; empty if nothing.
 QString writeObjection(const Assignment& assignment, const LoopSettings& settings);
 
-/// What a write does besides, to be said before it is carried out; empty if nothing.
-QString writeNote(const Assignment& assignment, const LoopSettings& settings);
-
 #endif

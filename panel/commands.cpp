@@ -1,0 +1,12 @@
+#include "panel/commands.h"
+
+namespace s7200::panel
+{
+
+QVector<Command> allCommands()
+{
+    return {watchCommand(),  readCommand(), writeCommand(), pingCommand(), explainCommand(),
+            replayCommand(), saveCommand(), diffCommand(),  applyCommand()};
+}
+
+} // namespace s7200::panel
