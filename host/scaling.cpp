@@ -163,9 +163,18 @@ bool Scaling::isIdentity() const
     return m_places == 0 && m_scale == 1 && m_offset == 0;
 }
 
-int Scaling::places() const
+Decimal Scaling::scale() const
 {
-    return m_places;
+    Decimal scale = {m_scale, m_places};
+    stripZeros(&scale);
+    return scale;
+}
+
+Decimal Scaling::offset() const
+{
+    Decimal offset = {m_offset, m_places};
+    stripZeros(&offset);
+    return offset;
 }
 
 Decimal Scaling::apply(qint64 number) const

@@ -42,7 +42,8 @@ public:
     static std::optional<Scaling> of(const Decimal& scale, const Decimal& offset, QString* error);
 
     bool isIdentity() const; ///< 1 and 0.
-    int places() const;      ///< Those of the result.
+    Decimal scale() const;
+    Decimal offset() const;
 
     /// `number` is at least -2^32 and at most 2^32.
     Decimal apply(qint64 number) const;
