@@ -44,7 +44,7 @@ public:
     QMap<int, int> disabled_stations;
     CallBackFunc call_back; ///< Null until registered.
     int call_back_arg;
-    QMutex list_mutex;    ///< Request lists, turn and sequence counters, ret_var.
+    QMutex list_mutex;    ///< Request lists and the counters of turns and cycles.
     QMutex data_mutex;    ///< Data image and extend_list.
     QMutex station_mutex; ///< disabled_stations.
     RW_VAR ret_var;       ///< What DataCom returns.

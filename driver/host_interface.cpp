@@ -1,5 +1,6 @@
 #include <siemens_s7_200_cp243/host_interface.h>
 
+#include "core/guard.h"
 #include "core/siemens_s7_200.h"
 
 #include <QMutexLocker>
@@ -32,12 +33,15 @@ void FlashLocalRegister(void* bits, void* words, void* third)
 void EnableEthernet(int station, int enable)
 {
     QMutexLocker lock(&PLC_driver.station_mutex);
-    if (station < 0)
-        PLC_driver.disabled_stations.clear();
-    else if (enable == 0)
-        PLC_driver.disabled_stations.insert(station, 0);
-    else if (enable == 1)
-        PLC_driver.disabled_stations.remove(station);
+    cp243::guarded(0, [=] {
+        if (station < 0)
+            PLC_driver.disabled_stations.clear();
+        else if (enable == 0)
+            PLC_driver.disabled_stations.insert(station, 0);
+        else if (enable == 1)
+            PLC_driver.disabled_stations.remove(station);
+        return 0;
+    });
 }
 
 int QueryFinishFlag()

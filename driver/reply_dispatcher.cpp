@@ -1,6 +1,7 @@
 #include "driver/reply_dispatcher.h"
 
 #include "core/checked_int.h"
+#include "core/guard.h"
 #include "core/shared_word.h"
 #include "core/siemens_s7_200.h"
 #include "driver/return_codes.h"
@@ -20,6 +21,15 @@ constexpr int AnyLength = -1;
 
 /// What CheckGetData found.
 enum CheckResult { BadReply = 0, GoodRead = 1, GoodWrite = 2 };
+
+/// False when memory has run out: the reply counts as bad then, and is asked for again.
+bool store(QByteArray* reply)
+{
+    return guarded(false, [=] {
+        SaveToLocalDataErea(reply);
+        return true;
+    });
+}
 
 bool isTimeout(const Protocol& pending, int len)
 {
@@ -50,7 +60,7 @@ void handshakeFailed(PLC_CHECK& check)
     setLinkFailed(1);
     info.frame_index = 0;
     dropConnection(check);
-    // 0 here, but -1 when a request fails for good; peers in the field rely on the difference.
+    // 0 here, but -1 when a request fails for good. Deliberate: docs/oddities.md, Link loss.
     PLC_driver.read_seq = PLC_driver.write_seq = 0;
     if (info.retry_count >= info.retry_limit) {
         info.retry_count = 0;
@@ -91,8 +101,10 @@ void reportOneShotRead()
         if (list.at(i).host_key == key && list.at(i).host_index == index)
             return;
     }
-    PLC_driver.call_back(PLC_driver.com_info->host_handle, key, index,
-                         PLC_driver.link_failed ? Outcome_LinkFailed : Outcome_Good);
+    guarded(0, [=] {
+        return PLC_driver.call_back(PLC_driver.com_info->host_handle, key, index,
+                                    PLC_driver.link_failed ? Outcome_LinkFailed : Outcome_Good);
+    });
 }
 
 void finishFirst(QList<RW_VAR>& list)
@@ -118,7 +130,8 @@ void turn(QList<RW_VAR>& list)
     }
     list.move(0, list.size() - 1);
 #else
-    list.append(list.takeFirst());
+    list.append(list.first());
+    list.removeFirst();
 #endif
 }
 
@@ -127,7 +140,11 @@ void rotateCyclicList()
     if (PLC_driver.read_list.isEmpty())
         return;
     passRetValue(PLC_driver.read_list.first(), PLC_driver.ret_var);
-    turn(PLC_driver.read_list);
+    // Without memory the list stays as it is and its first entry is read once more.
+    guarded(0, [] {
+        turn(PLC_driver.read_list);
+        return 0;
+    });
 }
 
 void removeStation(QList<RW_VAR>& list, int station)
@@ -243,8 +260,7 @@ int DealDataOfLocalArea(QByteArray* reply, int len)
     switch (CheckGetData(reply, len)) {
     case GoodRead: {
         QMutexLocker lock(&PLC_driver.data_mutex);
-        SaveToLocalDataErea(reply);
-        return GetDriverReturnValue(GoodReply);
+        return GetDriverReturnValue(store(reply) ? GoodReply : LocalBadContent);
     }
     case GoodWrite:
         return GetDriverReturnValue(GoodReply);
@@ -264,11 +280,10 @@ int DealDataOfRemoteArea(QByteArray* reply, int len)
         return GetDriverReturnValue(RemoteBadContent);
     // Only a reply that finds frame_index at 1 is stored: every builder but the remote write sets
     // it to 0, so this is one that follows another completed transaction. It is stored without the
-    // data mutex. Hosts in the field rely on both.
+    // data mutex. Both deliberate: docs/oddities.md, Remote access.
     if (PLC_driver.com_info->frame_index != 1)
         return GetDriverReturnValue(GoodReply);
-    SaveToLocalDataErea(reply);
-    return GetDriverReturnValue(RemoteStored);
+    return GetDriverReturnValue(store(reply) ? RemoteStored : RemoteBadContent);
 }
 
 RW_VAR* DataCom(QByteArray* reply, int len)
@@ -278,10 +293,15 @@ RW_VAR* DataCom(QByteArray* reply, int len)
     result->result = Result_Good;
     if (PLC_driver.protocol_list.isEmpty())
         return result;
-    PLC_CHECK& check = map_list[PLC_driver.protocol_list.first().var.station];
-    if (check.hand_shake_ok == 0 && PLC_driver.com_info->remote_access == 0)
-        dealHandshakeReply(check, reply);
-    else
-        dealRequestReply(check, reply, len);
+    const bool dealt = guarded(false, [=] {
+        PLC_CHECK& check = map_list[PLC_driver.protocol_list.first().var.station];
+        if (check.hand_shake_ok == 0 && PLC_driver.com_info->remote_access == 0)
+            dealHandshakeReply(check, reply);
+        else
+            dealRequestReply(check, reply, len);
+        return true;
+    });
+    if (!dealt)
+        result->result = Result_WillRetry;
     return result;
 }

@@ -1,4 +1,5 @@
 #include "core/checked_int.h"
+#include "core/guard.h"
 #include "core/shared_word.h"
 #include "core/siemens_s7_200.h"
 #include "protocol/Func_HandShake.h"
@@ -58,8 +59,8 @@ void issueNextRequest()
         dispatch(driver.read_list.first(), CyclicRead);
         driver.write_turns = driver.once_read_turns = 0;
     } else {
-        // Also reached with five writes sent and no reads listed: hosts count on that one idle
-        // call, so the turns are not cleared any earlier.
+        // Also reached with five writes sent and no reads listed: the turns are not cleared any
+        // earlier. Deliberate: docs/oddities.md, Writes.
         driver.write_turns = driver.once_read_turns = 0;
         storeShared(driver.com_info->cycle_complete, 1);
     }
@@ -73,7 +74,12 @@ Protocol* ComCommunication()
     QList<Protocol>& pending = PLC_driver.protocol_list;
     if (pending.isEmpty()) {
         QMutexLocker lock(&PLC_driver.list_mutex);
-        issueNextRequest();
+        const bool issued = guarded(false, [] {
+            issueNextRequest();
+            return true;
+        });
+        if (!issued)
+            pending.clear(); // half a handshake, or a write that is not in the image
     }
     return pending.isEmpty() ? nullptr : &pending.first();
 }

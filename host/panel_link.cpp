@@ -150,7 +150,8 @@ QString PanelLink::connectAfresh()
     socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
     mayReopen = false;
     if (settings.trace)
-        traceConnection = settings.trace->newConnection();
+        traceConnection = settings.trace->newConnection({socket.localAddress(), socket.localPort()},
+                                                        {socket.peerAddress(), socket.peerPort()});
     return QString();
 }
 

@@ -3,8 +3,11 @@
 #include "core/register_properties.h"
 #include "core/siemens_s7_200.h"
 #include "image/Func_GetOrSetData.h"
+#include "image/extend_list.h"
 #include "image/image_areas.h"
 #include "varlists/Func_Initi.h"
+
+#include <cstring>
 
 using namespace cp243;
 
@@ -19,6 +22,9 @@ struct EntryLayout {
 };
 constexpr EntryLayout TimerEntry = {5, 3, 0x02};
 constexpr EntryLayout CounterEntry = {3, 1, 0x10};
+
+/// Timers, and counters, that the image has.
+constexpr int Numbers = 256;
 
 /// No reply's payload is longer; keeps an absurd length from being allocated.
 constexpr int LongestPayload = 0xFFFF;
@@ -87,41 +93,38 @@ private:
 };
 
 /// Values of timers or counters. Numbers outside the image are skipped.
-void saveValues(const EntryReader& reader, qint64 number, unsigned short (&area)[256])
+void saveValues(const EntryReader& reader, qint64 number, unsigned short* area)
 {
     for (int k = 0; k < reader.entries() && reader.holds(k); ++k) {
-        if (number + k >= 0 && number + k < 256)
+        if (number + k >= 0 && number + k < Numbers)
             area[number + k] =
                 static_cast<unsigned short>((reader.valueHigh(k) << 8) | reader.valueLow(k));
     }
 }
 
-/// Bits of timers or counters are only ever set, never cleared; screens in the field rely on that.
-void saveBits(const EntryReader& reader, qint64 number, uchar statusOn, unsigned char (&area)[32])
+/// Bits of timers or counters are only ever set, never cleared. Deliberate: docs/oddities.md,
+/// Timers and counters.
+void saveBits(const EntryReader& reader, qint64 number, uchar statusOn, unsigned char* area)
 {
     for (int k = 0; k < reader.entries() && reader.holds(k); ++k) {
         const qint64 bit = number + k;
-        if (bit >= 0 && bit < 256 && reader.status(k) == statusOn)
+        if (bit >= 0 && bit < Numbers && reader.status(k) == statusOn)
             area[bit / 8] = static_cast<unsigned char>(area[bit / 8] | (1u << (bit % 8)));
     }
 }
 
 void saveToImage(QByteArray* reply, const Protocol& pending)
 {
-    Siemens_S7_200& driver = PLC_driver;
     const RegisterTypeInfo* type = registerTypeInfo(pending.var.reg_type);
     if (!type)
         return;
     if (isTimed(type)) {
         const EntryLayout& layout = layoutOf(*type);
         const EntryReader reader(*reply, pending, layout);
-        if (type->area == Area::TV)
-            saveValues(reader, pending.var.address, driver.TV_area);
-        else if (type->area == Area::CV)
-            saveValues(reader, pending.var.address, driver.CV_area);
+        if (unsigned short* values = valueArea(type->area))
+            saveValues(reader, pending.var.address, values);
         else
-            saveBits(reader, pending.var.address, layout.statusOn,
-                     type->area == Area::T ? driver.T_bits : driver.C_bits);
+            saveBits(reader, pending.var.address, layout.statusOn, byteArea(type->area));
         return;
     }
     unsigned char* area = byteArea(type->area);
@@ -132,25 +135,27 @@ void saveToImage(QByteArray* reply, const Protocol& pending)
         SaveWord_unsigned_char(reply, area);
 }
 
-/// Visits the entries of one reply; the one visited last, or entry 0 if none was, gets its value
-/// resized at the end.
+/// Stores one reply into the elements of the extend list. The element visited last, or entry 0 if
+/// none was, gets its value resized at the end. Deliberate: docs/oddities.md, Several stations.
 class ExtendStore
 {
 public:
-    ExtendStore(int station, int keyType) : m_station(station), m_keyType(keyType) {}
+    ExtendStore(int station, int keyType) : m_elements(station, keyType) {}
 
-    QByteArray* clearedEntry(qint64 address)
+    /// `size` 0 leaves the value empty: the reply does not hold the element.
+    void store(qint64 address, const char* bytes, int size)
     {
-        if (!isExtendAddress(address))
-            return nullptr;
-        m_last = ExtendFindSameVar(m_station, m_keyType, int(address));
-        QByteArray& value = PLC_driver.extend_list[m_last].value;
-        value.clear();
-        return &value;
+        const int index = m_elements.indexOf(address);
+        if (index < 0)
+            return;
+        m_last = index;
+        QByteArray& value = PLC_driver.extend_list[index].value;
+        // Into the memory that the value has already: most stores replace one byte by another.
+        value.resize(size);
+        std::memcpy(value.data(), bytes, size_t(size));
     }
 
-    /// `visited` is how often the store's loop ran. Entry 0 takes the resize of a store that had
-    /// nothing to do; peers in the field rely on that.
+    /// `visited` is how often the store's loop ran.
     void resizeLast(int visited, int bytes) const
     {
         const int index = visited > 0 ? m_last : 0;
@@ -164,8 +169,7 @@ public:
     }
 
 private:
-    int m_station;
-    int m_keyType;
+    ExtendElements m_elements;
     int m_last = -1;
 };
 
@@ -174,19 +178,20 @@ void extendWithEntries(const QByteArray& reply, const Protocol& pending,
 {
     const EntryReader reader(reply, pending, layoutOf(type));
     ExtendStore store(pending.var.station, pending.var.reg_type);
-    const int visited = qMin(reader.entries(), MostExtendLookups);
+    const int visited = qMin(reader.entries(), MostExtendElements);
+    const int bytes = holdsValue(type) ? 2 : 1;
     for (int k = 0; k < visited; ++k) {
-        QByteArray* value = store.clearedEntry(qint64(pending.var.address) + k);
-        if (!value || !reader.holds(k))
-            continue;
-        if (holdsValue(type)) {
-            value->append(char(reader.valueLow(k)));
-            value->append(char(reader.valueHigh(k)));
-        } else {
-            value->append(char(reader.status(k))); // as it came, unlike the image's bits
+        char value[2] = {};
+        const bool held = reader.holds(k);
+        if (held && holdsValue(type)) {
+            value[0] = char(reader.valueLow(k));
+            value[1] = char(reader.valueHigh(k));
+        } else if (held) {
+            value[0] = char(reader.status(k)); // as it came, unlike the image's bits
         }
+        store.store(qint64(pending.var.address) + k, value, held ? bytes : 0);
     }
-    store.resizeLast(visited, holdsValue(type) ? 2 * visited : visited);
+    store.resizeLast(visited, bytes * visited);
 }
 
 void extendWithBytes(const QByteArray& reply, const Protocol& pending)
@@ -194,12 +199,11 @@ void extendWithBytes(const QByteArray& reply, const Protocol& pending)
     RW_VAR key = pending.var;
     setReg_type(&key);
     ExtendStore store(key.station, key.reg_type);
-    const int visited = qMin(pending.data_len, MostExtendLookups);
+    const int visited = qMin(pending.data_len, MostExtendElements);
     for (int i = 0; i < visited; ++i) {
-        QByteArray* value = store.clearedEntry(qint64(key.address) + i);
         const qint64 at = qint64(pending.data_offset) + i;
-        if (value && at >= 0 && at < reply.size())
-            value->append(reply.at(int(at)));
+        const bool held = at >= 0 && at < reply.size();
+        store.store(qint64(key.address) + i, reply.constData() + (held ? at : 0), held ? 1 : 0);
     }
     store.resizeLast(visited, pending.data_len);
 }
@@ -218,22 +222,4 @@ void SaveToLocalDataErea(QByteArray* reply)
         extendWithEntries(*reply, pending, *type);
     else
         extendWithBytes(*reply, pending);
-}
-
-int ExtendFindSameVar(int station, int reg_type, int address)
-{
-    QList<EXTENDVAR>& list = PLC_driver.extend_list;
-    const int size = int(list.size());
-    for (int i = 0; i < size; ++i) {
-        const EXTENDVAR& entry = list.at(i);
-        if (entry.address == address && entry.station == station && entry.reg_type == reg_type)
-            return i;
-    }
-    EXTENDVAR entry;
-    entry.station = station;
-    entry.reg_type = reg_type;
-    entry.address = address;
-    entry.value = QByteArray(4, '\0');
-    list.append(entry);
-    return size;
 }

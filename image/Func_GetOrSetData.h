@@ -1,8 +1,7 @@
 #ifndef IMAGE_FUNC_GETORSETDATA_H
 #define IMAGE_FUNC_GETORSETDATA_H
 
-/// Accessors of the data image, and the host's value reads and writes (GetRegisterData and
-/// SetRegisterData, declared in driver/host_interface.h).
+/// Accessors of the data image.
 ///
 /// The image keeps controller memory most significant byte first; byte arrays are in host encoding,
 /// least significant byte first. No accessor takes a lock: callers hold the data mutex. An element
@@ -10,7 +9,6 @@
 /// pointer outside the image the caller answers for its size.
 
 #include <siemens_s7_200_cp243/export.h>
-#include <siemens_s7_200_cp243/request_records.h>
 
 #include <QByteArray>
 
@@ -66,10 +64,5 @@ CP243_EXPORT void SaveBit_unsigned_char(QByteArray* payload, unsigned char* area
 
 /// Payload pairs, high byte first, to element `address`. No caller in the driver.
 CP243_EXPORT void SaveWord_unsigned_short(QByteArray* payload, unsigned short* area);
-
-/// Copies a write request's value into the image, or into the extend list while variables carry
-/// their own stations. There a double-word write pads var->value with zero bytes. Takes the data
-/// mutex.
-CP243_EXPORT void WriteDataToLocal(RW_VAR* var);
 
 #endif

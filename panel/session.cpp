@@ -9,7 +9,8 @@ std::unique_ptr<Session> Session::open(const PanelOptions& options, QString* err
     if (!session->library.load(options.library, error))
         return nullptr;
     if (!options.traceFile.isEmpty()) {
-        session->trace = wire::FrameTrace::open(options.traceFile, error);
+        session->trace =
+            wire::FrameTrace::open(options.traceFile, wire::FrameTrace::KeepExisting, error);
         if (!session->trace)
             return nullptr;
         session->settings.trace = session->trace.get();

@@ -29,8 +29,8 @@ struct ByteRule {
 };
 
 // The read check looks at one bit of the TPDU type where the write check wants all of it, and the
-// write check leaves the item return code alone: a refused write counts as done, and hosts that
-// care look at the code themselves.
+// write check leaves the item return code alone, so a refused write counts as good. Both
+// deliberate: docs/oddities.md, Writes.
 // clang-format off
 const ByteRule ReadRules[] = {
     {0, 0xFF, 0x03}, {1, 0xFF, 0x00},                   // TPKT
@@ -120,7 +120,7 @@ unsigned short CalCRC(unsigned char* data, unsigned short len)
 
 int CalLRC(unsigned char* data, unsigned short len)
 {
-    // Not cut to a byte: callers expect 256 where the sum's low byte is 0.
+    // Not cut to a byte: 256 where the sum's low byte is 0.
     return 255 - (CalSUM(data, len) & 0xFF) + 1;
 }
 

@@ -31,7 +31,7 @@ const uchar ConnectionRequest[22] = {
     0xC1, 0x02, 0x00, 0x00,  // calling TSAP
     0xC2, 0x02, 0x00, 0x00}; // called TSAP
 
-// The PDU reference is 0x0108 whatever the station's is: peers know the setup job by it.
+// The PDU reference is 0x0108 whatever the station's is, which is 0 until the handshake is through.
 const uchar SetupCommunication[25] = {
     0x03, 0x00, 0x00, 0x19,  // TPKT of 25 bytes
     0x02, 0xF0, 0x80,        // DT TPDU

@@ -74,7 +74,7 @@ qint64 bitAddress(const RW_VAR& var)
 }
 
 /// The reply's element size follows the request's name alone, while the area asked for follows the
-/// register type: hosts name a request to say how its reply is to be read. 0 for any other name.
+/// register type. Deliberate: docs/oddities.md, Timers and counters. 0 for any other name.
 int elementBytes(const QString& name)
 {
     if (name == QLatin1String("T") || name == QLatin1String("TV"))

@@ -2,7 +2,7 @@
 
 #include "core/checked_int.h"
 #include "core/register_properties.h"
-#include "image/Func_GetOrSetData.h"
+#include "image/host_values.h"
 #include "protocol/Func_Check.h"
 #include "protocol/s7_frame.h"
 
@@ -66,7 +66,8 @@ void closeWithChecksum(QByteArray& record)
 }
 
 /// Data bytes per count of a remote read, -1 for an unknown register type. Doubled for byte areas
-/// although the count of a listed read is in bytes already: the peer answers to that measure.
+/// although the count of a listed read is in bytes already. Deliberate: docs/oddities.md, Remote
+/// access.
 int dataBytesPerCount(int regType)
 {
     const RegisterTypeInfo* type = registerTypeInfo(regType);

@@ -4,7 +4,7 @@
 #include "core/register_properties.h"
 #include "core/shared_word.h"
 #include "core/siemens_s7_200.h"
-#include "image/Func_GetOrSetData.h"
+#include "image/host_values.h"
 #include "protocol/s7_frame.h"
 
 #include <cstring>
@@ -61,8 +61,8 @@ const WriteRow Rows[RegisterTypeCount] = {
     {WriteAnalog_VD, 0, 0x82, true}, // QD
     {WriteAnalog_VD, 0, 0x83, true}, // MD
     {WriteAnalog_VD, 0, 0x04, true}, // SD
-    {WriteAnalog_VD, 0, 0x85, true}, // SMD: 0x85, not the 0x05 of SM and SMW; controllers in the
-                                     // field are set up for it
+    {WriteAnalog_VD, 0, 0x85, true}, // SMD: 0x85, not the 0x05 of SM and SMW. Deliberate:
+                                     // docs/oddities.md, Writes
 };
 
 /// The row of a register type that `builder` serves; one with area 0 for any other type.
@@ -132,7 +132,8 @@ char valueByte(const QByteArray& value, int index)
 }
 
 /// Status byte that goes with a timer or counter value. It is looked up in the image by number as
-/// if T_bits had a byte for each, and in T_bits for counters too; peers in the field rely on both.
+/// if T_bits had a byte for each, and in T_bits for counters too. Both deliberate: docs/oddities.md,
+/// Timers and counters.
 /// Numbers past T_bits fall into C_bits behind it.
 char statusByte(int number)
 {
@@ -177,7 +178,7 @@ void WriteBool(RW_VAR* var)
     const bool single = bits == 1;
     const bool block = bits > 1;
     // A block declares its bits divided by 8 but sends one byte a bit, in a frame as long as the
-    // bits: longer than its TPKT length says. Peers in the field rely on it.
+    // bits: longer than its TPKT length says. Deliberate: docs/oddities.md, Writes.
     const int declared = block ? bits >> 3 : bits;
     const quint8 transportSize = single ? SizeBit : block ? SizeByte : quint8(0);
     QByteArray frame =

@@ -111,10 +111,7 @@ QByteArray controllerBytes(Encoding encoding, const QByteArray& value, int count
 
 } // namespace
 
-RemoteRequestHandler::RemoteRequestHandler(ControllerMemory* memory)
-    : m_memory(memory)
-{
-}
+RemoteRequestHandler::RemoteRequestHandler(ControllerMemory* memory) : m_memory(memory) {}
 
 void RemoteRequestHandler::append(const QByteArray& bytes)
 {
@@ -288,7 +285,8 @@ QString RemoteRequestHandler::description() const
         return QStringLiteral("register type %1 refused: ").arg(m_current.registerType) +
                describe(m_jobError);
     // Reads of bits fetch whole bytes.
-    const bool byBit = shape->encoding == Encoding::Bits && (m_current.isWrite || shape->readsByBit);
+    const bool byBit =
+        shape->encoding == Encoding::Bits && (m_current.isWrite || shape->readsByBit);
     const bool inUnits = byBit || isNumbered(*shape);
     ItemText text;
     text.isWrite = m_current.isWrite;

@@ -57,7 +57,7 @@ private:
     wire::TpktReassembler m_reassembler;
     S7Request m_current;
     ItemCode m_itemCode = ItemCode::Success; ///< Outcome of the current item
-    JobError m_jobError = JobError::None;      ///< and of its job.
+    JobError m_jobError = JobError::None;    ///< and of its job.
 };
 
 } // namespace s7200::sim

@@ -67,7 +67,8 @@ SimulatedConnection::SimulatedConnection(QTcpSocket* socket, int number,
         m_handler =
             std::make_unique<S7RequestHandler>(&state->memory, options.largestPdu, options.tsap);
     if (options.trace != nullptr)
-        m_traceId = options.trace->newConnection();
+        m_traceId = options.trace->newConnection({socket->peerAddress(), socket->peerPort()},
+                                                 {socket->localAddress(), socket->localPort()});
     ++state->connections;
     m_clock.start();
     m_dueTimer.setSingleShot(true);
@@ -78,6 +79,9 @@ SimulatedConnection::SimulatedConnection(QTcpSocket* socket, int number,
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     connect(socket, &QTcpSocket::disconnected, this, [this] {
         log(QStringLiteral("disconnected"));
+        if (m_options.trace != nullptr)
+            m_options.trace->closeConnection(m_traceId, m_closing ? wire::FrameTrace::FromController
+                                                                  : wire::FrameTrace::ToController);
         deleteLater();
     });
     connect(socket, &QTcpSocket::readyRead, this, [this] { receive(); });
@@ -101,8 +105,7 @@ SimulatedConnection::~SimulatedConnection()
 void SimulatedConnection::tick()
 {
     const bool mayTakeItsTime = m_silent || m_handler->isServing();
-    const int limitMs =
-        mayTakeItsTime ? m_options.idleMs : std::min(m_options.idleMs, HandshakeMs);
+    const int limitMs = mayTakeItsTime ? m_options.idleMs : std::min(m_options.idleMs, HandshakeMs);
     if (++m_quietTicks * TickMs <= limitMs || m_closing)
         return;
     log(mayTakeItsTime ? QStringLiteral("idle: connection closed")

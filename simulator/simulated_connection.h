@@ -76,10 +76,10 @@ private:
     bool m_closing = false;
     bool m_silent = false;
     int m_quietTicks = 0;
-    QByteArray m_splitReply; ///< Still to be sent byte by byte; nothing is served meanwhile.
-    QByteArray m_lateReply;  ///< Held back until the next request.
-    QByteArray m_previousReply;     ///< For sending once more.
-    std::deque<Delayed> m_delayed;  ///< In the order in which they go out.
+    QByteArray m_splitReply;       ///< Still to be sent byte by byte; nothing is served meanwhile.
+    QByteArray m_lateReply;        ///< Held back until the next request.
+    QByteArray m_previousReply;    ///< For sending once more.
+    std::deque<Delayed> m_delayed; ///< In the order in which they go out.
     qint64 m_delayedBytes = 0;
     QElapsedTimer m_clock;
     QTimer m_dueTimer;

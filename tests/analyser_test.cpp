@@ -141,7 +141,7 @@ void AnalyserTest::initTestCase()
 {
     QString error;
     m_file = m_folder.filePath("frames.pcap");
-    m_trace = FrameTrace::open(m_file, &error);
+    m_trace = FrameTrace::open(m_file, FrameTrace::KeepExisting, &error);
     QVERIFY2(m_trace, qPrintable(error));
 
     m_driver.reset();

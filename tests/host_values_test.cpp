@@ -1,4 +1,4 @@
-#include "image/Func_GetOrSetData.h"
+#include "image/host_values.h"
 #include "tests/driver_fixture.h"
 
 #include <QtTest>
@@ -315,14 +315,18 @@ private slots:
         SetRegisterData("", 12, "0", 3, &data, 2000000000, 0, 0);
         QCOMPARE(PLC_driver.write_list.last().count, 0xFFFF);
 
-        // No call visits more than 10240 elements: here all but two of them lie below address 0.
+        // No call visits more elements than V memory has: here all but two of them (or of the bits
+        // of two) lie below address 0.
         info.per_variable_stations = 1;
         const int below = -10238;
-        for (int regType : {2, 8, 11, 13, 14}) {
+        for (int regType : {8, 11, 13, 14}) {
             PLC_driver.extend_list.clear();
             storeLocally(regType, below, 10300, data);
-            QCOMPARE(int(PLC_driver.extend_list.size()), regType == 2 ? 1 : 2);
+            QCOMPARE(int(PLC_driver.extend_list.size()), 2);
         }
+        PLC_driver.extend_list.clear();
+        storeLocally(2, 8 * below, 82000, QByteArray(82000, '\1'));
+        QCOMPARE(int(PLC_driver.extend_list.size()), 2);
         const QPair<int, int> replies[] = {{8, 10300}, {14, 5 * 10300}, {19, 3 * 10300}};
         for (const auto& reply : replies) {
             PLC_driver.extend_list.clear();
@@ -337,14 +341,20 @@ private slots:
         WriteDataToLocal(&var);
         QVERIFY(var.value.size() < 150000);
 
-        // Addresses begin at 0, so these do visit that many: bits, of which eight share an entry.
-        PLC_driver.extend_list.clear();
+        // All the bits of V memory are written and read in one call, and not one more.
+        constexpr int Bits = 8 * 10240;
+        const QByteArray ones(Bits + 8, '\1');
+        data = ones;
         PLC_driver.link_failed = 1;
-        QCOMPARE(SetRegisterData("", 5, "0.0", 3, &data, 10304, 0, 0), 1024);
-        QCOMPARE(int(PLC_driver.extend_list.size()), 1280);
-        QByteArray out;
-        QCOMPARE(GetRegisterData("", 5, "0.0", 3, out, 10304), 1);
-        QCOMPARE(int(out.size()), 10240);
+        for (int perVariable : {0, 1}) {
+            info.per_variable_stations = perVariable;
+            PLC_driver.extend_list.clear();
+            QCOMPARE(SetRegisterData("", 5, "0.0", 3, &data, Bits + 8, 0, 0), 1024);
+            QCOMPARE(int(PLC_driver.extend_list.size()), perVariable ? Bits / 8 : 0);
+            QByteArray out;
+            QCOMPARE(GetRegisterData("", 5, "0.0", 3, out, Bits + 8), 1);
+            QVERIFY(out == ones.left(Bits));
+        }
     }
 
     void extendListHoldsNamableAddressesOnly()

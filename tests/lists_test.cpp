@@ -227,12 +227,31 @@ private slots:
 
     void absurdNumbers()
     {
-        for (int limit : {1, 100, 0, -1, -100, Max, Min})
+        for (int limit : {100, 0, -100, Max, Min})
             for (const char* text : {"0 %1.0 %2", "5 %1.0 %2", "9 %1 %2", "11 %1 %2", "12 %1 %2",
                                      "13 %1 %2", "14 %1 %2", "16 %1 %2", "24 %1 %2"})
                 for (int address : {0, 268435455})
                     for (int count : {Min, -3, Max})
                         expectSoundLists(limit, variables(QString(text).arg(address).arg(count)));
+        expectSoundLists(1, variables(QString("12 0 %1").arg(Max)));
+    }
+
+    /// All of a long variable is listed, and a one-shot read of nothing says how much that is.
+    void longAndEmptyRequests()
+    {
+        fixture.info.block_length_limit = 200;
+        QCOMPARE(ReCreatReadVarList(variables("12 0 40000")), 200);
+        const RW_VAR last = PLC_driver.read_list.last();
+        QCOMPARE(last.address + last.count, 80000);
+
+        fixture.info.block_length_limit = -3;
+        RW_VAR words = onceRead(9, "6", 2);
+        words.address = 77;
+        QCOMPARE(AddListOnceReadVar(&words, 0), 0);
+        QVERIFY(words.count == 4 && words.reg_type == 9 && words.address == 77);
+        RW_VAR doubleWords = onceRead(13, "6", -1);
+        QCOMPARE(AddListOnceReadVar(&doubleWords, 0), 0);
+        QVERIFY(doubleWords.count == 0 && doubleWords.reg_type == 12);
     }
 
     void writesMerge()
@@ -366,7 +385,7 @@ private:
         fixture.info.block_length_limit = limit;
         for (int perVariable : {0, 1}) {
             fixture.info.per_variable_stations = perVariable;
-            QVERIFY(ReCreatReadVarList(listed) <= 65535);
+            QVERIFY(ReCreatReadVarList(listed) <= 1 << 20);
             // What can be listed begins at the variable's own address.
             if (limit >= 0 && variable.count > 0)
                 QCOMPARE(PLC_driver.read_list.first().address,

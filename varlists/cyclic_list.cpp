@@ -1,13 +1,14 @@
 #include "varlists/Func_Initi.h"
 
 #include "core/checked_int.h"
+#include "core/guard.h"
 #include "core/register_properties.h"
 #include "core/shared_word.h"
 #include "core/siemens_s7_200.h"
+#include "varlists/byte_ranges.h"
 
 #include <QMutexLocker>
 #include <QSet>
-#include <QStringList>
 
 #include <algorithm>
 
@@ -16,33 +17,13 @@ using namespace cp243;
 namespace
 {
 
-constexpr int InvalidAddress = -1;
-constexpr int QueueLimit = 1024;
-
-/// Most bytes or elements that one listed variable covers: what the 16-bit length of an item can
-/// name. Keeps an absurd count from filling memory with pieces.
-constexpr qint64 LargestRange = 0xFFFF;
+/// Most bytes or elements that one listed variable covers. Only guards memory: an absurd count must
+/// not fill it with pieces.
+constexpr qint64 LargestRange = 1 << 20;
 
 /// Cyclic requests made from a variable list carry no host tags.
 constexpr int NoHostKey = 0;
 constexpr int NoHostIndex = -1;
-
-bool isBitType(int regType)
-{
-    return regType >= Type_I && regType <= Type_V;
-}
-
-/// Bytes that `bits` bits cover, the first of which is bit `bitInByte` of its byte.
-qint64 bytesOfBits(qint64 bitInByte, qint64 bits)
-{
-    return (bitInByte + bits + 7) >> 3;
-}
-
-/// Bytes of `words` 16-bit words made up to whole double words.
-qint64 bytesOfDoubleWords(qint64 words)
-{
-    return (words + 1) / 2 * 4;
-}
 
 RW_VAR cyclicRequest(const VAR_INFO& variable, int address, int station)
 {
@@ -90,8 +71,8 @@ void widen(RW_VAR& request, Width width)
     }
 }
 
-/// Largest piece of a cyclic request. The factors are measured against a byte count all the same:
-/// hosts choose their limit by the requests that come of it.
+/// Largest piece of a cyclic request. The factors stand although the count is in bytes already.
+/// Deliberate: docs/oddities.md, Lists.
 qint64 pieceSize(Width width, qint64 limit)
 {
     switch (width) {
@@ -122,7 +103,7 @@ void mergeArea(QList<RW_VAR>& area, qint64 limit)
             PLC_driver.read_list.last().count = int(length);
             continue;
         }
-        AddListReadVar(&request);
+        PLC_driver.read_list.append(request);
         start = begin;
         length = request.count;
         open = true;
@@ -179,7 +160,7 @@ HashValue qHash(const RequestIdentity& id, HashValue seed = 0)
 }
 
 /// The several-stations method has widths of its own: VB counts as a word, SW (and a code outside
-/// the table) as its plain count. Hosts of several stations double the count of an SW themselves.
+/// the table) as its plain count. Deliberate: docs/oddities.md, Several stations.
 void widenForStation(RW_VAR& request)
 {
     const RegisterTypeInfo* type = registerTypeInfo(request.reg_type);
@@ -206,8 +187,8 @@ void listSeveralStations(const QList<VAR_INFO>& variables)
         const Pieces pieces = cutIntoPieces(request.count, limit);
         const qint64 first = request.address;
         for (qint64 i = 0; i < pieces.number; ++i) {
-            // A step of twice the limit, although a piece covers the limit once: hosts list long
-            // variables in short ones because of it.
+            // A step of twice the limit, although a piece covers the limit once. Deliberate:
+            // docs/oddities.md, Several stations.
             const qint64 begin = first + 2 * i * limit;
             if (!fitsInt(begin))
                 break;
@@ -218,84 +199,12 @@ void listSeveralStations(const QList<VAR_INFO>& variables)
             if (listed.contains(id))
                 continue;
             listed.insert(id);
-            AddListReadVar(&request);
+            PLC_driver.read_list.append(request);
         }
     }
 }
 
-bool samePlace(const RW_VAR& a, const RW_VAR& b)
-{
-    return a.station == b.station && a.reg_type == b.reg_type && a.address == b.address &&
-           a.count == b.count;
-}
-
-bool isListed(const RW_VAR& var)
-{
-    const QList<RW_VAR>& list = PLC_driver.once_read_list;
-    return std::any_of(list.begin(), list.end(), [&](const RW_VAR& entry) {
-        return entry.host_key == var.host_key && entry.host_index == var.host_index &&
-               samePlace(entry, var);
-    });
-}
-
-/// How a one-shot read is cut: where it starts, how much it covers, how far the pieces are apart.
-struct OneShotRange {
-    qint64 start;
-    qint64 count;
-    int stepFactor; ///< 2 where pieces lie twice their length apart.
-};
-
-/// Folds the type of a one-shot read and gives its range.
-OneShotRange normalise(RW_VAR& var, int address)
-{
-    const RegisterTypeInfo* type = registerTypeInfo(var.reg_type);
-    const qint64 elements = var.count;
-    if (!type)
-        return {var.address, elements, 2};
-    switch (type->width) {
-    case Width::Bit:
-        setReg_type(&var);
-        // The start stays in bit units, where the cyclic list goes over to bytes: hosts that need
-        // bits once ask for the bytes instead.
-        return {address & ~7, bytesOfBits(address & 7, elements), 1};
-    case Width::Byte:
-    case Width::Word:
-        return {address, 2 * elements, 1};
-    case Width::DoubleWord:
-        setReg_type(&var);
-        return {address, bytesOfDoubleWords(elements), 1};
-    default:
-        // Twice the step here: hosts ask for timers, counters and analogue words in pieces.
-        return {address, elements, 2};
-    }
-}
-
 } // namespace
-
-int StringAddressToInt(int regType, QString text)
-{
-    if (!isBitType(regType)) {
-        bool valid = false;
-        const int number = text.toInt(&valid);
-        return valid ? number : InvalidAddress;
-    }
-    if (!text.contains(QLatin1Char('.')))
-        return InvalidAddress;
-    const QStringList parts = text.split(QLatin1Char('.'));
-    const qint64 address = qint64(parts.at(0).toInt()) * 8 + parts.at(1).toInt();
-    return fitsInt(address) ? int(address) : InvalidAddress;
-}
-
-int PLCAddressChangeIntef(int regType, QString text)
-{
-    return StringAddressToInt(regType, text);
-}
-
-void setReg_type(RW_VAR* var)
-{
-    if (const RegisterTypeInfo* type = registerTypeInfo(var->reg_type))
-        var->reg_type = type->wordType;
-}
 
 void WhetherGroup(int total, int piece, RW_VAR* var, QList<RW_VAR>* target)
 {
@@ -321,85 +230,30 @@ int ReCreatReadVarList(QList<VAR_INFO> variables)
 {
     Q_ASSERT(PLC_driver.com_info);
     QMutexLocker lock(&PLC_driver.list_mutex);
-    PLC_driver.read_list = QList<RW_VAR>();
+    QList<RW_VAR>& list = PLC_driver.read_list;
+    list = QList<RW_VAR>();
     if (variables.isEmpty())
         return 0;
     PLC_driver.cycle_count = 0;
     storeShared(PLC_driver.com_info->cycle_complete, 0);
-    if (PLC_driver.com_info->per_variable_stations != 0)
-        listSeveralStations(variables);
-    else
-        listOneStation(variables);
-    return int(PLC_driver.read_list.size());
+    const bool built = guarded(false, [&] {
+        if (PLC_driver.com_info->per_variable_stations != 0)
+            listSeveralStations(variables);
+        else
+            listOneStation(variables);
+        return true;
+    });
+    if (!built)
+        list = QList<RW_VAR>(); // half a list would pass for the whole
+    return int(list.size());
 }
 
 int AddListReadVar(RW_VAR* var)
 {
-    if (var)
-        PLC_driver.read_list.append(*var);
-    return int(PLC_driver.read_list.size());
-}
-
-int AddListWriteVar(RW_VAR* var, int mode)
-{
-    if (!var)
-        return 0;
-    QMutexLocker lock(&PLC_driver.list_mutex);
-    QList<RW_VAR>& list = PLC_driver.write_list;
-    const int size = int(list.size());
-    if (mode == List_Append || size < 2) {
-        list.append(*var);
-        return size + 1;
-    }
-    // The first entry is never replaced: its frame may be on the wire.
-    for (int i = 1; i < size; ++i) {
-        if (samePlace(list.at(i), *var)) {
-            list[i] = *var;
-            return size;
-        }
-    }
-    if (size < QueueLimit)
-        list.append(*var);
-    return int(list.size());
-}
-
-int AddListOnceReadVar(RW_VAR* var, int mode)
-{
-    QList<RW_VAR>& list = PLC_driver.once_read_list;
-    if (!var)
-        return 0;
-    if (mode == List_Append) {
-        QMutexLocker lock(&PLC_driver.list_mutex);
-        list.append(*var);
+    QList<RW_VAR>& list = PLC_driver.read_list;
+    return guarded(int(list.size()), [&] {
+        if (var)
+            list.append(*var);
         return int(list.size());
-    }
-    const int address = StringAddressToInt(var->reg_type, var->address_text);
-    if (address < 0)
-        return 0;
-    Q_ASSERT(PLC_driver.com_info);
-    const COM_INFO& info = *PLC_driver.com_info;
-    var->reserved1 = var->reserved2 = 0;
-    if (info.per_variable_stations == 0)
-        var->station = info.default_station;
-    const qint64 limit = info.block_length_limit;
-    const OneShotRange range = normalise(*var, address);
-    const Pieces pieces = cutIntoPieces(range.count, limit);
-    const auto beginOf = [&](qint64 i) { return range.start + range.stepFactor * i * limit; };
-    const auto setPiece = [&](qint64 i) {
-        var->address = clampToInt(beginOf(i));
-        var->count = clampToInt(pieces.sizeOf(i));
-    };
-
-    QMutexLocker lock(&PLC_driver.list_mutex);
-    for (qint64 i = 0; i < pieces.number && fitsInt(beginOf(i)); ++i) {
-        setPiece(i);
-        if (isListed(*var))
-            continue;
-        if (int(list.size()) >= QueueLimit)
-            break; // nothing further can enter
-        list.append(*var);
-    }
-    if (pieces.number > 0)
-        setPiece(pieces.number - 1);
-    return int(list.size());
+    });
 }
