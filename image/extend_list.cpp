@@ -52,10 +52,13 @@ public:
         const int near = nearby(list, key);
         if (near >= 0)
             return remember(near, key);
-        const auto found = m_positions.constFind(key);
-        if (found == m_positions.constEnd())
-            return -1;
-        return remember(*found, key);
+        int position = m_positions.value(key, -1);
+        if (position >= 0 && !(keyOf(list.at(position)) == key)) {
+            forget();
+            takeIn(list);
+            position = m_positions.value(key, -1);
+        }
+        return position >= 0 ? remember(position, key) : -1;
     }
 
     int append(const ExtendKey& key)
