@@ -27,7 +27,7 @@ struct Hint {
 constexpr Hint Hints[] = {
     {ProbeStep::LookUp, Cause::None,
      "the name is misspelt or no name server knows it; try the address"},
-    {ProbeStep::Connect, Cause::Closed,
+    {ProbeStep::Connect, Cause::Closed, // refused
      "the device is there but the port is closed: another address, another port, or a module "
      "without configuration"},
     {ProbeStep::Connect, Cause::TimedOut,
@@ -75,8 +75,14 @@ QString describe(ProbeStep step)
     }
 }
 
-QString usualCause(ProbeStep step, Cause cause, const ControllerSettings& settings)
+QString usualCause(const ProbeResults& results, const ControllerSettings& settings)
 {
+    const ProbeStep step = results.step;
+    Cause cause = results.failure.cause;
+    if (results.socketError == QAbstractSocket::ConnectionRefusedError)
+        cause = Cause::Closed;
+    else if (results.socketError == QAbstractSocket::SocketTimeoutError)
+        cause = Cause::TimedOut;
     const auto hint = std::find_if(std::begin(Hints), std::end(Hints), [&](const Hint& row) {
         return row.step == step && (row.cause == cause || row.cause == Cause::None);
     });
@@ -144,7 +150,7 @@ void LinkProbe::connectAfresh()
     if (m_settings.trace != nullptr && m_traceId >= 0)
         m_settings.trace->closeConnection(m_traceId, FrameTrace::ToController);
     m_traceId = -1;
-    m_results.step = ProbeStep::LookUp;
+    m_results.socketError = QAbstractSocket::UnknownSocketError;
     m_clock.start();
     m_timeout.start(m_settings.timeoutMs);
     m_socket.connectToHost(m_settings.endpoint.host, m_settings.endpoint.port);
@@ -216,7 +222,8 @@ void LinkProbe::disconnected()
     }
     if (!m_timeout.isActive())
         return; // between two reads: the next one finds out
-    const bool unknown = m_socket.error() == QAbstractSocket::HostNotFoundError;
+    m_results.socketError = m_socket.error();
+    const bool unknown = m_results.socketError == QAbstractSocket::HostNotFoundError;
     fail(unknown ? ProbeStep::LookUp : ProbeStep::Connect,
          {Cause::NoConnection, m_socket.errorString().toLower()});
 }
@@ -232,6 +239,7 @@ void LinkProbe::timeUp()
         replied(instead, failure);
         return;
     }
+    m_results.socketError = QAbstractSocket::SocketTimeoutError;
     const bool lookingUp = m_socket.state() == QAbstractSocket::HostLookupState;
     fail(lookingUp ? ProbeStep::LookUp : ProbeStep::Connect,
          {Cause::NoConnection, QStringLiteral("nothing within %1 ms").arg(m_settings.timeoutMs)});

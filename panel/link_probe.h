@@ -21,9 +21,6 @@ enum class ProbeStep { LookUp, Connect, TpduConnection, Setup, Read };
 /// "name look-up", "TCP connection", "TPDU connection", "setup communication", "read".
 QString describe(ProbeStep step);
 
-/// What usually causes that a step fails so, and what to look at; one line.
-QString usualCause(ProbeStep step, Cause cause, const ControllerSettings& settings);
-
 struct ProbeResults {
     QVector<qint64> roundTripsUs; ///< Of good reads, in order.
     int reads = 0;                ///< Begun, the good ones included.
@@ -35,9 +32,15 @@ struct ProbeResults {
     Failure failure;                    ///< The last one.
     ProbeStep step = ProbeStep::LookUp; ///< At which that was.
 
+    QAbstractSocket::SocketError socketError = QAbstractSocket::UnknownSocketError; ///< Connect.
+
     /// The round trip that the given share (0 to 1) of all do not exceed; 0 without any.
     qint64 percentile(double share) const;
 };
+
+/// What usually causes that a step fails as the last one did, and what to look at; one line, or
+/// empty.
+QString usualCause(const ProbeResults& results, const ControllerSettings& settings);
 
 /// Connects to a controller, shakes hands and reads its status word (SMW0) a number of times, with
 /// a driver of its own, step by step, so that it can say which step failed. Lives in its thread's
