@@ -5,8 +5,7 @@ namespace s7200::panel
 
 QVector<Command> allCommands()
 {
-    return {watchCommand(),  readCommand(), writeCommand(), pingCommand(), explainCommand(),
-            replayCommand(), saveCommand(), diffCommand(),  applyCommand()};
+    return {watchCommand()};
 }
 
 } // namespace s7200::panel
