@@ -80,6 +80,9 @@ public:
     /// All tags of --tags, in the file's order.
     bool resolveAllTags(QVector<Item>* items, QString* error);
 
+    /// Tags from elsewhere. False with an `error` of a line for each that is on no controller.
+    bool resolveTags(const QVector<Tag>& tags, QVector<Item>* items, QString* error);
+
     /// "VW100=7" or "press1.speed=21.5": an item and its elements' bits. False with a one-line
     /// `error`, also for what cannot be written.
     bool resolveAssignment(const QString& text, Item* item, QVector<quint32>* values,

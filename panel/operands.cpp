@@ -72,28 +72,27 @@ bool CommandLine::resolve(const QStringList& texts, QVector<Item>* items, QStrin
             return false;
         found += meant;
     }
-    const QStringList labels = labelsOf(found);
-    for (int i = 0; i < int(found.size()); ++i) {
-        Item item;
-        if (!place(found.at(i), &item, error))
-            return false;
-        item.label = labels.at(i);
-        items->append(item);
-    }
-    return true;
+    return resolveTags(found, items, error);
 }
 
 bool CommandLine::resolveAllTags(QVector<Item>* items, QString* error)
 {
-    const QStringList labels = labelsOf(m_tags.tags());
-    for (int i = 0; i < int(m_tags.tags().size()); ++i) {
+    return resolveTags(m_tags.tags(), items, error);
+}
+
+bool CommandLine::resolveTags(const QVector<Tag>& tags, QVector<Item>* items, QString* error)
+{
+    const QStringList labels = labelsOf(tags);
+    QStringList errors;
+    for (int i = 0; i < int(tags.size()); ++i) {
         Item item;
-        if (!place(m_tags.tags().at(i), &item, error))
-            return false;
+        if (!place(tags.at(i), &item, error))
+            errors.append(*error);
         item.label = labels.at(i);
         items->append(item);
     }
-    return true;
+    *error = errors.join(QLatin1Char('\n'));
+    return errors.isEmpty();
 }
 
 bool CommandLine::resolveAssignment(const QString& text, Item* item, QVector<quint32>* values,
