@@ -5,7 +5,7 @@ namespace s7200::panel
 
 QVector<Command> allCommands()
 {
-    return {watchCommand()};
+    return {watchCommand(), pingCommand(), explainCommand(), replayCommand()};
 }
 
 } // namespace s7200::panel
