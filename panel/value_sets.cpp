@@ -14,7 +14,7 @@ namespace s7200::panel
 namespace
 {
 
-constexpr unsigned Takes = TakesControllers | NeedsController;
+constexpr unsigned TakesHere = TakesControllers | NeedsController;
 
 /// The tag as it is to be found again from the file alone.
 Tag selfDescribing(const Item& item, const CommandLine& line)
@@ -247,9 +247,9 @@ Command diffCommand()
     return {"diff",
             "values.csv",
             "compare controllers with a set of values",
-            "Reads what a file of values names and prints each value that differs: what was saved\n"
-            "and what it is now. Exit status 1 if any differs.",
-            Takes,
+            "Reads what a file of values names and prints each value that differs: what was\n"
+            "saved and what it is now. Exit status 1 if any differs.",
+            TakesHere,
             {},
             runDiff};
 }

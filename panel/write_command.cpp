@@ -56,12 +56,13 @@ Command writeCommand()
     return {"write",
             "VARIABLE=VALUE...",
             "write variables",
-            "Writes each variable and waits until the controller has acknowledged it. Nothing is\n"
-            "written beside what is named; nothing is sent if any argument is wrong. Values are\n"
-            "decimal, signed, 0x hexadecimal, 0b binary, true or false for bits, REAL (21.5) for\n"
-            "double words; one for each element, separated by commas: VW100x3=1,2,3. A whole\n"
-            "number written to VD4 is an integer, written to VD4/float a REAL. A tag takes what\n"
-            "it shows: its scaled value. Inputs and timer and counter bits cannot be written.",
+            "Writes each variable and waits until the controller has acknowledged it.\n"
+            "Nothing is written beside what is named, and nothing is sent if any argument is\n"
+            "wrong. Values are decimal, signed, 0x hexadecimal, 0b binary, true or false for\n"
+            "bits, REAL (21.5) for double words; one for each element, separated by commas:\n"
+            "VW100x3=1,2,3. A whole number written to VD4 is an integer, written to VD4/float\n"
+            "a REAL. A tag takes what it shows: its scaled value. Inputs and timer and counter\n"
+            "bits cannot be written.",
             TakesControllers | TakesTags | TakesVariables | NeedsController,
             {{QStringLiteral("verify"),
               QStringLiteral("Read each variable back, print it, and compare.")}},
