@@ -3,6 +3,7 @@
 
 #include <s7200host/export.h>
 
+#include <QMetaType>
 #include <QString>
 #include <QtGlobal>
 
@@ -93,5 +94,7 @@ struct LinkStatistics {
 };
 
 } // namespace s7200
+
+Q_DECLARE_METATYPE(s7200::LinkStatus)
 
 #endif
