@@ -199,9 +199,7 @@ void LinkMachine::request(RequestPtr request, Micros now)
 {
     m_now = std::max(m_now, now);
     if (request->isWrite())
-        request->steps =
-            writeSteps(request->variable, request->values, m_requestLimit,
-                       m_comInfo.per_variable_stations != 0 || m_settings.remoteAccess);
+        request->steps = writeSteps(request->variable, request->values, m_requestLimit);
     const auto found = m_stations.find(request->station);
     if (found == m_stations.end())
         finish(std::move(request), {Cause::Invalid, QStringLiteral("no such station")});
