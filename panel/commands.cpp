@@ -5,8 +5,8 @@ namespace s7200::panel
 
 QVector<Command> allCommands()
 {
-    return {watchCommand(),  readCommand(), writeCommand(), pingCommand(), explainCommand(),
-            replayCommand(), saveCommand(), diffCommand(),  applyCommand()};
+    return {watchCommand(), readCommand(), writeCommand(),
+            saveCommand(),  diffCommand(), applyCommand()};
 }
 
 } // namespace s7200::panel

@@ -48,7 +48,8 @@ QString usage()
 
 QString version()
 {
-    QString driver = findDriver(QString(), nullptr);
+    QString error;
+    QString driver = findDriver(QString(), &error);
     if (driver.isEmpty())
         driver = QStringLiteral("not found");
     const QString commit = QStringLiteral(S7200_COMMIT);

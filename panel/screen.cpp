@@ -8,11 +8,13 @@ namespace
 
 constexpr qint64 MarkedMs = 2000; ///< A change is marked for so long.
 constexpr int AgeWidth = 4;
+constexpr int NarrowestUnit = 4; ///< What stands above it.
 constexpr int WidestUnit = 8;
 constexpr int WidestValue = 24;
 constexpr int NarrowestNote = 4;
 constexpr int LinesWithHeader = 16; ///< A screen with fewer has no line to spare.
 const char* const Prompt = "write> ";
+const QLatin1String Separator(" | "); ///< Of the parts of the first status line.
 
 // One line of what the rows need.
 
@@ -104,7 +106,11 @@ Drawing Layout::draw()
 void Layout::addStatus()
 {
     const int most = qMax(2, m_shape.lines / 4);
-    QStringList lines = {clip(m_contents.status.value(0), m_width)};
+    // Of the first line, whole parts go first.
+    QString first = m_contents.status.value(0);
+    while (first.size() > m_width && first.contains(Separator))
+        first.truncate(first.lastIndexOf(Separator));
+    QStringList lines = {first};
     if (m_contents.status.size() == 2)
         lines += wrapped(m_contents.status.at(1), m_width, 2, m_shape.utf8);
     else
@@ -232,7 +238,9 @@ Columns Layout::columnsFor(const QVector<Place>& places) const
         if (row.isDump())
             continue;
         columns.value = qMax(columns.value, int(valueOf(row, place.first).size()));
-        columns.unit = qMax(columns.unit, qMin(WidestUnit, int(row.item.tag.unit.size())));
+        if (!row.item.tag.unit.isEmpty())
+            columns.unit = qBound(qMax(NarrowestUnit, columns.unit), int(row.item.tag.unit.size()),
+                                  WidestUnit);
     }
     columns.label = qMin(columns.label, qMax(8, m_width * 2 / 5));
     int left = m_width - columns.label - columns.marks - 1 - AgeWidth - 1;
@@ -250,8 +258,7 @@ ScreenLine Layout::header(const Columns& columns) const
     QString text = QStringLiteral("name").leftJustified(columns.label + columns.marks + 1) +
                    QStringLiteral("value").rightJustified(columns.value);
     if (columns.unit > 0)
-        text += QLatin1Char(' ') +
-                QStringLiteral("unit").leftJustified(columns.unit).left(columns.unit);
+        text += QLatin1Char(' ') + QStringLiteral("unit").leftJustified(columns.unit);
     text += QLatin1Char(' ') + QStringLiteral("age").rightJustified(AgeWidth);
     if (columns.note > 0)
         text += QStringLiteral("  history");

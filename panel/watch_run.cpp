@@ -120,10 +120,10 @@ void WatchRun::addLinks()
 void WatchRun::connectController(int index)
 {
     Controller* controller = &m_session->controller(index);
-    QVector<Variable> variables;
-    for (const int row : std::as_const(m_targets[index].rows))
-        variables.append(m_rows.at(row).item.tag.variable);
-    controller->watch(variables);
+    std::vector<Variable> variables;
+    for (const int row : m_targets.at(index).rows)
+        variables.push_back(m_rows.at(row).item.tag.variable);
+    controller->watch(QVector<Variable>(variables.begin(), variables.end()));
     QObject::connect(controller, &Controller::linkChanged,
                      [this, index](const LinkStatus& status) { hearLink(index, status); });
     QObject::connect(controller, &Controller::valuesChanged,
