@@ -140,16 +140,14 @@ void Controller::watch(const QVector<Variable>& variables)
 
 bool Controller::watch(const QStringList& variables, QString* error)
 {
-    QVector<Variable> parsed;
-    for (const QString& text : variables) {
-        Variable variable;
+    QVector<Variable> parsed(variables.size());
+    for (int i = 0; i < int(variables.size()); ++i) {
         QString reason;
-        if (!parseVariable(text, &variable, &reason)) {
-            if (error)
-                *error = reason;
-            return false;
-        }
-        parsed.append(variable);
+        if (parseVariable(variables.at(i), &parsed[i], &reason))
+            continue;
+        if (error)
+            *error = reason;
+        return false;
     }
     watch(parsed);
     return true;

@@ -49,6 +49,17 @@ void RoundTripHistogram::add(qint64 microseconds)
     ++m_count;
 }
 
+void RoundTripHistogram::merge(const RoundTripHistogram& other)
+{
+    if (other.m_count == 0)
+        return;
+    for (std::size_t bucket = 0; bucket < Buckets; ++bucket)
+        m_buckets[bucket] += other.m_buckets[bucket];
+    m_minimum = m_count == 0 ? other.m_minimum : std::min(m_minimum, other.m_minimum);
+    m_maximum = std::max(m_maximum, other.m_maximum);
+    m_count += other.m_count;
+}
+
 quint64 RoundTripHistogram::count() const
 {
     return m_count;

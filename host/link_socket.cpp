@@ -52,6 +52,8 @@ void LinkSocket::open()
 
 void LinkSocket::close()
 {
+    if (m_state == State::Open)
+        traceEnd(wire::FrameTrace::ToController);
     m_state = State::Closed;
     m_lookup.abandon();
     m_socket.abort();
@@ -86,7 +88,8 @@ void LinkSocket::resolved(const QList<QHostAddress>& addresses)
 void LinkSocket::tryNext()
 {
     m_socket.abort();
-    m_socket.connectToHost(m_addresses.takeFirst(), m_endpoint.port);
+    m_address = m_addresses.takeFirst();
+    m_socket.connectToHost(m_address, m_endpoint.port);
 }
 
 void LinkSocket::connected()
@@ -94,16 +97,20 @@ void LinkSocket::connected()
     m_state = State::Open;
     m_socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
     if (m_trace)
-        m_traceId = m_trace->newConnection();
+        m_traceId = m_trace->newConnection({m_socket.localAddress(), m_socket.localPort()},
+                                           {m_socket.peerAddress(), m_socket.peerPort()});
     Q_EMIT opened();
 }
 
 void LinkSocket::failed()
 {
     if (m_state == State::Open) {
+        traceEnd(wire::FrameTrace::FromController);
         m_state = State::Closed;
         Q_EMIT closed();
     } else if (m_state == State::Connecting) {
+        if (m_trace)
+            m_trace->failedConnection({m_address, m_endpoint.port});
         if (m_addresses.isEmpty())
             fail(m_socket.errorString().toLower());
         else
@@ -115,6 +122,12 @@ void LinkSocket::fail(const QString& why)
 {
     m_state = State::Closed;
     Q_EMIT openFailed(why);
+}
+
+void LinkSocket::traceEnd(wire::FrameTrace::Direction by)
+{
+    if (m_trace)
+        m_trace->closeConnection(m_traceId, by);
 }
 
 QByteArray LinkSocket::take()

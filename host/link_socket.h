@@ -44,6 +44,7 @@ private:
     void connected();
     void failed();
     void fail(const QString& why);
+    void traceEnd(wire::FrameTrace::Direction by);
     QByteArray take();
 
     const Endpoint m_endpoint;
@@ -51,6 +52,7 @@ private:
     State m_state = State::Closed;
     NameLookup m_lookup;
     QList<QHostAddress> m_addresses; ///< Still to be tried.
+    QHostAddress m_address;          ///< Being tried.
     QTcpSocket m_socket;
     int m_traceId = 0;
 };

@@ -60,6 +60,8 @@ public:
     static constexpr int Buckets = 96;
 
     void add(qint64 microseconds);
+    /// Adds all that another one has counted.
+    void merge(const RoundTripHistogram& other);
     quint64 count() const;
     qint64 minimum() const; ///< Exact, in microseconds; 0 while empty.
     qint64 maximum() const; ///< Exact.
