@@ -237,7 +237,7 @@ Command saveCommand()
         "Reads the tags of --tags, or the variables named, and writes a file of values that diff\n"
         "and apply take: CSV, with all that is needed to write each value again. Nothing is\n"
         "written unless everything could be read.",
-        Takes | TakesTags | TakesVariables,
+        TakesHere | TakesTags | TakesVariables,
         {},
         runSave};
 }
@@ -263,7 +263,7 @@ Command applyCommand()
         "Writes those values of a file that differ from what the controllers hold, and says of\n"
         "each line what has become of it. Nothing is written if any line of the file is wrong\n"
         "or any of its variables cannot be read.",
-        Takes,
+        TakesHere,
         {{QStringLiteral("verify"),
           QStringLiteral("Read each value back; exit status 0 only if all are as saved.")}},
         runApply};
