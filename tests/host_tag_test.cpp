@@ -234,10 +234,7 @@ private slots:
 14: the quotes do not match
 16: '\ufffd' is not UTF-8
 17: the quotes do not match)";
-        QStringList got = tagFaults(csv).split('\n');
-        std::stable_sort(got.begin(), got.end(), [](const QString& a, const QString& b) {
-            return a.section(':', 0, 0).toInt() < b.section(':', 0, 0).toInt();
-        });
+        const QStringList got = tagFaults(csv).split('\n');
         const QStringList texts = QString(wanted).replace("\\ufffd", QChar(0xFFFD)).split('\n');
         for (int i = 0; i < int(qMax(got.size(), texts.size())); ++i)
             QVERIFY2(i < got.size() && i < texts.size() && got.at(i).startsWith(texts.at(i)),
@@ -295,7 +292,7 @@ private slots:
             const bool ok = table.parseAssignment(text, &tag, &elements, &error);
             return ok ? tag.label() + '=' + tag.text(elements) : error;
         };
-        QCOMPARE(assigned("VW101=-1"), QString("VW101/signed=-1"));
+        QCOMPARE(assigned("VW101=-1"), QString("VW101=-1"));
         QCOMPARE(assigned("press.speed=0x10"), QString("press.speed=0x0010"));
         QCOMPARE(assigned("p2:press.temp=0xFFFF"), QString("press.temp=-1"));
         QVERIFY(assigned("press.temp=1").contains("2 tags"));

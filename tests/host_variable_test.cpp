@@ -1,9 +1,8 @@
-// How the panel reads variables and options, and what requests it makes of them. The requests are
+// How variables are read and written as text, and what requests are made of them. The requests are
 // put to the real driver, whose own cutting and merging they have to get through unharmed.
 
 #include "core/siemens_s7_200.h"
 #include "host/request_plan.h"
-#include "panel/options.h"
 #include "tests/text_table.h"
 #include <s7200host/variable.h>
 
