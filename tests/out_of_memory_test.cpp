@@ -1,0 +1,177 @@
+#include "tests/driver_fixture.h"
+
+#include <QtTest>
+
+#include <cstdlib>
+
+#include <dlfcn.h>
+
+// Every allocation of this program goes through here; the one that is counted down to fails.
+static long allocationsLeft = -1; ///< -1: none fails.
+
+static bool allocationFails()
+{
+    return allocationsLeft >= 0 && allocationsLeft-- == 0;
+}
+
+template <typename Function>
+static Function* real(const char* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+extern "C" __attribute__((visibility("default"))) void* malloc(size_t size)
+{
+    static const auto next = real<void*(size_t)>("malloc");
+    return allocationFails() ? nullptr : next(size);
+}
+
+extern "C" __attribute__((visibility("default"))) void* realloc(void* block, size_t size)
+{
+    static const auto next = real<void*(void*, size_t)>("realloc");
+    return allocationFails() ? nullptr : next(block, size);
+}
+
+/// Out of memory at every single allocation of a host's calls: each call comes back, with nothing
+/// half done that would pass for done.
+class OutOfMemoryTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void everyAllocationFailsOnce_data()
+    {
+        QTest::addColumn<int>("perVariableStations");
+        QTest::addColumn<int>("remoteAccess");
+        QTest::newRow("one station") << 0 << 0;
+        QTest::newRow("several stations") << 1 << 0;
+        QTest::newRow("remote access") << 1 << 1;
+    }
+
+    void everyAllocationFailsOnce()
+    {
+        QFETCH(int, perVariableStations);
+        QFETCH(int, remoteAccess);
+        int failing = 0;
+        for (bool ranOut = true; ranOut; ++failing) {
+            m_fixture.reset(); // also sees that no mutex was left locked
+            m_fixture.info.block_length_limit = 20;
+            m_fixture.info.per_variable_stations = perVariableStations;
+            m_fixture.info.remote_access = remoteAccess;
+            m_stored = 0;
+            ranOut = callsSurvive(failing);
+            expectSound();
+            if (QTest::currentTestFailed())
+                return;
+        }
+        QVERIFY2(failing > 20 && (remoteAccess || m_stored > 2),
+                 qPrintable(QStringLiteral("%1 %2").arg(failing).arg(m_stored)));
+    }
+
+private:
+    static constexpr int MostReplyBytes = 512;
+
+    /// Runs a host's calls with the `failing`-th allocation among them missing. False if there were
+    /// fewer.
+    bool callsSurvive(int failing)
+    {
+        const QString address = QStringLiteral("100");
+        const QString bits = QStringLiteral("300.0");
+        QList<VAR_INFO> variables;
+        VAR_INFO variable;
+        variable.reg_type = 12;
+        variable.address_text = address;
+        variable.count = 30;
+        variables.append(variable);
+        RW_VAR read = DriverFixture::makeVar(12, 0, 30);
+        read.address_text = address;
+        QByteArray value(60, '\1');
+        QByteArray out;
+
+        m_reply.reserve(MostReplyBytes);
+        allocationsLeft = failing;
+        const int listed = ReCreatReadVarList(variables);
+        const bool listedAll = listed == (m_fixture.info.per_variable_stations ? 3 : 2);
+        const int once = AddListOnceReadVar(&read, 0);
+        const int written = SetRegisterData(address, 12, address, 2, &value, 30, 0, 0);
+        AddListWriteVar(&read, 0);
+        for (int i = 0; i < 12; ++i)
+            transact();
+        PLC_driver.link_failed = 1;
+        const int writtenHere = SetRegisterData(address, 5, bits, 2, &value, 30, 0, 0);
+        GetRegisterData(address, 12, address, 2, out, 30);
+        const int parsed = PLCAddressChangeIntef(0, bits);
+        EnableEthernet(3, 0);
+        const bool ranOut = allocationsLeft < 0;
+        allocationsLeft = -1;
+
+        [&] {
+            QVERIFY(listedAll || (listed == 0 && ranOut));
+            QVERIFY(once == 3 || (once == 0 && ranOut));
+            QVERIFY(written > 0 || ranOut);
+            QVERIFY(writtenHere > 0 || ranOut);
+            QVERIFY(parsed == 2400 || (parsed == -1 && ranOut));
+            QVERIFY(ranOut || out.size() == 60);
+        }();
+        return ranOut;
+    }
+
+    /// What is to be sent, and a good reply to it.
+    void transact()
+    {
+        const Protocol* pending = ComCommunication();
+        if (!pending)
+            return;
+        if (map_list.value(pending->var.station).hand_shake_ok == 0 &&
+            m_fixture.info.remote_access == 0)
+            m_reply.replace(0, MostReplyBytes,
+                            m_fixture.info.frame_index == 0 ? m_confirm : m_setup);
+        else
+            answer(*pending);
+        const bool isRead = pending->var.origin == 0 && pending->data_len > 0;
+        m_stored += DataCom(&m_reply, int(m_reply.size()))->result == Result_Good && isRead;
+    }
+
+    /// Makes m_reply a good reply to a read, in the memory that it has; bad for anything else.
+    void answer(const Protocol& pending)
+    {
+        m_reply.replace(0, m_reply.size(), m_readReply);
+        const int length = qBound(int(m_readReply.size()), pending.reply_len, MostReplyBytes);
+        while (m_reply.size() < length)
+            m_reply.append('\7');
+        put16(2, length);
+        put16(11, map_list.value(pending.var.station).pdu_ref);
+        put16(15, length - 21);
+        put16(23, 8 * (length - 25));
+    }
+
+    void put16(int offset, int value)
+    {
+        m_reply[offset] = char(value >> 8);
+        m_reply[offset + 1] = char(value);
+    }
+
+    void expectSound() const
+    {
+        for (const QList<RW_VAR>* list :
+             {&PLC_driver.read_list, &PLC_driver.write_list, &PLC_driver.once_read_list}) {
+            for (const RW_VAR& entry : *list)
+                QVERIFY(entry.reg_type >= 0 && entry.count >= 0);
+        }
+        for (const EXTENDVAR& entry : PLC_driver.extend_list)
+            QVERIFY(entry.station == 2 || entry.station == 0);
+    }
+
+    DriverFixture m_fixture;
+    const QByteArray m_confirm =
+        QByteArray::fromHex("0300001611d00001000100c0010ac1020100c2020200");
+    const QByteArray m_setup =
+        QByteArray::fromHex("0300001b02f080320300000108000800000000f0000001000100f0");
+    const QByteArray m_readReply =
+        QByteArray::fromHex("0300000002f0803203000000000002000000000401ff040000");
+    QByteArray m_reply;
+    int m_stored = 0; ///< Good reads.
+};
+
+QTEST_GUILESS_MAIN(OutOfMemoryTest)
+#include "out_of_memory_test.moc"
