@@ -1,7 +1,8 @@
 #ifndef BENCH_TRANSACTION_H
 #define BENCH_TRANSACTION_H
 
-/// A driver with a connected station and a cyclic list, and the good reply to its reads.
+/// A driver with a connected station and a cyclic list, and the good reply to its reads. With
+/// several stations each of the entries lists other bytes, so that they fill the extend list.
 
 #include "core/siemens_s7_200.h"
 #include "protocol/s7_frame.h"
@@ -17,8 +18,9 @@ class TransactionBench
 {
 public:
     /// Lists `entries` reads of 200 bytes of V memory.
-    explicit TransactionBench(int entries) : m_words(55002)
+    explicit TransactionBench(int entries, bool severalStations = false) : m_words(55002)
     {
+        m_info.per_variable_stations = severalStations ? 1 : 0;
         m_info.block_length_limit = PayloadBytes;
         m_info.retry_limit = 3;
         SetComInfo(&m_info);
@@ -27,7 +29,7 @@ public:
         for (int i = 0; i < entries; ++i) {
             RW_VAR read;
             read.reg_type = 12;
-            read.address = i % 50 * PayloadBytes;
+            read.address = (severalStations ? i : i % 50) * PayloadBytes;
             read.count = PayloadBytes;
             AddListReadVar(&read);
         }
@@ -47,7 +49,16 @@ public:
             std::abort();
     }
 
+    /// The host's read of the same 200 bytes.
+    void readValue()
+    {
+        GetRegisterData(m_name, 12, m_address, 0, m_value, PayloadBytes / 2);
+    }
+
 private:
+    const QString m_name = QStringLiteral("VW");
+    const QString m_address = QStringLiteral("400");
+    QByteArray m_value;
     COM_INFO m_info = {};
     std::vector<unsigned short> m_words;
     QByteArray m_reply;

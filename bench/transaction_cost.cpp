@@ -1,10 +1,13 @@
-// Usage: transaction_cost ENTRIES TRANSACTIONS
-// Runs that many transactions of 200 bytes and prints the heap calls of one. Run under
-// `valgrind --tool=callgrind` it gives the instructions, see bench/run.
+// Usage: transaction_cost one|several|value ENTRIES TIMES
+// Runs that many transactions of 200 bytes with one station or with several, or reads the same 200
+// bytes that often as a value of one of several stations, after ENTRIES transactions to fill the
+// extend list. Prints the heap calls of one. Run under `valgrind --tool=callgrind` it gives the
+// instructions, see bench/run.
 
 #include "bench/transaction.h"
 
 #include <cstdio>
+#include <cstring>
 
 #include <dlfcn.h>
 
@@ -28,14 +31,19 @@ extern "C" __attribute__((visibility("default"))) void* realloc(void* block, siz
 
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: transaction_cost ENTRIES TRANSACTIONS\n");
+    if (argc != 4) {
+        std::fprintf(stderr, "usage: transaction_cost one|several|value ENTRIES TIMES\n");
         return 2;
     }
-    TransactionBench bench(std::atoi(argv[1]));
-    const int transactions = std::atoi(argv[2]);
-    const long before = heapCalls;
-    for (int i = 0; i < transactions; ++i)
+    const bool one = std::strcmp(argv[1], "one") == 0;
+    const bool value = std::strcmp(argv[1], "value") == 0;
+    const int entries = std::atoi(argv[2]);
+    const int times = std::atoi(argv[3]);
+    TransactionBench bench(entries, !one);
+    for (int i = 0; !one && i < entries; ++i)
         bench.transact();
-    std::printf("%.2f heap calls\n", double(heapCalls - before) / transactions);
+    const long before = heapCalls;
+    for (int i = 0; i < times; ++i)
+        value ? bench.readValue() : bench.transact();
+    std::printf("%.2f heap calls\n", double(heapCalls - before) / times);
 }

@@ -57,7 +57,8 @@ static_assert(offsetof(VAR_INFO, reg_type) == 1 && offsetof(VAR_INFO, station) =
                   offsetof(VAR_INFO, unused3) == 3 && offsetof(VAR_INFO, unused4) == 4 &&
                   offsetof(VAR_INFO, address_text) == 8 &&
                   offsetof(VAR_INFO, name) == 8 + sizeof(QString) &&
-                  offsetof(VAR_INFO, count) == 8 + 2 * sizeof(QString),
+                  offsetof(VAR_INFO, count) == 8 + 2 * sizeof(QString) &&
+                  sizeof(VAR_INFO::count) == word(1),
               "VAR_INFO: four bytes, a word, two texts, a word");
 
 constexpr std::size_t RequestTexts = word(6);

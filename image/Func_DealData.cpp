@@ -135,77 +135,56 @@ void saveToImage(QByteArray* reply, const Protocol& pending)
         SaveWord_unsigned_char(reply, area);
 }
 
-/// Stores one reply into the elements of the extend list. The element visited last, or entry 0 if
-/// none was, gets its value resized at the end. Deliberate: docs/oddities.md, Several stations.
-class ExtendStore
+/// The element visited last, or entry 0 if none was, gets its value resized at the end of a store;
+/// what is added is 0. Deliberate: docs/oddities.md, Several stations.
+void resizeLast(int index, int bytes)
 {
-public:
-    ExtendStore(int station, int keyType) : m_elements(station, keyType) {}
-
-    /// `size` 0 leaves the value empty: the reply does not hold the element.
-    void store(qint64 address, const char* bytes, int size)
-    {
-        const int index = m_elements.indexOf(address);
-        if (index < 0)
-            return;
-        m_last = index;
-        QByteArray& value = PLC_driver.extend_list[index].value;
-        // Into the memory that the value has already: most stores replace one byte by another.
-        value.resize(size);
-        std::memcpy(value.data(), bytes, size_t(size));
-    }
-
-    /// `visited` is how often the store's loop ran.
-    void resizeLast(int visited, int bytes) const
-    {
-        const int index = visited > 0 ? m_last : 0;
-        if (index < 0 || index >= PLC_driver.extend_list.size())
-            return;
-        QByteArray& value = PLC_driver.extend_list[index].value;
-        const int before = int(value.size());
-        value.resize(qBound(0, bytes, LongestPayload));
-        for (int i = before; i < value.size(); ++i)
-            value[i] = '\0';
-    }
-
-private:
-    ExtendElements m_elements;
-    int m_last = -1;
-};
+    if (index < 0 || index >= PLC_driver.extend_list.size())
+        return;
+    QByteArray& value = PLC_driver.extend_list[index].value;
+    const int before = int(value.size());
+    value.resize(qBound(0, bytes, LongestPayload));
+    if (before < value.size())
+        std::memset(value.data() + before, 0, size_t(value.size() - before));
+}
 
 void extendWithEntries(const QByteArray& reply, const Protocol& pending,
                        const RegisterTypeInfo& type)
 {
     const EntryReader reader(reply, pending, layoutOf(type));
-    ExtendStore store(pending.var.station, pending.var.reg_type);
+    const ExtendElements stored(pending.var.station, pending.var.reg_type);
     const int visited = qMin(reader.entries(), MostExtendElements);
-    const int bytes = holdsValue(type) ? 2 : 1;
+    int last = visited > 0 ? -1 : 0;
     for (int k = 0; k < visited; ++k) {
-        char value[2] = {};
-        const bool held = reader.holds(k);
-        if (held && holdsValue(type)) {
-            value[0] = char(reader.valueLow(k));
-            value[1] = char(reader.valueHigh(k));
-        } else if (held) {
-            value[0] = char(reader.status(k)); // as it came, unlike the image's bits
-        }
-        store.store(qint64(pending.var.address) + k, value, held ? bytes : 0);
+        const qint64 number = qint64(pending.var.address) + k;
+        int index;
+        if (!reader.holds(k))
+            index = stored.clear(number);
+        else if (holdsValue(type))
+            index = stored.setPair(number, char(reader.valueLow(k)), char(reader.valueHigh(k)));
+        else
+            index =
+                stored.setByte(number, char(reader.status(k))); // as it came, unlike the image's
+        last = index >= 0 ? index : last;
     }
-    store.resizeLast(visited, bytes * visited);
+    resizeLast(last, holdsValue(type) ? 2 * visited : visited);
 }
 
 void extendWithBytes(const QByteArray& reply, const Protocol& pending)
 {
     RW_VAR key = pending.var;
     setReg_type(&key);
-    ExtendStore store(key.station, key.reg_type);
+    const ExtendElements stored(key.station, key.reg_type);
     const int visited = qMin(pending.data_len, MostExtendElements);
+    int last = visited > 0 ? -1 : 0;
     for (int i = 0; i < visited; ++i) {
         const qint64 at = qint64(pending.data_offset) + i;
         const bool held = at >= 0 && at < reply.size();
-        store.store(qint64(key.address) + i, reply.constData() + (held ? at : 0), held ? 1 : 0);
+        const qint64 address = qint64(key.address) + i;
+        const int index = held ? stored.setByte(address, reply.at(int(at))) : stored.clear(address);
+        last = index >= 0 ? index : last;
     }
-    store.resizeLast(visited, pending.data_len);
+    resizeLast(last, pending.data_len);
 }
 
 } // namespace
@@ -214,7 +193,7 @@ void SaveToLocalDataErea(QByteArray* reply)
 {
     if (!reply || PLC_driver.protocol_list.isEmpty())
         return;
-    const Protocol& pending = PLC_driver.protocol_list.first();
+    const Protocol& pending = PLC_driver.protocol_list.at(0);
     const RegisterTypeInfo* type = registerTypeInfo(pending.var.reg_type);
     if (PLC_driver.com_info->per_variable_stations == 0)
         saveToImage(reply, pending);

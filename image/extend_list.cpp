@@ -4,8 +4,6 @@
 
 #include <QHash>
 
-#include <cstring>
-
 namespace cp243
 {
 
@@ -36,40 +34,45 @@ ExtendKey keyOf(const EXTENDVAR& entry)
     return {entry.station, entry.reg_type, entry.address};
 }
 
+} // namespace
+
 /// The way to an entry of extend_list without a search. The list is public and others may append to
-/// it, so nothing remembered here is believed: what is new at its end is taken in before each look,
-/// a position counts only if the entry there has the key, and what does not fit is made anew.
+/// it, so nothing remembered here is believed: each access first takes in what is new at the list's
+/// end, a position counts only if the entry there has the key, and what does not fit is made anew.
 class ExtendIndex
 {
 public:
-    /// Index of the first entry with the key, -1 if there is none.
-    int find(const ExtendKey& key)
+    /// To be called before the first find() of an access.
+    void takeIn()
     {
         const QList<EXTENDVAR>& list = PLC_driver.extend_list;
         if (!fits(list))
             forget();
-        takeIn(list);
-        const int near = nearby(list, key);
+        for (; m_taken < int(list.size()); ++m_taken) {
+            const ExtendKey key = keyOf(list.at(m_taken));
+            if (m_positions.contains(key))
+                m_twice = true;
+            else
+                m_positions.insert(key, m_taken);
+            m_last = key;
+            if (m_taken == 0)
+                m_first = key;
+        }
+    }
+
+    /// Index of the first entry with the key, which is appended if there is none.
+    int find(const ExtendKey& key)
+    {
+        const int near = nearby(key);
         if (near >= 0)
             return remember(near, key);
         int position = m_positions.value(key, -1);
-        if (position >= 0 && !(keyOf(list.at(position)) == key)) {
+        if (position >= 0 && !(keyOf(PLC_driver.extend_list.at(position)) == key)) {
             forget();
-            takeIn(list);
+            takeIn();
             position = m_positions.value(key, -1);
         }
-        return position >= 0 ? remember(position, key) : -1;
-    }
-
-    int append(const ExtendKey& key)
-    {
-        EXTENDVAR entry;
-        entry.station = key.station;
-        entry.reg_type = key.regType;
-        entry.address = key.address;
-        entry.value = QByteArray(4, '\0');
-        PLC_driver.extend_list.append(entry);
-        return remember(int(PLC_driver.extend_list.size()) - 1, key);
+        return remember(position >= 0 ? position : append(key), key);
     }
 
 private:
@@ -85,38 +88,36 @@ private:
         m_positions.clear();
         m_taken = 0;
         m_twice = false;
-        m_position = 0;
     }
 
-    void takeIn(const QList<EXTENDVAR>& list)
+    int append(const ExtendKey& key)
     {
-        const int size = int(list.size());
-        if (m_taken == size)
-            return;
-        for (int i = m_taken; i < size; ++i) {
-            const ExtendKey key = keyOf(list.at(i));
-            if (m_positions.contains(key))
-                m_twice = true;
-            else
-                m_positions.insert(key, i);
-            m_taken = i + 1;
-            m_last = key;
-        }
-        m_first = keyOf(list.first());
+        EXTENDVAR entry;
+        entry.station = key.station;
+        entry.reg_type = key.regType;
+        entry.address = key.address;
+        entry.value = QByteArray(4, '\0');
+        PLC_driver.extend_list.append(entry);
+        takeIn();
+        return m_taken - 1;
     }
 
     /// Neighbouring addresses mostly stand in neighbouring entries, in the order of their addresses
     /// or one after the other as they were first asked for. -1: not there, or not surely the first.
-    int nearby(const QList<EXTENDVAR>& list, const ExtendKey& key) const
+    int nearby(const ExtendKey& key) const
     {
         if (m_twice)
             return -1;
-        for (const qint64 guess :
-             {m_position + qint64(key.address) - m_key.address, qint64(m_position) + 1}) {
-            if (guess >= 0 && guess < m_taken && keyOf(list.at(int(guess))) == key)
-                return int(guess);
-        }
-        return -1;
+        const qint64 byAddress = m_position + qint64(key.address) - m_key.address;
+        if (isAt(byAddress, key))
+            return int(byAddress);
+        return isAt(m_position + qint64(1), key) ? m_position + 1 : -1;
+    }
+
+    bool isAt(qint64 position, const ExtendKey& key) const
+    {
+        return position >= 0 && position < m_taken &&
+               keyOf(PLC_driver.extend_list.at(int(position))) == key;
     }
 
     int remember(int position, const ExtendKey& key)
@@ -135,6 +136,9 @@ private:
     ExtendKey m_key = {};              ///< this key.
 };
 
+namespace
+{
+
 /// Made at the first use: loading the library does no work but that of its one object.
 ExtendIndex& extendIndex()
 {
@@ -144,41 +148,70 @@ ExtendIndex& extendIndex()
 
 } // namespace
 
-int ExtendElements::indexOf(qint64 address) const
+ExtendElements::ExtendElements(int station, int keyType)
+    : m_index(extendIndex()), m_station(station), m_keyType(keyType)
 {
-    return isExtendAddress(address) ? ExtendFindSameVar(m_station, m_keyType, int(address)) : -1;
+    m_index.takeIn();
 }
 
-QByteArray* ExtendElements::value(qint64 address) const
+int ExtendElements::indexOf(qint64 address) const
+{
+    return isExtendAddress(address) ? m_index.find({m_station, m_keyType, int(address)}) : -1;
+}
+
+const QByteArray* ExtendElements::value(qint64 address) const
 {
     const int index = indexOf(address);
-    return index >= 0 ? &PLC_driver.extend_list[index].value : nullptr;
+    return index >= 0 ? &PLC_driver.extend_list.at(index).value : nullptr;
 }
 
 char ExtendElements::byteAt(qint64 address) const
 {
-    const int index = indexOf(address);
-    if (index < 0)
-        return '\0';
-    const QByteArray& value = PLC_driver.extend_list.at(index).value;
-    return value.isEmpty() ? '\0' : value.at(0);
+    const QByteArray* stored = value(address);
+    return stored && !stored->isEmpty() ? stored->at(0) : '\0';
 }
 
-void ExtendElements::set(qint64 address, const char* bytes, int size) const
+QByteArray* ExtendElements::resized(int index, int size)
 {
-    if (QByteArray* stored = value(address)) {
-        // Into the memory that the value has already: most stores replace one byte by another.
-        stored->resize(size);
-        std::memcpy(stored->data(), bytes, size_t(size));
+    QByteArray& stored = PLC_driver.extend_list[index].value;
+    // In the memory that the value has already: most stores replace one byte by another.
+    if (stored.size() != size)
+        stored.resize(size);
+    return &stored;
+}
+
+int ExtendElements::setByte(qint64 address, char byte) const
+{
+    const int index = indexOf(address);
+    if (index >= 0)
+        resized(index, 1)->data()[0] = byte;
+    return index;
+}
+
+int ExtendElements::setPair(qint64 address, char low, char high) const
+{
+    const int index = indexOf(address);
+    if (index >= 0) {
+        char* bytes = resized(index, 2)->data();
+        bytes[0] = low;
+        bytes[1] = high;
     }
+    return index;
+}
+
+int ExtendElements::clear(qint64 address) const
+{
+    const int index = indexOf(address);
+    if (index >= 0)
+        resized(index, 0);
+    return index;
 }
 
 } // namespace cp243
 
 int ExtendFindSameVar(int station, int reg_type, int address)
 {
-    using namespace cp243;
-    const ExtendKey key = {station, reg_type, address};
-    const int found = extendIndex().find(key);
-    return found >= 0 ? found : extendIndex().append(key);
+    cp243::ExtendIndex& index = cp243::extendIndex();
+    index.takeIn();
+    return index.find({station, reg_type, address});
 }

@@ -27,26 +27,34 @@ inline bool isExtendAddress(qint64 address)
     return address >= 0 && address < ExtendAddressEnd;
 }
 
-/// The elements of one key type at one station: bytes of an area, timers or counters.
+class ExtendIndex;
+
+/// The elements of one key type at one station: bytes of an area, timers or counters. For one
+/// access, within which nobody else changes the list.
 class ExtendElements
 {
 public:
-    ExtendElements(int station, int keyType) : m_station(station), m_keyType(keyType) {}
+    ExtendElements(int station, int keyType);
 
     /// Index in extend_list, a missing element being appended; -1 for an address that cannot be
     /// named.
     int indexOf(qint64 address) const;
 
     /// The stored value; null for an address that cannot be named.
-    QByteArray* value(qint64 address) const;
+    const QByteArray* value(qint64 address) const;
 
     /// First byte of the value, 0 if there is none.
     char byteAt(qint64 address) const;
 
-    /// Replaces the value; nothing for an address that cannot be named.
-    void set(qint64 address, const char* bytes, int size) const;
+    // Each replaces the value and returns the index as indexOf() does.
+    int setByte(qint64 address, char byte) const;
+    int setPair(qint64 address, char low, char high) const;
+    int clear(qint64 address) const;
 
 private:
+    static QByteArray* resized(int index, int size);
+
+    ExtendIndex& m_index;
     int m_station;
     int m_keyType;
 };

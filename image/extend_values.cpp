@@ -108,8 +108,7 @@ void extendBits(const RW_VAR& var, const ExtendElements& stored)
             continue;
         const unsigned mask = 1u << (bit % 8);
         const unsigned before = static_cast<unsigned char>(stored.byteAt(bit / 8));
-        const char after = char(var.value.at(i) == 1 ? before | mask : before & ~mask);
-        stored.set(bit / 8, &after, 1);
+        stored.setByte(bit / 8, char(var.value.at(i) == 1 ? before | mask : before & ~mask));
     }
 }
 
@@ -121,8 +120,8 @@ void extendWords(const RW_VAR& var, const ExtendElements& stored)
     const qint64 end = qMin(pairs, qint64(MostExtendElements / 2));
     for (qint64 j = 0; j < end; ++j) {
         const char* pair = var.value.constData() + 2 * j;
-        stored.set(var.address + 2 * j, pair + 1, 1);
-        stored.set(var.address + 2 * j + 1, pair, 1);
+        stored.setByte(var.address + 2 * j, pair[1]);
+        stored.setByte(var.address + 2 * j + 1, pair[0]);
     }
 }
 
@@ -132,8 +131,7 @@ void extendVBytes(const RW_VAR& var, const ExtendElements& stored)
     // an element that a short value lacks while its index is still below the value's size.
     const int end = qMin(qMin(var.count, int(var.value.size())), MostExtendElements);
     for (int i = 0; i < end; ++i) {
-        const char byte = char(inputByte(var.value, 2 * i));
-        stored.set(qint64(var.address) + i, &byte, 1);
+        stored.setByte(qint64(var.address) + i, char(inputByte(var.value, 2 * i)));
     }
 }
 
@@ -146,7 +144,7 @@ void extendDoubleWords(RW_VAR& var, const ExtendElements& stored)
     for (qint64 j = 0; j < end && 4 * j + 3 < var.value.size(); ++j) {
         const char* bytes = var.value.constData() + 4 * j;
         for (int k = 0; k < 4; ++k)
-            stored.set(var.address + 4 * j + k, bytes + 3 - k, 1);
+            stored.setByte(var.address + 4 * j + k, bytes[3 - k]);
     }
 }
 
@@ -154,7 +152,7 @@ void extendValues(const RW_VAR& var, const ExtendElements& stored)
 {
     const int end = qMin(qMin(var.count, int(var.value.size()) / 2), MostExtendElements);
     for (int k = 0; k < end; ++k)
-        stored.set(qint64(var.address) + k, var.value.constData() + 2 * k, 2);
+        stored.setPair(qint64(var.address) + k, var.value.at(2 * k), var.value.at(2 * k + 1));
 }
 
 } // namespace
