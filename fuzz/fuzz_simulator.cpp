@@ -15,6 +15,8 @@ using namespace s7200::wire;
 namespace
 {
 
+constexpr int MostRequests = 24;
+
 QByteArray framed(QByteArray bytes, bool remote)
 {
     if (!remote) {
@@ -70,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     RemoteRequestHandler records(&memory);
     RequestHandler& handler = remote ? static_cast<RequestHandler&>(records) : s7;
     const QByteArray inputs = contentsOf(memory, SimulatorArea::I);
-    while (!source.isEmpty()) {
+    for (int i = 0; i < MostRequests && !source.isEmpty(); ++i) {
         const int flags = source.byte();
         const Refusal refusal = (flags & 3) == 2   ? Refusal::Job
                                 : (flags & 3) == 3 ? Refusal::Item
