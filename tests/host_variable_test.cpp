@@ -200,6 +200,7 @@ private slots:
     }
 
     // With what the message must name.
+    // HOLDS(22)
     void parseErrors()
     {
         const char* const table = R"(
