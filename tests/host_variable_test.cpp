@@ -3,7 +3,6 @@
 
 #include "core/siemens_s7_200.h"
 #include "host/request_plan.h"
-#include "panel/options.h"
 #include <s7200host/variable.h>
 
 #include <QtTest>
