@@ -105,9 +105,14 @@ SimulatedConnection::~SimulatedConnection()
 void SimulatedConnection::tick()
 {
     const bool mayTakeItsTime = m_silent || m_handler->isServing();
-    const int limitMs = mayTakeItsTime ? m_options.idleMs : std::min(m_options.idleMs, HandshakeMs);
-    if (++m_quietTicks * TickMs <= limitMs || m_closing)
+    const int limitMs =
+        mayTakeItsTime ? m_options.idleMs : std::min(m_options.idleMs, m_options.handshakeMs);
+    if (++m_quietTicks * TickMs <= limitMs)
         return;
+    if (m_closing) { // and the client takes nothing
+        m_socket->abort();
+        return;
+    }
     log(mayTakeItsTime ? QStringLiteral("idle: connection closed")
                        : QStringLiteral("no handshake in time: connection closed"));
     close();
