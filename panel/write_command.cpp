@@ -1,87 +1,72 @@
 #include "panel/commands.h"
-#include "panel/inbox.h"
-#include "panel/session.h"
+#include "panel/requests.h"
 
-#include <QEventLoop>
+namespace s7200::panel
+{
 
 namespace
 {
 
-/// One run of the command, on the main thread.
-class WriteRun
+bool resolveJobs(CommandLine& line, QVector<Job>* jobs, QString* errors)
 {
-public:
-    WriteRun(const PanelOptions& panelOptions, Session& panelSession)
-        : options(panelOptions), session(panelSession), report(panelSession),
-          open(int(panelOptions.assignments.size())), inbox([this] { session.loop().stop(); })
-    {
+    QStringList faults;
+    for (const QString& text : line.operands()) {
+        Job job;
+        QString error;
+        if (!line.resolveAssignment(text, &job.item, &job.elements, &error))
+            faults.append(error);
+        jobs->append(job);
     }
+    if (jobs->isEmpty())
+        faults.append(QStringLiteral("name at least one variable and its value, as in VW100=7"));
+    *errors = faults.join(QLatin1Char('\n'));
+    return faults.isEmpty();
+}
 
-    int run()
-    {
-        for (const Assignment& assignment : options.assignments) {
-            const QString note = writeNote(assignment, options.loop);
-            if (!note.isEmpty())
-                complain(QStringLiteral("note: ") + note);
-            session.loop().write(assignment.variable, assignment.values,
-                                 [this, &assignment](const RequestResult& result) {
-                                     inbox.post([=, &assignment] { written(assignment, result); });
-                                 });
-        }
-        session.loop().start();
-        events.exec();
-        session.loop().stop();
-        return report.finish();
+int runWrite(CommandLine& line)
+{
+    QString error;
+    QVector<Job> jobs;
+    if (!resolveJobs(line, &jobs, &error))
+        return usageErrors(error);
+    const std::unique_ptr<Session> session = Session::open(line, &error);
+    if (!session || !session->start(&error))
+        return usageError(error);
+
+    const bool verify = line.options().isSet(QStringLiteral("verify"));
+    const QVector<Written> results = writeJobs(*session, jobs, verify);
+    FailureReport report(*session);
+    for (int i = 0; i < int(jobs.size()); ++i) {
+        const Item& item = jobs.at(i).item;
+        const Written& written = results.at(i);
+        if (!written.readBack.isEmpty())
+            print(item.label + QLatin1Char(' ') + item.tag.text(written.readBack));
+        const Result result = resultOf(jobs.at(i), written);
+        if (result)
+            complain(item.label + QStringLiteral(": written"));
+        report.add(item, result);
     }
-
-private:
-    void written(const Assignment& assignment, const RequestResult& result)
-    {
-        if (result.fault != Fault::None || !options.verify) {
-            finished(assignment, result);
-            return;
-        }
-        session.loop().read(assignment.variable, [this, &assignment](const RequestResult& read) {
-            inbox.post([=, &assignment] { readBack(assignment, read); });
-        });
-    }
-
-    void readBack(const Assignment& assignment, RequestResult result)
-    {
-        const Variable& variable = assignment.variable;
-        if (result.fault == Fault::None) {
-            printValue(variable, result.data);
-            const QVector<quint32> values = decodeValues(variable, result.data);
-            if (values != assignment.values) {
-                result.fault = Fault::Invalid;
-                result.detail = QStringLiteral("written %1, reads back %2")
-                                    .arg(formatValues(variable, assignment.values),
-                                         formatValues(variable, values));
-            }
-        }
-        finished(assignment, result);
-    }
-
-    void finished(const Assignment& assignment, const RequestResult& result)
-    {
-        report.add(assignment.variable, result);
-        if (result.fault == Fault::None)
-            complain(assignment.variable.label() + QStringLiteral(": written"));
-        if (--open == 0)
-            events.quit();
-    }
-
-    const PanelOptions& options;
-    Session& session;
-    FailureReport report;
-    int open;
-    QEventLoop events;
-    Inbox inbox;
-};
+    return finishWith(report.finish());
+}
 
 } // namespace
 
-int runWrite(const PanelOptions& options, Session& session)
+Command writeCommand()
 {
-    return WriteRun(options, session).run();
+    return {"write",
+            "VARIABLE=VALUE...",
+            "write variables",
+            "Writes each variable and waits until the controller has acknowledged it.\n"
+            "Nothing is written beside what is named, and nothing is sent if any argument is\n"
+            "wrong. Values are decimal, signed, 0x hexadecimal, 0b binary, true or false for\n"
+            "bits, REAL (21.5) for double words; one for each element, separated by commas:\n"
+            "VW100x3=1,2,3. A whole number written to VD4 is an integer, written to VD4/float\n"
+            "a REAL. A tag takes what it shows: its scaled value. Inputs and timer and counter\n"
+            "bits cannot be written.",
+            TakesControllers | TakesTags | TakesVariables | NeedsController,
+            {{QStringLiteral("verify"),
+              QStringLiteral("Read each variable back, print it, and compare.")}},
+            runWrite};
 }
+
+} // namespace s7200::panel
