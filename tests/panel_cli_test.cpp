@@ -221,8 +221,7 @@ private slots:
             // Simulated controllers of the panel's own.
             {nullptr, "read SM0.0 VW4000", 0, "SM0.0 1\nVW4000 0\n", "simulated"},
             {nullptr, "read --remote SM0.0", 0, "SM0.0 1\n", ""},
-            {nullptr, "watch --count 1 SM0.0@1 a:VW4000", 0, "SM0.0@1 1\na:VW4000 0\n",
-             "0 retries"},
+            {nullptr, "watch --count 1 SM0.0@1 a:VW4000", 0, "SM0.0@1 1\nVW4000 0\n", "0 retries"},
             // Controllers that are not there, that fail, and that refuse.
             {"off", "watch VW0", 3, "VW0 ?\n", "no connection to 127.0.0.1"},
             {"off", "watch --wait --duration 1 VW0", 3, "VW0 ?\n", "no connection to 127.0.0.1"},
@@ -232,7 +231,7 @@ private slots:
             {"silent", "read --timeout 200 VW0", 4, "", "no reply within"},
             {"mute", "watch --count 2 --timeout 200 VW0", 4, "VW0 ?\n", "no reply within"},
             {"closing", "watch --retries 1 VW0", 3, "VW0 ?\n", "closed by the controller"},
-            {"babbling", "watch --timeout 200 --retries 1 VW0", 5, "VW0 ?\n", "not an S7 reply"},
+            {"babbling", "watch --timeout 500 --retries 0 VW0", 5, "VW0 ?\n", "not an S7 reply"},
             {"refusing", "watch --duration 1 VW0", 5, "VW0 ?\n", "refused by 127.0.0.1"},
             {"good", "watch --duration 2 MW4000 VW0", 6, nullptr, "MW4000: refused by"},
             // Conditions.
@@ -336,7 +335,8 @@ private slots:
         QVERIFY(full.waitFor(Err, "cannot write to standard output"));
         Panel read(simulator.command("read VW0"), "/dev/full");
         QCOMPARE(read.finish(), 7);
-        const QString endless = simulator.command(PANEL_PROGRAM " watch --interval 50 VW0").join(' ');
+        const QString endless =
+            simulator.command(PANEL_PROGRAM " watch --interval 50 VW0").join(' ');
         QProcess shell;
         shell.start("sh", {"-c", "{ " + endless + "; echo status $? >&2; } | head -n 1"});
         QVERIFY(shell.waitForFinished(LongMs));
@@ -397,12 +397,13 @@ private slots:
         process.setProcessEnvironment(environment);
         process.setStandardInputFile(name);
         process.setStandardOutputFile(name, QIODevice::Append);
-        process.start(PANEL_PROGRAM, simulator.command("watch --retries 9 VW100x30"));
+        process.start(PANEL_PROGRAM,
+                      simulator.command("watch --timeout 500 --retries 99 VW100x30"));
         QTRY_VERIFY_WITH_TIMEOUT(shows("connecting to 127.0.0.1"), LongMs);
         QVERIFY(shows("\x1b[?1049h"));
         QString error;
         QVERIFY(simulator.thread->setFaults({}, &error));
-        QTRY_VERIFY_WITH_TIMEOUT(shows("1-8 of 30"), LongMs);
+        QTRY_VERIFY_WITH_TIMEOUT(shows("1-8 of 30") && shows(" up | "), LongMs);
         QCOMPARE(int(::write(terminal, "\x1b[6~VW110=77", 12)), 12);
         QTRY_VERIFY_WITH_TIMEOUT(shows("9-16 of 30") && shows("write> VW110=77"), LongMs);
         QCOMPARE(int(::write(terminal, "\r", 1)), 1);
