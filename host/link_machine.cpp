@@ -321,8 +321,9 @@ void LinkMachine::relist()
         if (!isConnected(station))
             continue;
         const QVector<ReadBlock> wanted = m_watch.cyclicBlocks(entry.first);
+        const bool probes = m_settings.probe && m_watch.apartBlocks(entry.first).isEmpty();
         // The driver shakes hands, and finds out that a link is lost, in the place of a request.
-        if (wanted.isEmpty() && (m_settings.probe || !isReady(station)))
+        if (wanted.isEmpty() && (probes || !isReady(station)))
             blocks.append(probeOf(entry.first));
         blocks += wanted;
     }
