@@ -135,6 +135,7 @@ void Layout::addRows(int body)
     const Columns columns = columnsFor(places);
     if (m_shape.lines >= LinesWithHeader)
         m_drawing.lines.append(header(columns));
+    m_drawing.body = int(m_drawing.lines.size());
     for (const Place& place : places) {
         const WatchedRow& row = m_contents.rows->at(place.row);
         if (!row.isDump())

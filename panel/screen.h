@@ -52,6 +52,7 @@ struct ScreenLine {
 /// A screen full of lines.
 struct Drawing {
     QVector<ScreenLine> lines; ///< As many as the screen has; none is wider.
+    int body = 0;              ///< The first of them with values.
     int cursorColumn = 0;      ///< In the last line, from 0.
     int top = 0;               ///< The first line shown, put right.
     int page = 1;              ///< Lines of values shown.

@@ -8,7 +8,7 @@ namespace
 
 QString milliseconds(qint64 microseconds)
 {
-    return QString::number(double(microseconds) / 1000, 'f', 1);
+    return QString::number(double(microseconds) / 1000, 'f', 2);
 }
 
 } // namespace

@@ -34,11 +34,16 @@ void WatchScreen::leave()
 {
     if (!m_terminal.isEntered())
         return;
+    m_message.clear();
+    m_keyboard.clear();
+    refresh();
     m_terminal.leave();
-    // The screen is gone; what it said last is still of use. Without what only moves.
-    for (const ScreenLine& line : m_drawing.lines.mid(0, m_drawing.lines.size() - 1)) {
-        const QString text = line.text();
-        if (!text.trimmed().isEmpty())
+    // The screen is gone; the values on it may still be of use.
+    for (const ScreenLine& line : m_drawing.lines.mid(m_drawing.body, m_drawing.page)) {
+        QString text = line.text();
+        while (text.endsWith(QLatin1Char(' ')))
+            text.chop(1);
+        if (!text.isEmpty())
             print(text);
     }
 }

@@ -65,10 +65,10 @@ private:
     int word(SimulatorArea area, int offset) const;
     void setWord(SimulatorArea area, int offset, int value);
 
-    mutable std::mutex mutex;
-    std::array<QByteArray, 10> areas;
-    std::array<bool, LiveValues> stopped = {};
-    quint32 ticks = 0;
+    mutable std::mutex m_mutex;
+    std::array<QByteArray, 10> m_areas;
+    std::array<bool, LiveValues> m_stopped = {};
+    quint32 m_ticks = 0;
 };
 
 } // namespace s7200::sim

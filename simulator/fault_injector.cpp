@@ -22,7 +22,8 @@ constexpr unsigned momentBit(FaultMoment moment)
 constexpr unsigned OnAccept = momentBit(FaultMoment::Accept);
 constexpr unsigned OnConnect = momentBit(FaultMoment::Connect);
 constexpr unsigned OnJob = momentBit(FaultMoment::Job);
-constexpr unsigned OnS7 = momentBit(FaultMoment::Setup) | OnJob;
+constexpr unsigned OnSetup = momentBit(FaultMoment::Setup);
+constexpr unsigned OnS7 = OnSetup | OnJob;
 constexpr unsigned OnReply = OnConnect | OnS7;
 
 constexpr int GarbageLength = 22; // as long as the confirm it replaces
@@ -51,6 +52,9 @@ constexpr KindRow Kinds[] = {
     {FaultKind::CloseMidFrame, OnReply, "close-mid-frame", "half a reply, then closed"},
     {FaultKind::SilentAccept, OnAccept, "silent-accept", "connection accepted, never answered"},
     {FaultKind::GarbageConfirm, OnConnect, "garbage-confirm", "random bytes as connection confirm"},
+    {FaultKind::Banner, OnConnect, "banner", "a line of text as connection confirm"},
+    {FaultKind::RefuseSetup, OnSetup, "refuse-setup", "setup communication refused: error class"},
+    {FaultKind::Disconnect, OnReply, "disconnect", "a disconnect request in the reply's place"},
 };
 
 const KindRow* findKind(FaultKind kind)
@@ -103,7 +107,7 @@ QByteArray withWrongLength(QByteArray reply)
 
 } // namespace
 
-FaultInjector::FaultInjector(quint32 seed) : random(seed) {}
+FaultInjector::FaultInjector(quint32 seed) : m_random(seed) {}
 
 bool FaultInjector::setFaults(const QStringList& texts, QString* error)
 {
@@ -114,8 +118,8 @@ bool FaultInjector::setFaults(const QStringList& texts, QString* error)
             return false;
         parsed.push_back(rule);
     }
-    const std::lock_guard<std::mutex> lock(mutex);
-    rules = parsed;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_rules = parsed;
     return true;
 }
 
@@ -155,9 +159,9 @@ bool FaultInjector::parseRule(const QString& text, Rule* rule, QString* error)
 
 FaultKind FaultInjector::choose(FaultMoment moment, int address)
 {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     FaultKind chosen = FaultKind::None;
-    for (Rule& rule : rules) {
+    for (Rule& rule : m_rules) {
         const bool fits = (findKind(rule.kind)->moments & momentBit(moment)) != 0 &&
                           (rule.address < 0 || rule.address == address);
         if (fits && strikes(rule) && chosen == FaultKind::None)
@@ -169,7 +173,7 @@ FaultKind FaultInjector::choose(FaultMoment moment, int address)
 bool FaultInjector::strikes(Rule& rule)
 {
     if (rule.every == 0)
-        return double(random()) < rule.probability * 4294967296.0;
+        return double(m_random()) < rule.probability * 4294967296.0;
     if (++rule.seen < rule.every)
         return false;
     rule.seen = 0;
@@ -178,7 +182,7 @@ bool FaultInjector::strikes(Rule& rule)
 
 QByteArray FaultInjector::spoil(FaultKind kind, const QByteArray& reply)
 {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     QByteArray spoiled = reply;
     switch (kind) {
     case FaultKind::Truncated:
@@ -195,6 +199,10 @@ QByteArray FaultInjector::spoil(FaultKind kind, const QByteArray& reply)
         break;
     case FaultKind::WrongLength:
         return withWrongLength(reply);
+    case FaultKind::Banner:
+        return "220 ready\r\n";
+    case FaultKind::Disconnect:
+        return disconnectRequest(1, DisconnectReason::NotSpecified);
     case FaultKind::GarbageConfirm:
         spoiled = QByteArray(GarbageLength, '\0');
         for (char& byte : spoiled)
@@ -209,21 +217,21 @@ QByteArray FaultInjector::spoil(FaultKind kind, const QByteArray& reply)
 
 int FaultInjector::below(int limit)
 {
-    return int(random() % quint32(std::max(limit, 1)));
+    return int(m_random() % quint32(std::max(limit, 1)));
 }
 
 void FaultInjector::count(FaultKind kind)
 {
-    const std::lock_guard<std::mutex> lock(mutex);
-    ++injected[name(kind)];
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_injected[name(kind)];
 }
 
 QMap<QString, quint64> FaultInjector::counts() const
 {
     // Entry by entry: data shared with the caller would be released without the lock.
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     QMap<QString, quint64> copy;
-    for (auto it = injected.begin(); it != injected.end(); ++it)
+    for (auto it = m_injected.begin(); it != m_injected.end(); ++it)
         copy.insert(it.key(), it.value());
     return copy;
 }

@@ -30,6 +30,7 @@ public:
     void append(const QByteArray& bytes) override;
     std::optional<QByteArray> takeRequest() override;
     bool isBroken() const override;
+    bool isServing() const override;
     RequestSummary parse(const QByteArray& request) override;
     QByteArray answer(Refusal refusal) override;
     QString description() const override;
@@ -52,13 +53,13 @@ private:
     ItemCode storeElements(SimulatorArea area);
     ItemCode storeBits(SimulatorArea area);
 
-    ControllerMemory* memory;
+    ControllerMemory* m_memory;
     wire::ByteQueue m_waiting;
-    Record current;
-    quint16 reference = 0;
-    quint16 lastReference = 0; ///< Of the reply just made.
-    ItemCode returnCode = ItemCode::Success;
-    JobError jobError = JobError::None;
+    Record m_current;
+    quint16 m_reference = 0;
+    quint16 m_lastReference = 0; ///< Of the reply just made.
+    ItemCode m_itemCode = ItemCode::Success;
+    JobError m_jobError = JobError::None;
 };
 
 } // namespace s7200::sim

@@ -35,6 +35,9 @@ public:
     /// True once a real module would close the connection.
     virtual bool isBroken() const = 0;
 
+    /// True once the client may send jobs.
+    virtual bool isServing() const = 0;
+
     /// Reads a request and keeps it for answer(), which is to be called next.
     virtual RequestSummary parse(const QByteArray& request) = 0;
 

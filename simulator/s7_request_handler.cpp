@@ -83,31 +83,37 @@ bool dataFits(const S7Request& write, int bytes, bool singleBit)
 
 } // namespace
 
-S7RequestHandler::S7RequestHandler(ControllerMemory* controllerMemory, int largestPduLength)
-    : memory(controllerMemory), largestPdu(largestPduLength)
+S7RequestHandler::S7RequestHandler(ControllerMemory* memory, int largestPdu,
+                                   std::optional<quint16> tsap)
+    : m_memory(memory), m_largestPdu(largestPdu), m_tsap(tsap)
 {
 }
 
 void S7RequestHandler::append(const QByteArray& bytes)
 {
-    reassembler.append(bytes);
+    m_reassembler.append(bytes);
 }
 
 std::optional<QByteArray> S7RequestHandler::takeRequest()
 {
-    return broken ? std::nullopt : reassembler.takeFrame();
+    return m_broken ? std::nullopt : m_reassembler.takeFrame();
 }
 
 bool S7RequestHandler::isBroken() const
 {
-    return broken || reassembler.isBroken();
+    return m_broken || m_reassembler.isBroken();
+}
+
+bool S7RequestHandler::isServing() const
+{
+    return m_grantedPdu > 0;
 }
 
 RequestSummary S7RequestHandler::parse(const QByteArray& request)
 {
-    current = parseS7Request(request);
+    m_current = parseS7Request(request);
     RequestSummary summary;
-    switch (current.kind) {
+    switch (m_current.kind) {
     case S7Request::Connect:
         summary.kind = RequestSummary::Connect;
         break;
@@ -116,10 +122,10 @@ RequestSummary S7RequestHandler::parse(const QByteArray& request)
         break;
     case S7Request::Read:
     case S7Request::Write: {
-        const AreaRow* row = findArea(current);
+        const AreaRow* row = findArea(m_current);
         const bool numbered = row != nullptr && ControllerMemory::elementSize(row->area) > 1;
         summary.kind = RequestSummary::Job;
-        summary.address = numbered ? current.address : current.address / 8;
+        summary.address = numbered ? m_current.address : m_current.address / 8;
         break;
     }
     default:
@@ -130,23 +136,25 @@ RequestSummary S7RequestHandler::parse(const QByteArray& request)
 
 QByteArray S7RequestHandler::answer(Refusal refusal)
 {
-    returnCode = ItemCode::Success;
-    jobError = JobError::None;
-    if (current.kind == S7Request::EmptyTpdu)
+    m_itemCode = ItemCode::Success;
+    m_jobError = JobError::None;
+    if (m_current.kind == S7Request::EmptyTpdu)
         return QByteArray();
-    if (current.kind == S7Request::Connect)
+    if (m_current.kind == S7Request::Connect)
         return connect();
-    if (current.kind == S7Request::Malformed || !connected) {
-        broken = true;
+    if (m_current.kind == S7Request::Malformed || !m_connected) {
+        m_broken = true;
         return QByteArray();
     }
-    if (current.kind == S7Request::Setup) {
-        grantedPdu = std::min(current.requestedPdu, largestPdu);
-        return setupReply(current.reference, grantedPdu);
+    if (m_current.kind == S7Request::Setup) {
+        if (refusal == Refusal::Job)
+            return refuseJob(JobError::NotSupported);
+        m_grantedPdu = std::min(m_current.requestedPdu, m_largestPdu);
+        return setupReply(m_current.reference, m_grantedPdu);
     }
-    if (current.kind == S7Request::Unsupported || grantedPdu == 0)
+    if (m_current.kind == S7Request::Unsupported || m_grantedPdu == 0)
         return refuseJob(JobError::NotSupported);
-    if (current.pduLength > grantedPdu)
+    if (m_current.pduLength > m_grantedPdu)
         return refuseJob(JobError::PduTooLong);
     return serveJob(refusal);
 }
@@ -154,77 +162,82 @@ QByteArray S7RequestHandler::answer(Refusal refusal)
 // A module takes one connection request on a TCP connection and drops it at a second.
 QByteArray S7RequestHandler::connect()
 {
-    if (connected) {
-        broken = true;
+    if (m_connected) {
+        m_broken = true;
         return QByteArray();
     }
-    connected = true;
-    return connectionConfirm(current.clientReference, 1, current.connectParameters);
+    const auto called = tsapParameter(m_current.connectParameters, CalledTsap);
+    if (m_tsap && called != m_tsap) {
+        m_broken = true;
+        return disconnectRequest(m_current.clientReference, DisconnectReason::AddressUnknown);
+    }
+    m_connected = true;
+    return connectionConfirm(m_current.clientReference, 1, m_current.connectParameters);
 }
 
 QByteArray S7RequestHandler::serveJob(Refusal refusal)
 {
     if (refusal == Refusal::Item)
-        returnCode = ItemCode::NoSuchObject;
+        m_itemCode = ItemCode::NoSuchObject;
     QByteArray reply;
-    if (current.kind == S7Request::Read) {
+    if (m_current.kind == S7Request::Read) {
         reply = readItem(refusal);
     } else {
         if (refusal == Refusal::None)
-            returnCode = writeItem();
-        reply = writeReply(current.reference, returnCode);
+            m_itemCode = writeItem();
+        reply = writeReply(m_current.reference, m_itemCode);
     }
     // Of the right length, so that the error class alone tells.
     if (refusal == Refusal::Job) {
-        jobError = JobError::NotSupported;
-        setJobError(reply, jobError);
+        m_jobError = JobError::NotSupported;
+        setJobError(reply, m_jobError);
     }
     return reply;
 }
 
 QByteArray S7RequestHandler::refuseJob(JobError error)
 {
-    jobError = error;
-    return jobRefusal(current.reference, error);
+    m_jobError = error;
+    return jobRefusal(m_current.reference, error);
 }
 
 QByteArray S7RequestHandler::readItem(Refusal refusal)
 {
-    const Place item = place(current);
+    const Place item = place(m_current);
     if (refusal != Refusal::Item)
-        returnCode = item.code;
-    if (returnCode != ItemCode::Success)
-        return readRefusal(current.reference, returnCode);
-    if (item.bytes + ReadReplyOverhead > grantedPdu)
+        m_itemCode = item.code;
+    if (m_itemCode != ItemCode::Success)
+        return readRefusal(m_current.reference, m_itemCode);
+    if (item.bytes + ReadReplyOverhead > m_grantedPdu)
         return refuseJob(JobError::PduTooLong);
-    QByteArray payload = memory->read(item.area, item.offset, item.bytes);
+    QByteArray payload = m_memory->read(item.area, item.offset, item.bytes);
     if (item.bit >= 0) {
         payload[0] = char(payload.at(0) >> item.bit & 1);
-        return readReply(current.reference, DataSize::Bit, payload);
+        return readReply(m_current.reference, DataSize::Bit, payload);
     }
     const bool elements = ControllerMemory::elementSize(item.area) > 1;
-    return readReply(current.reference, elements ? DataSize::Bytes : DataSize::Bits, payload);
+    return readReply(m_current.reference, elements ? DataSize::Bytes : DataSize::Bits, payload);
 }
 
 ItemCode S7RequestHandler::writeItem()
 {
-    const Place item = place(current);
+    const Place item = place(m_current);
     if (item.code != ItemCode::Success)
         return item.code;
     if (!ControllerMemory::isWritable(item.area, item.offset))
         return ItemCode::AccessDenied;
-    if (!dataFits(current, item.bytes, item.bit >= 0))
+    if (!dataFits(m_current, item.bytes, item.bit >= 0))
         return ItemCode::LengthMismatch;
     const int elementSize = ControllerMemory::elementSize(item.area);
     if (item.bit >= 0) {
-        memory->writeBit(item.area, item.offset, item.bit, (current.data.at(0) & 1) != 0);
+        m_memory->writeBit(item.area, item.offset, item.bit, (m_current.data.at(0) & 1) != 0);
     } else if (elementSize > 1) {
-        for (int i = 0; i < current.count; ++i) {
-            const char* value = current.data.constData() + (i + 1) * elementSize - 2;
-            memory->writeValue(item.area, current.address + i, qFromBigEndian<quint16>(value));
+        for (int i = 0; i < m_current.count; ++i) {
+            const char* value = m_current.data.constData() + (i + 1) * elementSize - 2;
+            m_memory->writeValue(item.area, m_current.address + i, qFromBigEndian<quint16>(value));
         }
     } else {
-        memory->write(item.area, item.offset, current.data);
+        m_memory->write(item.area, item.offset, m_current.data);
     }
     return ItemCode::Success;
 }
@@ -258,35 +271,40 @@ S7RequestHandler::Place S7RequestHandler::place(const S7Request& item)
 
 QString S7RequestHandler::description() const
 {
-    if (broken && connected == (current.kind == S7Request::Connect))
+    const bool connects = m_current.kind == S7Request::Connect;
+    if (m_broken && m_connected == connects)
         return QStringLiteral("request out of turn: connection closed");
-    switch (current.kind) {
+    switch (m_current.kind) {
     case S7Request::Malformed:
         return QStringLiteral("bytes that are no S7 request: connection closed");
     case S7Request::EmptyTpdu:
         return QStringLiteral("empty data TPDU");
     case S7Request::Connect:
-        return QStringLiteral("connection request -> ok");
+        return m_broken ? QStringLiteral("connection request for another TSAP than %1 refused")
+                              .arg(tsapText(m_tsap.value_or(0)))
+                        : QStringLiteral("connection request -> ok");
     case S7Request::Setup:
+        if (m_jobError != JobError::None)
+            return QStringLiteral("setup communication refused: ") + describe(m_jobError);
         return QStringLiteral("setup communication, PDU length %1 -> %2")
-            .arg(current.requestedPdu)
-            .arg(grantedPdu);
+            .arg(m_current.requestedPdu)
+            .arg(m_grantedPdu);
     case S7Request::Unsupported:
-        return QStringLiteral("unknown job refused: ") + describe(jobError);
+        return QStringLiteral("unknown job refused: ") + describe(m_jobError);
     default:
         break;
     }
-    const AreaRow* row = findArea(current);
+    const AreaRow* row = findArea(m_current);
     ItemText text;
     text.known = row != nullptr;
     text.area = row != nullptr ? row->area : SimulatorArea::V;
-    text.isBit = current.transportSize == int(ItemSize::Bit);
-    text.elementBytes = row != nullptr ? transportBytes(current, row->area) : 0;
-    text.address = current.address;
-    text.count = current.count;
-    text.data = current.data;
-    text.isWrite = current.kind == S7Request::Write;
-    return text.line(returnCode, jobError);
+    text.isBit = m_current.transportSize == int(ItemSize::Bit);
+    text.elementBytes = row != nullptr ? transportBytes(m_current, row->area) : 0;
+    text.address = m_current.address;
+    text.count = m_current.count;
+    text.data = m_current.data;
+    text.isWrite = m_current.kind == S7Request::Write;
+    return text.line(m_itemCode, m_jobError);
 }
 
 } // namespace s7200::sim

@@ -19,11 +19,14 @@ class S7RequestHandler : public RequestHandler
 {
 public:
     /// `memory` must outlive the handler. Setup communication grants at most `largestPdu` bytes.
-    explicit S7RequestHandler(ControllerMemory* memory, int largestPdu = 240);
+    /// With a `tsap`, a connection request that calls another is answered by a disconnect request.
+    explicit S7RequestHandler(ControllerMemory* memory, int largestPdu = 240,
+                              std::optional<quint16> tsap = std::nullopt);
 
     void append(const QByteArray& bytes) override;
     std::optional<QByteArray> takeRequest() override;
     bool isBroken() const override;
+    bool isServing() const override;
     RequestSummary parse(const QByteArray& request) override;
     QByteArray answer(Refusal refusal) override;
     QString description() const override;
@@ -45,15 +48,16 @@ private:
     QByteArray readItem(Refusal refusal);
     ItemCode writeItem();
 
-    ControllerMemory* memory;
-    int largestPdu;
-    int grantedPdu = 0; ///< 0 until setup communication.
-    bool connected = false;
-    bool broken = false;
-    wire::TpktReassembler reassembler;
-    S7Request current;
-    ItemCode returnCode = ItemCode::Success; ///< Outcome of the current item
-    JobError jobError = JobError::None;      ///< and of its job.
+    ControllerMemory* m_memory;
+    int m_largestPdu;
+    std::optional<quint16> m_tsap;
+    int m_grantedPdu = 0; ///< 0 until setup communication.
+    bool m_connected = false;
+    bool m_broken = false;
+    wire::TpktReassembler m_reassembler;
+    S7Request m_current;
+    ItemCode m_itemCode = ItemCode::Success; ///< Outcome of the current item
+    JobError m_jobError = JobError::None;    ///< and of its job.
 };
 
 } // namespace s7200::sim
