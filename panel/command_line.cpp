@@ -322,7 +322,7 @@ bool CommandLine::simulated() const
 
 bool CommandLine::oneDriver() const
 {
-    return m_parser.isSet(QStringLiteral("one-driver"));
+    return (m_takes & TakesControllers) != 0 && m_parser.isSet(QStringLiteral("one-driver"));
 }
 
 QString CommandLine::driverFile() const
