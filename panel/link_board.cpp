@@ -78,10 +78,11 @@ int LinkBoard::up() const
                              [](const Link& link) { return link.status.state == LinkState::Up; }));
 }
 
-bool LinkBoard::isUp(int controller) const
+bool LinkBoard::mayRead(int controller) const
 {
     return std::any_of(m_links.begin(), m_links.end(), [&](const Link& link) {
-        return link.controller == controller && link.status.state == LinkState::Up;
+        return link.controller == controller &&
+               (link.status.state == LinkState::Up || link.status.cause == Cause::None);
     });
 }
 

@@ -25,7 +25,8 @@ public:
 
     int count() const;
     int up() const;
-    bool isUp(int controller) const; ///< With stations: one of them.
+    /// Up, or still on its way without a failure. With stations: one of them.
+    bool mayRead(int controller) const;
 
     /// None of the links was ever up and each has failed, for a reason that will stay or after all
     /// retries.

@@ -185,7 +185,7 @@ void WatchRun::hearCycle(int controller)
         take(row, true);
     lookAtConditions();
     for (int i = 0; i < int(m_targets.size()); ++i) {
-        const bool awaited = !m_targets.at(i).rows.isEmpty() && m_board.isUp(i);
+        const bool awaited = !m_targets.at(i).rows.isEmpty() && m_board.mayRead(i);
         if (awaited && !m_targets.at(i).cycled)
             return;
     }
