@@ -116,6 +116,7 @@ private slots:
             TV5,,s,0.01 ; 7FFF -> 327.67 ; 327.67 ; 327.67 ; 0
             VW0,u,,0.1,,,,1,2 ; 9 -> 0.9 ; 0.9 ; 0.9 ; 1 | VW0,u,,0.1,,,,1,2 ; A -> 1.0 ; 1.0 ; 1 ; 0
             VW0,u,,0.1,,,,1,2 ; 14 -> 2.0 ; 2.0 ; 2 ; 0  | VW0,u,,0.1,,,,1,2 ; 15 -> 2.1 ; 2.1 ; 2.1 ; 2
+            VW0,u,,0.01,,,,0.5 ; 31 -> 0.49 ; 0.49 ; 0.49 ; 1
             VD0,f,,,,,,-1 ; C0000000 -> -2 ; -2 ; -2 ; 1)";
         check(table, [](const QString& given) {
             const Tag tag = tagOf(given.section(';', 0, 0).trimmed());
@@ -140,7 +141,7 @@ private slots:
             VW0,s,,0.1 ; 12.34 -> nearest that can be written are 12.3 and 12.4
             VW0,u,,-0.5 ; -0.6 -> -1.0 and -0.5     | VW0,s,,0.1 ; 3276.8 -> -3276.8 to 3276.7
             VW0,u,,0.1,-5 ; 6548.6 -> -5.0 to 6548.5 | VW0,u,,0.1 ; -0.05 -> 0.0 to 6553.5
-            VW0,u,,0.1 ; 1e30 -> 0.0 to 6553.5      | VW0,u,,0.1 ; x -> t cannot take 'x'
+            VW0,u,,0.1 ; 6553.55 -> 0.0 to 6553.5   | VW0,u,,0.1 ; 1e30 -> 0.0 to 6553.5      | VW0,u,,0.1 ; x -> t cannot take 'x'
             VW0,s,,0.1 ;  -> takes                  | VW0,,,,,2 ; 7.5 -> 7 and 8
             VD0,f,,2 ; 33554434 -> 33554432 and 33554436 | VD0,f,,2 ; 1e39 -> finite
             VW0,u,,0.1 ; 1;2 -> cannot take         | VW0x2,u,,0.1 ; 1 -> 2 values)";
