@@ -241,7 +241,7 @@ private slots:
             {"refusing", "watch --duration 1 VW0", 5, nullptr, "refused by 127.0.0.1"},
             {"good", "watch --duration 2 MW4000 VW0", 6, nullptr, "MW4000: refused by"},
             // Conditions.
-            {"good", "watch --until VW0==0 --until SM0.0=0", 0, "VW0 0\nSM0.0 0\n", ""},
+            {"good", "watch --until VW0==0 --until VW2=0", 0, "VW0 0\nVW2 0\n", ""},
             {"good", "watch --until VW0>0 --duration 0.5 VW2", 8, "VW2 0\nVW0 0\n", "not met"},
             {"silent", "watch --until VW0>0 --duration 0.3", 4, nullptr, "no answer yet"},
             {"good", "watch --count 2 --interval 100 --until VW0!=0", 8, "VW0 0\n", "not met"},
@@ -368,6 +368,9 @@ private slots:
             Panel traced(simulator.command("read VW100 --trace " + trace));
             QCOMPARE(traced.finish(), status);
         }
+        Panel unwritten(simulator.command("read VW100 --trace /dev/full"));
+        QCOMPARE(unwritten.finish(), 7);
+        QVERIFY(unwritten.waitFor(Err, "/dev/full: No space left"));
         QFile capture(trace);
         QVERIFY(capture.open(QIODevice::ReadOnly));
         QVERIFY(capture.readAll().contains(QByteArray::fromHex("120a10020002000184000320")));
