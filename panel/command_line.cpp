@@ -307,7 +307,8 @@ bool CommandLine::readTags(QString* error)
     QStringList names;
     for (const ControllerSettings& settings : std::as_const(m_controllers))
         names.append(settings.name);
-    const bool complete = m_parser.isSet(QStringLiteral("controllers")) && !oneDriver();
+    const bool complete = (m_takes & TakesControllers) != 0 &&
+                          m_parser.isSet(QStringLiteral("controllers")) && !oneDriver();
     QStringList errors;
     const auto loaded = TagTable::load(file, complete ? &names : nullptr, &errors);
     *error = errors.join(QLatin1Char('\n'));

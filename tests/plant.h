@@ -63,8 +63,8 @@ public:
     /// Until so many frames were sent; every fifth time a read or write is asked for besides.
     void run(const QVector<Variable>& watched, int frames, bool requests)
     {
-        m_machine.watch(watched, m_now);
         m_machine.start(m_now);
+        m_machine.watch(watched, m_now);
         for (int turn = 0; int(sent.size()) < frames; ++turn) {
             if (requests && turn % 5 == 0)
                 ask(turn / 5);
