@@ -385,7 +385,8 @@ bool LinkMachine::anyReady() const
 
 Micros LinkMachine::nextWake() const
 {
-    Micros next = anyReady() && !m_inCycle ? m_nextCycle : Never;
+    const bool waitsForCycle = anyReady() && !m_inCycle && !m_transaction.isOpen;
+    Micros next = waitsForCycle ? m_nextCycle : Never;
     if (m_transaction.isOpen)
         next = std::min(next, m_transaction.sentAt + m_settings.timeoutMs * PerMs);
     for (const auto& entry : m_stations) {

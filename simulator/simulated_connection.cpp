@@ -210,10 +210,8 @@ void SimulatedConnection::send(const QByteArray& bytes)
         return;
     }
     const int jitter = int(m_state->jitter() % quint32(m_options.jitterMs + 1));
-    qint64 dueMs = m_clock.elapsed() + m_options.latencyMs + jitter;
-    if (!m_delayed.empty())
-        dueMs = std::max(dueMs, m_delayed.back().dueMs);
-    m_delayed.push_back({dueMs, bytes});
+    const qint64 dueMs = m_clock.elapsed() + m_options.latencyMs + jitter;
+    m_delayed.push_back({dueMs, bytes}); // goes out behind what is there, even if due earlier
     m_delayedBytes += bytes.size();
     if (m_delayed.size() == 1)
         m_dueTimer.start(int(dueMs - m_clock.elapsed()));
