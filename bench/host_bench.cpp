@@ -1,13 +1,14 @@
 // What many controllers in one thread cost, against simulated controllers in a process of their
 // own, as a ratio to bare sockets that exchange the same bytes with them in the same run.
 
+#include "simulator/simulator_process.h"
+
 #include <s7200host/controller.h>
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QProcess>
 #include <QTcpSocket>
 #include <QTimer>
 
@@ -18,6 +19,7 @@
 #include <vector>
 
 using namespace s7200;
+using sim::SimulatorProcess;
 
 namespace
 {
@@ -25,8 +27,6 @@ namespace
 constexpr int StartMs = 60000; ///< Longest that anything may take to get going.
 constexpr int Words = 100;     ///< Watched: 200 bytes, in two reads.
 constexpr int QuickIntervalMs = 100;
-constexpr int FirstPort = 10000;
-constexpr int LastPort = 32000;
 
 [[noreturn]] void fail(const QString& why)
 {
@@ -70,50 +70,11 @@ void waitMs(int ms)
     waitFor([] { return false; }, ms);
 }
 
-/// The program s7200-sim beside this one.
-class Simulators
+void startOrFail(SimulatorProcess& simulators)
 {
-public:
-    Simulators(int count, const QStringList& options) : m_count(count)
-    {
-        // Below the ports that connections are given by themselves.
-        for (int port = FirstPort; port + count < LastPort; port += count) {
-            if (start(port, options))
-                return;
-        }
-        fail("s7200-sim does not start: " + m_process.errorString());
-    }
-    ~Simulators()
-    {
-        stop();
-    }
-
-    bool start(int port, const QStringList& options = {})
-    {
-        m_process.start(QCoreApplication::applicationDirPath() + "/s7200-sim",
-                        QStringList{"--frozen", "--count", QString::number(m_count), "--listen",
-                                    QString("127.0.0.1:%1").arg(port)} +
-                            options);
-        m_port = quint16(port);
-        return m_process.waitForReadyRead(StartMs);
-    }
-
-    void stop()
-    {
-        m_process.kill();
-        m_process.waitForFinished(StartMs);
-    }
-
-    quint16 port() const
-    {
-        return m_port;
-    }
-
-private:
-    const int m_count;
-    QProcess m_process;
-    quint16 m_port = 0;
-};
+    if (!simulators.start())
+        fail("s7200-sim does not start");
+}
 
 /// What passes in a span of time.
 struct Load {
@@ -289,7 +250,8 @@ void print(const char* what, const Load& load, const Load& bare)
 
 void measureSlow(int count, int seconds)
 {
-    Simulators simulators(count, {});
+    SimulatorProcess simulators(count);
+    startOrFail(simulators);
     const Load bare = measureBare(count, simulators.port(), Words, 2, 1000, seconds);
     const double before = residentMb();
     Fleet fleet(count, simulators.port(), Words, 1000);
@@ -305,13 +267,12 @@ void measureSlow(int count, int seconds)
         static_cast<unsigned long long>(fleet.total(&LinkStatistics::cycles) - cyclesBefore),
         residentMb(), (residentMb() - before) * 1e3 / count);
     // All gone for so long that the attempts are as rare as they get, and back.
-    simulators.stop();
+    simulators.kill();
     waitMs(25000);
     const quint64 connections = fleet.total(&LinkStatistics::connections);
     QElapsedTimer clock;
     clock.start();
-    if (!simulators.start(simulators.port()))
-        fail("s7200-sim does not start again");
+    startOrFail(simulators);
     quint64 last = connections;
     quint64 most = 0;
     qint64 lookedAt = 0;
@@ -334,7 +295,8 @@ void measureSlow(int count, int seconds)
 
 void measureQuick(int count, int seconds)
 {
-    Simulators simulators(count, {});
+    SimulatorProcess simulators(count);
+    startOrFail(simulators);
     const Load bare = measureBare(count, simulators.port(), Words, 1, QuickIntervalMs, seconds);
     Fleet fleet(count, simulators.port(), Words / 2, QuickIntervalMs);
     fleet.start(QuickIntervalMs);
@@ -348,9 +310,10 @@ void measureSilent(int count, int seconds)
     const int silent = count * 3 / 10;
     double healthy = 0;
     for (const bool some : {false, true}) {
-        Simulators simulators(
+        SimulatorProcess simulators(
             count, some ? QStringList{"--fault", "lost", "--only", QString("1-%1").arg(silent)}
                         : QStringList{});
+        startOrFail(simulators);
         Fleet fleet(count, simulators.port(), Words, 1000);
         fleet.start(1000);
         const int from = some ? silent : 0;
