@@ -57,7 +57,7 @@ public:
 
 private:
     const QString m_name = QStringLiteral("VW");
-    const QString m_address = QStringLiteral("5000");
+    const QString m_address = QStringLiteral("400");
     QByteArray m_value;
     COM_INFO m_info = {};
     std::vector<unsigned short> m_words;

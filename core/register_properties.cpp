@@ -3,10 +3,7 @@
 namespace cp243
 {
 
-namespace
-{
-
-const RegisterTypeInfo Types[RegisterTypeCount] = {
+const RegisterTypeInfo RegisterTypes[RegisterTypeCount] = {
     {Area::I, Width::Bit, Type_IW, false},           // 0  I
     {Area::Q, Width::Bit, Type_QW, true},            // 1  Q
     {Area::M, Width::Bit, Type_MW, true},            // 2  M
@@ -33,12 +30,5 @@ const RegisterTypeInfo Types[RegisterTypeCount] = {
     {Area::S, Width::DoubleWord, Type_SW, true},     // 23 SD
     {Area::SM, Width::DoubleWord, Type_SMW, true},   // 24 SMD
 };
-
-} // namespace
-
-const RegisterTypeInfo* registerTypeInfo(int regType)
-{
-    return regType >= 0 && regType < RegisterTypeCount ? &Types[regType] : nullptr;
-}
 
 } // namespace cp243

@@ -24,8 +24,14 @@ struct RegisterTypeInfo {
     bool writable; ///< Whether a write can be queued for the controller.
 };
 
+/// By register type.
+extern const RegisterTypeInfo RegisterTypes[RegisterTypeCount];
+
 /// What a register type is; null for a code outside 0 to 24.
-const RegisterTypeInfo* registerTypeInfo(int regType);
+inline const RegisterTypeInfo* registerTypeInfo(int regType)
+{
+    return regType >= 0 && regType < RegisterTypeCount ? &RegisterTypes[regType] : nullptr;
+}
 
 } // namespace cp243
 

@@ -111,7 +111,7 @@ void finishFirst(QList<RW_VAR>& list)
 {
     if (list.isEmpty())
         return;
-    passRetValue(list.first(), PLC_driver.ret_var);
+    passRetValue(list.at(0), PLC_driver.ret_var);
     list.removeFirst();
 }
 
@@ -120,10 +120,13 @@ void finishFirst(QList<RW_VAR>& list)
 /// in move() and amortises an append.
 void turn(QList<RW_VAR>& list)
 {
+    if (list.size() < 2)
+        return;
 #if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     constexpr int ShortList = 64;
+    constexpr int AppendsPerRound = 8;
     static int turnsSinceRoomMade = 0;
-    if (list.size() > ShortList && ++turnsSinceRoomMade >= list.size()) {
+    if (list.size() > ShortList && ++turnsSinceRoomMade >= list.size() / AppendsPerRound) {
         turnsSinceRoomMade = 0;
         list.append(RW_VAR());
         list.removeLast();
@@ -139,7 +142,7 @@ void rotateCyclicList()
 {
     if (PLC_driver.read_list.isEmpty())
         return;
-    passRetValue(PLC_driver.read_list.first(), PLC_driver.ret_var);
+    passRetValue(PLC_driver.read_list.at(0), PLC_driver.ret_var);
     // Without memory the list stays as it is and its first entry is read once more.
     guarded(0, [] {
         turn(PLC_driver.read_list);
@@ -236,7 +239,7 @@ void requestSucceeded(PLC_CHECK& check, bool local, int result)
 
 void dealRequestReply(PLC_CHECK& check, QByteArray* reply, int len)
 {
-    const Protocol& pending = PLC_driver.protocol_list.first();
+    const Protocol& pending = PLC_driver.protocol_list.at(0);
     const bool local = pending.var.link_id == PLC_driver.com_info->link_id;
     const int result = local ? DealDataOfLocalArea(reply, len) : DealDataOfRemoteArea(reply, len);
 
@@ -252,7 +255,7 @@ void dealRequestReply(PLC_CHECK& check, QByteArray* reply, int len)
 
 int DealDataOfLocalArea(QByteArray* reply, int len)
 {
-    const Protocol& pending = PLC_driver.protocol_list.first();
+    const Protocol& pending = PLC_driver.protocol_list.at(0);
     if (isTimeout(pending, len))
         return GetDriverReturnValue(LocalTimeout);
     if (isWrongLength(pending, len))
@@ -271,7 +274,7 @@ int DealDataOfLocalArea(QByteArray* reply, int len)
 
 int DealDataOfRemoteArea(QByteArray* reply, int len)
 {
-    const Protocol& pending = PLC_driver.protocol_list.first();
+    const Protocol& pending = PLC_driver.protocol_list.at(0);
     if (isTimeout(pending, len))
         return GetDriverReturnValue(RemoteTimeout);
     if (isWrongLength(pending, len))
@@ -294,7 +297,7 @@ RW_VAR* DataCom(QByteArray* reply, int len)
     if (PLC_driver.protocol_list.isEmpty())
         return result;
     const bool dealt = guarded(false, [=] {
-        PLC_CHECK& check = map_list[PLC_driver.protocol_list.first().var.station];
+        PLC_CHECK& check = map_list[PLC_driver.protocol_list.at(0).var.station];
         if (check.hand_shake_ok == 0 && PLC_driver.com_info->remote_access == 0)
             dealHandshakeReply(check, reply);
         else

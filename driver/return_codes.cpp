@@ -20,7 +20,7 @@ int classCode(ResultCode withoutKey)
 int SwitchErrorReturn(int base)
 {
     Q_ASSERT(!PLC_driver.protocol_list.isEmpty());
-    const int key = PLC_driver.protocol_list.first().var.host_key;
+    const int key = PLC_driver.protocol_list.at(0).var.host_key;
     const bool namesClass = key >= 1 && key <= LargestClassKey;
     return base + 1 + (namesClass ? key : 0);
 }

@@ -33,7 +33,7 @@ struct LoopSettings {
     int pauseMs = 200;               ///< Between attempts to connect.
     int parkMs = 2000;               ///< Between attempts while other stations are served.
     int blockLimit = SmallestBlockLimit; ///< blockLimitFor() all that is ever watched.
-    FrameTrace* trace = nullptr;         ///< Not owned; may be null.
+    wire::FrameTrace* trace = nullptr;   ///< Not owned; may be null.
 };
 
 struct RequestResult {

@@ -1,6 +1,7 @@
 #include "host/panel_link.h"
 
 #include "wire/frame_trace.h"
+#include "wire/s7_fields.h"
 
 #include <QNetworkProxy>
 
@@ -113,7 +114,7 @@ PanelLink::Exchange PanelLink::exchange(const QByteArray& frame)
         return failed;
     }
     if (settings.trace)
-        settings.trace->record(traceConnection, FrameTrace::ToController, frame);
+        settings.trace->record(traceConnection, wire::FrameTrace::ToController, frame);
     socket.write(frame);
     socket.flush();
     return awaitReply(frame);
@@ -149,7 +150,8 @@ QString PanelLink::connectAfresh()
     socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
     mayReopen = false;
     if (settings.trace)
-        traceConnection = settings.trace->newConnection();
+        traceConnection = settings.trace->newConnection({socket.localAddress(), socket.localPort()},
+                                                        {socket.peerAddress(), socket.peerPort()});
     return QString();
 }
 
@@ -158,10 +160,9 @@ void PanelLink::dropStaleInput()
 {
     waiter.poll();
     receive();
-    QByteArray stale;
-    while (reassembler.takeFrame(&stale)) {
+    while (const auto stale = reassembler.takeFrame()) {
         if (settings.trace)
-            settings.trace->record(traceConnection, FrameTrace::FromController, stale);
+            settings.trace->record(traceConnection, wire::FrameTrace::FromController, *stale);
     }
     reassembler.clear();
     received.clear();
@@ -181,10 +182,11 @@ void PanelLink::receive()
 
 bool PanelLink::takeReply(const QByteArray& frame, QByteArray* reply)
 {
-    while (reassembler.takeFrame(reply)) {
+    while (auto taken = reassembler.takeFrame()) {
+        *reply = *taken;
         if (settings.trace)
-            settings.trace->record(traceConnection, FrameTrace::FromController, *reply);
-        if (isEmptyDataTpdu(*reply))
+            settings.trace->record(traceConnection, wire::FrameTrace::FromController, *reply);
+        if (wire::isEmptyDataTpdu(*reply))
             continue;
         if (settings.remote || !answersAnother(frame, *reply))
             return true;

@@ -10,10 +10,13 @@
 
 #include <atomic>
 
-class FrameTrace;
-
 namespace s7200
 {
+
+namespace wire
+{
+class FrameTrace;
+}
 
 /// Where a controller listens.
 struct Endpoint {
@@ -25,9 +28,9 @@ struct Endpoint {
 
 struct LinkSettings {
     Endpoint controller;
-    bool remote = false;         ///< Frames are forwarding records and not TPKTs.
-    int timeoutMs = 1000;        ///< For the connection and for each reply.
-    FrameTrace* trace = nullptr; ///< Not owned; may be null.
+    bool remote = false;               ///< Frames are forwarding records and not TPKTs.
+    int timeoutMs = 1000;              ///< For the connection and for each reply.
+    wire::FrameTrace* trace = nullptr; ///< Not owned; may be null.
 };
 
 /// The TCP connection to one controller: sends a frame of the driver's and waits for its reply.
@@ -71,7 +74,7 @@ private:
     Waiter& waiter;
     const std::atomic<bool>& stop;
     QTcpSocket socket;
-    TpktReassembler reassembler;
+    wire::TpktReassembler reassembler;
     QByteArray received;   ///< Since the last frame was sent.
     QByteArray mismatched; ///< The last reply to some other request since then.
     bool mayReopen = true; ///< Remote link only.

@@ -193,7 +193,7 @@ void SaveToLocalDataErea(QByteArray* reply)
 {
     if (!reply || PLC_driver.protocol_list.isEmpty())
         return;
-    const Protocol& pending = PLC_driver.protocol_list.first();
+    const Protocol& pending = PLC_driver.protocol_list.at(0);
     const RegisterTypeInfo* type = registerTypeInfo(pending.var.reg_type);
     if (PLC_driver.com_info->per_variable_stations == 0)
         saveToImage(reply, pending);

@@ -206,7 +206,7 @@ void SaveWord_unsigned_char(QByteArray* payload, unsigned char* area)
 {
     if (!payload || PLC_driver.protocol_list.isEmpty())
         return;
-    const Protocol& pending = PLC_driver.protocol_list.first();
+    const Protocol& pending = PLC_driver.protocol_list.at(0);
     savePayload(*payload, pending, area, pending.var.address);
 }
 
@@ -214,7 +214,7 @@ void SaveBit_unsigned_char(QByteArray* payload, unsigned char* area)
 {
     if (!payload || PLC_driver.protocol_list.isEmpty())
         return;
-    const Protocol& pending = PLC_driver.protocol_list.first();
+    const Protocol& pending = PLC_driver.protocol_list.at(0);
     savePayload(*payload, pending, area, pending.var.address / 8);
 }
 
@@ -222,7 +222,7 @@ void SaveWord_unsigned_short(QByteArray* payload, unsigned short* area)
 {
     if (!payload || PLC_driver.protocol_list.isEmpty())
         return;
-    const Protocol& pending = PLC_driver.protocol_list.first();
+    const Protocol& pending = PLC_driver.protocol_list.at(0);
     const qint64 offset = pending.data_offset;
     if (offset < 0)
         return;

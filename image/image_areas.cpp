@@ -10,26 +10,22 @@ namespace
 {
 
 struct ImageArea {
+    const void* begin;
     unsigned char* bytes;   ///< Null for an area of values.
     unsigned short* values; ///< Null for an area of bytes.
-    int size;               ///< In bytes.
-
-    const void* begin() const
-    {
-        return bytes ? static_cast<const void*>(bytes) : values;
-    }
+    quintptr size;          ///< In bytes.
 };
 
 template <int Size>
 constexpr ImageArea areaOf(unsigned char (&bytes)[Size])
 {
-    return {bytes, nullptr, Size};
+    return {bytes, bytes, nullptr, Size};
 }
 
 template <int Size>
 constexpr ImageArea areaOf(unsigned short (&values)[Size])
 {
-    return {nullptr, values, 2 * Size};
+    return {values, nullptr, values, 2 * Size};
 }
 
 /// By Area.
@@ -54,11 +50,11 @@ unsigned short* valueArea(Area area)
 
 qint64 bytesBehind(const void* pointer)
 {
-    const quintptr at = quintptr(pointer);
     for (const ImageArea& area : Areas) {
-        const quintptr begin = quintptr(area.begin());
-        if (at >= begin && at - begin < quintptr(area.size))
-            return qint64(begin + quintptr(area.size) - at);
+        // Unsigned: a pointer before the area is far behind it.
+        const quintptr offset = quintptr(pointer) - quintptr(area.begin);
+        if (offset < area.size)
+            return qint64(area.size - offset);
     }
     return MaxInt;
 }

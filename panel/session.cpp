@@ -9,7 +9,8 @@ std::unique_ptr<Session> Session::open(const PanelOptions& options, QString* err
     if (!session->library.load(options.library, error))
         return nullptr;
     if (!options.traceFile.isEmpty()) {
-        session->trace = FrameTrace::open(options.traceFile, error);
+        session->trace =
+            wire::FrameTrace::open(options.traceFile, wire::FrameTrace::KeepExisting, error);
         if (!session->trace)
             return nullptr;
         session->settings.trace = session->trace.get();
@@ -30,9 +31,9 @@ bool Session::startSimulators(const PanelOptions& options, QString* error)
 {
     embedded = true;
     for (Endpoint& endpoint : settings.controllers) {
-        SimulatorOptions simulator;
+        sim::SimulatorOptions simulator;
         simulator.remote = options.loop.remote;
-        simulators.emplace_back(new SimulatorThread(simulator));
+        simulators.emplace_back(new sim::SimulatorThread(simulator));
         if (!simulators.back()->start(error))
             return false;
         endpoint.host = simulator.address;

@@ -33,8 +33,8 @@ private:
     DriverLibrary library;
     LoopSettings settings;
     bool embedded = false;
-    std::unique_ptr<FrameTrace> trace;
-    std::vector<std::unique_ptr<SimulatorThread>> simulators;
+    std::unique_ptr<wire::FrameTrace> trace;
+    std::vector<std::unique_ptr<sim::SimulatorThread>> simulators;
     std::unique_ptr<CommLoop> commLoop;
 };
 

@@ -84,7 +84,7 @@ bool lengthsAgree(const uchar* reply, int received)
 
 int CheckGetData(QByteArray* reply, int len)
 {
-    const RW_VAR& request = PLC_driver.protocol_list.first().var;
+    const RW_VAR& request = PLC_driver.protocol_list.at(0).var;
     const int received = reply ? qMin(len, int(reply->size())) : 0;
     const bool isRead = request.origin == 0;
     if (received < (isRead ? ReadReplyHeader : WriteReplyLength))

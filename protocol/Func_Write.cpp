@@ -132,9 +132,8 @@ char valueByte(const QByteArray& value, int index)
 }
 
 /// Status byte that goes with a timer or counter value. It is looked up in the image by number as
-/// if T_bits had a byte for each, and in T_bits for counters too. Both deliberate: docs/oddities.md,
-/// Timers and counters.
-/// Numbers past T_bits fall into C_bits behind it.
+/// if T_bits had a byte for each, and in T_bits for counters too. Both deliberate:
+/// docs/oddities.md, Timers and counters. Numbers past T_bits fall into C_bits behind it.
 char statusByte(int number)
 {
     constexpr int TimerBytes = int(sizeof PLC_driver.T_bits);

@@ -5,6 +5,7 @@
 #include <QtEndian>
 
 #include <cstring>
+#include <utility>
 
 namespace cp243
 {
@@ -48,8 +49,7 @@ void putHeader(uchar* frame, int station, const S7Item& item)
 
 QByteArray readJob(int station, const S7Item& item)
 {
-    QByteArray frame;
-    frame.resize(JobItemEnd);
+    QByteArray frame(JobItemEnd, Qt::Uninitialized);
     putHeader(reinterpret_cast<uchar*>(frame.data()), station, item);
     return frame;
 }
@@ -69,16 +69,11 @@ QByteArray writeJob(int station, const S7Item& item, qint64 declaredBytes, quint
     return frame;
 }
 
-void recordPending(const QByteArray& frame, const ExpectedReply& expected, const RW_VAR& var)
+void recordPending(QByteArray frame, const ExpectedReply& expected, const RW_VAR& var)
 {
-    Protocol pending;
-    pending.frame = frame;
-    pending.frame_len = int(frame.size());
-    pending.reply_len = expected.length;
-    pending.data_offset = expected.dataOffset;
-    pending.data_len = expected.dataLength;
-    pending.var = var;
-    PLC_driver.protocol_list.append(pending);
+    const int length = int(frame.size());
+    PLC_driver.protocol_list.append(
+        {std::move(frame), length, expected.length, expected.dataOffset, expected.dataLength, var});
 }
 
 void startBatch(int frames)

@@ -67,7 +67,7 @@ struct ExpectedReply {
 };
 
 /// Appends the frame to protocol_list as awaiting its reply.
-void recordPending(const QByteArray& frame, const ExpectedReply& expected, const RW_VAR& var);
+void recordPending(QByteArray frame, const ExpectedReply& expected, const RW_VAR& var);
 
 /// Marks the settings record for a transaction of `frames` frames, none answered yet.
 void startBatch(int frames);

@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <cstring>
 
+namespace s7200::sim
+{
+
 namespace
 {
 
@@ -72,9 +75,9 @@ const AreaShape& shape(SimulatorArea area)
 
 ControllerMemory::ControllerMemory()
 {
-    for (size_t i = 0; i < areas.size(); ++i)
-        areas[i] = QByteArray(size(SimulatorArea(i)), '\0');
-    areas[size_t(SimulatorArea::SM)][0] = 0x01; // SM0.0 is always on
+    for (size_t i = 0; i < m_areas.size(); ++i)
+        m_areas[i] = QByteArray(size(SimulatorArea(i)), '\0');
+    m_areas[size_t(SimulatorArea::SM)][0] = 0x01; // SM0.0 is always on
 }
 
 int ControllerMemory::size(SimulatorArea area)
@@ -101,8 +104,8 @@ bool ControllerMemory::isWritable(SimulatorArea area, int offset)
 
 QByteArray ControllerMemory::read(SimulatorArea area, int offset, int bytes) const
 {
-    const std::lock_guard<std::mutex> lock(mutex);
-    const QByteArray& from = areas[size_t(area)];
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const QByteArray& from = m_areas[size_t(area)];
     QByteArray result(std::max(bytes, 0), '\0');
     const int end = int(std::min<qint64>(qint64(offset) + bytes, from.size()));
     for (int i = std::max(offset, 0); i < end; ++i)
@@ -112,9 +115,9 @@ QByteArray ControllerMemory::read(SimulatorArea area, int offset, int bytes) con
 
 void ControllerMemory::write(SimulatorArea area, int offset, const QByteArray& bytes)
 {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     stopLiveValues(area, offset, int(bytes.size()), -1);
-    QByteArray& to = areas[size_t(area)];
+    QByteArray& to = m_areas[size_t(area)];
     const int end = int(std::min<qint64>(qint64(offset) + bytes.size(), to.size()));
     for (int i = std::max(offset, 0); i < end; ++i)
         to[i] = bytes.at(i - offset);
@@ -122,7 +125,7 @@ void ControllerMemory::write(SimulatorArea area, int offset, const QByteArray& b
 
 void ControllerMemory::writeBit(SimulatorArea area, int offset, int bit, bool on)
 {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     if (!contains(area, offset, 1) || bit < 0 || bit > 7)
         return;
     stopLiveValues(area, offset, 1, bit);
@@ -131,7 +134,7 @@ void ControllerMemory::writeBit(SimulatorArea area, int offset, int bit, bool on
 
 void ControllerMemory::writeValue(SimulatorArea area, int number, int value)
 {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     if (number < 0 || number >= shape(area).elements)
         return;
     const int size = elementSize(area);
@@ -149,11 +152,11 @@ QStringList ControllerMemory::liveValues()
 
 void ControllerMemory::tick()
 {
-    const std::lock_guard<std::mutex> lock(mutex);
-    ++ticks;
-    const quint32 phase = ticks % (2 * RampTop);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_ticks;
+    const quint32 phase = m_ticks % (2 * RampTop);
     const int ramp = int(phase <= RampTop ? phase : 2 * RampTop - phase);
-    const bool blink = ticks / HalfBlink % 2 == 1;
+    const bool blink = m_ticks / HalfBlink % 2 == 1;
     if (moves(Count))
         setWord(SimulatorArea::V, 0, word(SimulatorArea::V, 0) + 1);
     if (moves(Ramp))
@@ -173,7 +176,7 @@ void ControllerMemory::tick()
         setBit(SimulatorArea::SM, 0, 5, blink);
     if (moves(Timer))
         tickTimer();
-    if (moves(Counter) && ticks % (2 * HalfBlink) == 0)
+    if (moves(Counter) && m_ticks % (2 * HalfBlink) == 0)
         tickCounter();
 }
 
@@ -182,7 +185,7 @@ void ControllerMemory::tickTimer()
     const int offset = LivePlaces[Timer].offset;
     const int time = (word(SimulatorArea::Timer, offset + 3) + 1) % (LiveTimerEnd + 1);
     setWord(SimulatorArea::Timer, offset + 3, time);
-    areas[size_t(SimulatorArea::Timer)][offset] = time >= LiveTimerPreset ? TimerBitOn : '\0';
+    m_areas[size_t(SimulatorArea::Timer)][offset] = time >= LiveTimerPreset ? TimerBitOn : '\0';
 }
 
 void ControllerMemory::tickCounter()
@@ -190,39 +193,41 @@ void ControllerMemory::tickCounter()
     const int offset = LivePlaces[Counter].offset;
     const int count = (word(SimulatorArea::Counter, offset + 1) + 1) % (LiveCounterEnd + 1);
     setWord(SimulatorArea::Counter, offset + 1, count);
-    areas[size_t(SimulatorArea::Counter)][offset] =
+    m_areas[size_t(SimulatorArea::Counter)][offset] =
         count >= LiveCounterPreset ? CounterBitOn : '\0';
 }
 
 bool ControllerMemory::moves(LiveValue value) const
 {
-    return !stopped[value];
+    return !m_stopped[value];
 }
 
 void ControllerMemory::stopLiveValues(SimulatorArea area, int offset, int bytes, int bit)
 {
-    for (size_t i = 0; i < stopped.size(); ++i) {
+    for (size_t i = 0; i < m_stopped.size(); ++i) {
         const LivePlace& place = LivePlaces[i];
         const bool overlaps = place.area == area && place.offset < qint64(offset) + bytes &&
                               offset < place.offset + place.bytes;
         if (overlaps && (bit < 0 || place.bit < 0 || bit == place.bit))
-            stopped[i] = true;
+            m_stopped[i] = true;
     }
 }
 
 void ControllerMemory::setBit(SimulatorArea area, int offset, int bit, bool on)
 {
-    QByteArray& to = areas[size_t(area)];
+    QByteArray& to = m_areas[size_t(area)];
     const int mask = 1 << bit;
     to[offset] = char(on ? to.at(offset) | mask : to.at(offset) & ~mask);
 }
 
 int ControllerMemory::word(SimulatorArea area, int offset) const
 {
-    return qFromBigEndian<quint16>(areas[size_t(area)].constData() + offset);
+    return qFromBigEndian<quint16>(m_areas[size_t(area)].constData() + offset);
 }
 
 void ControllerMemory::setWord(SimulatorArea area, int offset, int value)
 {
-    qToBigEndian(quint16(value), areas[size_t(area)].data() + offset);
+    qToBigEndian(quint16(value), m_areas[size_t(area)].data() + offset);
 }
+
+} // namespace s7200::sim

@@ -7,6 +7,9 @@
 #include <array>
 #include <mutex>
 
+namespace s7200::sim
+{
+
 /// The memory areas of the simulated controller.
 enum class SimulatorArea { I, Q, M, S, SM, V, AIW, AQW, Timer, Counter };
 
@@ -62,10 +65,12 @@ private:
     int word(SimulatorArea area, int offset) const;
     void setWord(SimulatorArea area, int offset, int value);
 
-    mutable std::mutex mutex;
-    std::array<QByteArray, 10> areas;
-    std::array<bool, LiveValues> stopped = {};
-    quint32 ticks = 0;
+    mutable std::mutex m_mutex;
+    std::array<QByteArray, 10> m_areas;
+    std::array<bool, LiveValues> m_stopped = {};
+    quint32 m_ticks = 0;
 };
+
+} // namespace s7200::sim
 
 #endif

@@ -6,6 +6,11 @@
 
 #include <algorithm>
 
+namespace s7200::sim
+{
+
+using namespace wire;
+
 namespace
 {
 
@@ -17,7 +22,8 @@ constexpr unsigned momentBit(FaultMoment moment)
 constexpr unsigned OnAccept = momentBit(FaultMoment::Accept);
 constexpr unsigned OnConnect = momentBit(FaultMoment::Connect);
 constexpr unsigned OnJob = momentBit(FaultMoment::Job);
-constexpr unsigned OnS7 = momentBit(FaultMoment::Setup) | OnJob;
+constexpr unsigned OnSetup = momentBit(FaultMoment::Setup);
+constexpr unsigned OnS7 = OnSetup | OnJob;
 constexpr unsigned OnReply = OnConnect | OnS7;
 
 constexpr int GarbageLength = 22; // as long as the confirm it replaces
@@ -46,6 +52,9 @@ constexpr KindRow Kinds[] = {
     {FaultKind::CloseMidFrame, OnReply, "close-mid-frame", "half a reply, then closed"},
     {FaultKind::SilentAccept, OnAccept, "silent-accept", "connection accepted, never answered"},
     {FaultKind::GarbageConfirm, OnConnect, "garbage-confirm", "random bytes as connection confirm"},
+    {FaultKind::Banner, OnConnect, "banner", "a line of text as connection confirm"},
+    {FaultKind::RefuseSetup, OnSetup, "refuse-setup", "setup communication refused: error class"},
+    {FaultKind::Disconnect, OnReply, "disconnect", "a disconnect request in the reply's place"},
 };
 
 const KindRow* findKind(FaultKind kind)
@@ -85,12 +94,9 @@ void addToWord(QByteArray& bytes, int offset, int amount)
 /// One byte more at the TPKT's end, believed by every length field on the way.
 QByteArray withWrongLength(QByteArray reply)
 {
-    constexpr int TpktLengthOffset = 2;
-    constexpr int DataLengthOffset = 15;
     const int end = qFromBigEndian<quint16>(reply.constData() + TpktLengthOffset);
-    const bool hasItemLength = end >= ReadPayloadOffset;
-    const bool countsBits =
-        hasItemLength && reply.at(ReturnCodeOffset + 1) == char(ReplyUnit::Bits);
+    const bool hasItemLength = end >= PayloadOffset;
+    const bool countsBits = hasItemLength && reply.at(ItemDataSizeOffset) == char(DataSize::Bits);
     reply.insert(end, '\0');
     addToWord(reply, TpktLengthOffset, 1);
     addToWord(reply, DataLengthOffset, 1);
@@ -101,7 +107,7 @@ QByteArray withWrongLength(QByteArray reply)
 
 } // namespace
 
-FaultInjector::FaultInjector(quint32 seed) : random(seed) {}
+FaultInjector::FaultInjector(quint32 seed) : m_random(seed) {}
 
 bool FaultInjector::setFaults(const QStringList& texts, QString* error)
 {
@@ -112,8 +118,8 @@ bool FaultInjector::setFaults(const QStringList& texts, QString* error)
             return false;
         parsed.push_back(rule);
     }
-    const std::lock_guard<std::mutex> lock(mutex);
-    rules = parsed;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_rules = parsed;
     return true;
 }
 
@@ -153,9 +159,9 @@ bool FaultInjector::parseRule(const QString& text, Rule* rule, QString* error)
 
 FaultKind FaultInjector::choose(FaultMoment moment, int address)
 {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     FaultKind chosen = FaultKind::None;
-    for (Rule& rule : rules) {
+    for (Rule& rule : m_rules) {
         const bool fits = (findKind(rule.kind)->moments & momentBit(moment)) != 0 &&
                           (rule.address < 0 || rule.address == address);
         if (fits && strikes(rule) && chosen == FaultKind::None)
@@ -167,7 +173,7 @@ FaultKind FaultInjector::choose(FaultMoment moment, int address)
 bool FaultInjector::strikes(Rule& rule)
 {
     if (rule.every == 0)
-        return double(random()) < rule.probability * 4294967296.0;
+        return double(m_random()) < rule.probability * 4294967296.0;
     if (++rule.seen < rule.every)
         return false;
     rule.seen = 0;
@@ -176,7 +182,7 @@ bool FaultInjector::strikes(Rule& rule)
 
 QByteArray FaultInjector::spoil(FaultKind kind, const QByteArray& reply)
 {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     QByteArray spoiled = reply;
     switch (kind) {
     case FaultKind::Truncated:
@@ -189,10 +195,14 @@ QByteArray FaultInjector::spoil(FaultKind kind, const QByteArray& reply)
         break;
     }
     case FaultKind::WrongReference:
-        addToWord(spoiled, ReferenceOffset, 1);
+        addToWord(spoiled, PduReferenceOffset, 1);
         break;
     case FaultKind::WrongLength:
         return withWrongLength(reply);
+    case FaultKind::Banner:
+        return "220 ready\r\n";
+    case FaultKind::Disconnect:
+        return disconnectRequest(1, DisconnectReason::NotSpecified);
     case FaultKind::GarbageConfirm:
         spoiled = QByteArray(GarbageLength, '\0');
         for (char& byte : spoiled)
@@ -207,21 +217,21 @@ QByteArray FaultInjector::spoil(FaultKind kind, const QByteArray& reply)
 
 int FaultInjector::below(int limit)
 {
-    return int(random() % quint32(std::max(limit, 1)));
+    return int(m_random() % quint32(std::max(limit, 1)));
 }
 
 void FaultInjector::count(FaultKind kind)
 {
-    const std::lock_guard<std::mutex> lock(mutex);
-    ++injected[name(kind)];
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_injected[name(kind)];
 }
 
 QMap<QString, quint64> FaultInjector::counts() const
 {
     // Entry by entry: data shared with the caller would be released without the lock.
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     QMap<QString, quint64> copy;
-    for (auto it = injected.begin(); it != injected.end(); ++it)
+    for (auto it = m_injected.begin(); it != m_injected.end(); ++it)
         copy.insert(it.key(), it.value());
     return copy;
 }
@@ -239,3 +249,5 @@ QStringList FaultInjector::descriptions()
         lines.append(QString::fromLatin1(row.name).leftJustified(19) + QLatin1String(row.effect));
     return lines;
 }
+
+} // namespace s7200::sim

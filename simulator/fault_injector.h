@@ -10,6 +10,9 @@
 #include <random>
 #include <vector>
 
+namespace s7200::sim
+{
+
 enum class FaultKind {
     None,
     Lost,
@@ -28,6 +31,9 @@ enum class FaultKind {
     CloseMidFrame,
     SilentAccept,
     GarbageConfirm,
+    Banner,
+    RefuseSetup,
+    Disconnect,
 };
 
 /// What is about to happen when a fault is chosen.
@@ -73,10 +79,12 @@ private:
     bool strikes(Rule& rule);
     int below(int limit);
 
-    mutable std::mutex mutex;
-    std::mt19937 random;
-    std::vector<Rule> rules;
-    QMap<QString, quint64> injected;
+    mutable std::mutex m_mutex;
+    std::mt19937 m_random;
+    std::vector<Rule> m_rules;
+    QMap<QString, quint64> m_injected;
 };
+
+} // namespace s7200::sim
 
 #endif

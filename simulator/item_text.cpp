@@ -1,5 +1,8 @@
 #include "simulator/item_text.h"
 
+namespace s7200::sim
+{
+
 namespace
 {
 
@@ -42,7 +45,7 @@ QString ItemText::name() const
     return areaName + widthLetter(elementBytes) + byteNumber;
 }
 
-QString ItemText::line(ReturnCode returnCode, JobError jobError) const
+QString ItemText::line(ItemCode returnCode, JobError jobError) const
 {
     QString text = (isWrite ? QStringLiteral("write ") : QStringLiteral("read ")) + name();
     if (count != 1)
@@ -51,7 +54,9 @@ QString ItemText::line(ReturnCode returnCode, JobError jobError) const
         text += QStringLiteral(" = ") + hexNumber(data);
     if (jobError != JobError::None)
         return text + QStringLiteral(" refused: ") + describe(jobError);
-    if (returnCode != ReturnCode::Success)
+    if (returnCode != ItemCode::Success)
         return text + QStringLiteral(" refused: ") + describe(returnCode);
     return text + QStringLiteral(" -> ok");
 }
+
+} // namespace s7200::sim

@@ -7,6 +7,9 @@
 #include <QByteArray>
 #include <QString>
 
+namespace s7200::sim
+{
+
 /// One read or write as an engineer would write it, for the log.
 struct ItemText {
     bool isWrite = false;
@@ -19,10 +22,12 @@ struct ItemText {
     QByteArray data; ///< Written bytes, as they go into the memory.
 
     /// For example "read VB100 x 4 -> ok" or "write SMW0 = 0x1234 refused: access denied".
-    QString line(ReturnCode returnCode, JobError jobError) const;
+    QString line(ItemCode returnCode, JobError jobError) const;
 
 private:
     QString name() const;
 };
+
+} // namespace s7200::sim
 
 #endif

@@ -6,6 +6,9 @@
 
 #include <numeric>
 
+namespace s7200::sim
+{
+
 namespace
 {
 
@@ -15,7 +18,7 @@ constexpr int CountOffset = 11;
 constexpr int OriginOffset = 2;
 constexpr int ValueOffset = 21;
 constexpr int ShortestRecord = ValueOffset + 1;
-constexpr int LongestPayload = 65535 - ReadPayloadOffset;
+constexpr int LongestPayload = 65535 - wire::PayloadOffset;
 constexpr int LongestPayloadInBits = 8191;
 
 /// How a write's value is encoded and how its address counts.
@@ -75,13 +78,13 @@ quint8 checksum(const QByteArray& bytes)
                            [](quint8 sum, char byte) { return quint8(sum + quint8(byte)); });
 }
 
-ReturnCode checkWrite(SimulatorArea area, int offset, int bytes)
+ItemCode checkWrite(SimulatorArea area, int offset, int bytes)
 {
     if (!ControllerMemory::contains(area, offset, bytes))
-        return ReturnCode::AddressOutOfRange;
+        return ItemCode::AddressOutOfRange;
     if (!ControllerMemory::isWritable(area, offset))
-        return ReturnCode::AccessDenied;
-    return ReturnCode::Success;
+        return ItemCode::AccessDenied;
+    return ItemCode::Success;
 }
 
 int byteOr0(const QByteArray& bytes, int index)
@@ -108,36 +111,33 @@ QByteArray controllerBytes(Encoding encoding, const QByteArray& value, int count
 
 } // namespace
 
-RemoteRequestHandler::RemoteRequestHandler(ControllerMemory* controllerMemory)
-    : memory(controllerMemory)
-{
-}
+RemoteRequestHandler::RemoteRequestHandler(ControllerMemory* memory) : m_memory(memory) {}
 
 void RemoteRequestHandler::append(const QByteArray& bytes)
 {
-    buffer.append(bytes);
+    m_waiting.append(bytes);
 }
 
-bool RemoteRequestHandler::takeRequest(QByteArray* request)
+std::optional<QByteArray> RemoteRequestHandler::takeRequest()
 {
-    if (buffer.isEmpty())
-        return false;
-    const int length = quint8(buffer.at(0));
-    if (length < ShortestRecord) {
-        *request = buffer;
-        buffer.clear();
-        return true;
-    }
-    if (buffer.size() < length)
-        return false;
-    *request = buffer.left(length);
-    buffer.remove(0, length);
-    return true;
+    if (m_waiting.isEmpty())
+        return std::nullopt;
+    const int length = m_waiting.at(0);
+    if (length < ShortestRecord)
+        return m_waiting.take(m_waiting.size());
+    if (m_waiting.size() < length)
+        return std::nullopt;
+    return m_waiting.take(length);
 }
 
 bool RemoteRequestHandler::isBroken() const
 {
     return false;
+}
+
+bool RemoteRequestHandler::isServing() const
+{
+    return true;
 }
 
 RemoteRequestHandler::Record RemoteRequestHandler::parseRecord(const QByteArray& bytes)
@@ -158,39 +158,39 @@ RemoteRequestHandler::Record RemoteRequestHandler::parseRecord(const QByteArray&
 
 RequestSummary RemoteRequestHandler::parse(const QByteArray& request)
 {
-    current = parseRecord(request);
+    m_current = parseRecord(request);
     RequestSummary summary;
-    if (!current.valid) {
-        buffer.clear();
+    if (!m_current.valid) {
+        m_waiting.clear();
         return summary;
     }
     summary.kind = RequestSummary::Job;
-    const RegisterShape* shape = shapeOf(current.registerType);
+    const RegisterShape* shape = shapeOf(m_current.registerType);
     const bool byBit = shape != nullptr &&
-                       (current.isWrite ? shape->encoding == Encoding::Bits : shape->readsByBit);
-    summary.address = byBit && !isNumbered(*shape) ? current.address / 8 : current.address;
+                       (m_current.isWrite ? shape->encoding == Encoding::Bits : shape->readsByBit);
+    summary.address = byBit && !isNumbered(*shape) ? m_current.address / 8 : m_current.address;
     return summary;
 }
 
 QByteArray RemoteRequestHandler::answer(Refusal refusal)
 {
-    returnCode = ReturnCode::Success;
-    jobError = JobError::None;
-    lastReference = reference;
+    m_itemCode = ItemCode::Success;
+    m_jobError = JobError::None;
+    m_lastReference = m_reference;
     QByteArray reply;
-    if (!current.valid || shapeOf(current.registerType) == nullptr) {
-        jobError = JobError::NotSupported;
-        reply = jobRefusal(reference, jobError);
+    if (!m_current.valid || shapeOf(m_current.registerType) == nullptr) {
+        m_jobError = JobError::NotSupported;
+        reply = jobRefusal(m_reference, m_jobError);
     } else {
-        reply = current.isWrite ? write(refusal) : read(refusal);
+        reply = m_current.isWrite ? write(refusal) : read(refusal);
         if (refusal == Refusal::Job) {
-            jobError = JobError::NotSupported;
-            setJobError(reply, jobError);
+            m_jobError = JobError::NotSupported;
+            setJobError(reply, m_jobError);
         }
         // What the client takes for good: a write counts whatever its item return code.
-        const bool good = current.isWrite || returnCode == ReturnCode::Success;
-        if (good && jobError == JobError::None)
-            reference = reference == 0xFFFF ? 1 : quint16(reference + 1);
+        const bool good = m_current.isWrite || m_itemCode == ItemCode::Success;
+        if (good && m_jobError == JobError::None)
+            m_reference = m_reference == 0xFFFF ? 1 : quint16(m_reference + 1);
     }
     return reply + QByteArray(TrailingBytes, '\0');
 }
@@ -198,105 +198,108 @@ QByteArray RemoteRequestHandler::answer(Refusal refusal)
 // The client failed this reply or never saw it, and expects the same reference once more.
 void RemoteRequestHandler::replySpoiled()
 {
-    reference = lastReference;
+    m_reference = m_lastReference;
 }
 
 QByteArray RemoteRequestHandler::read(Refusal refusal)
 {
-    const RegisterShape& shape = *shapeOf(current.registerType);
-    const int bytes = current.count * shape.replyBytes;
-    qint64 offset = current.address;
+    const RegisterShape& shape = *shapeOf(m_current.registerType);
+    const int bytes = m_current.count * shape.replyBytes;
+    qint64 offset = m_current.address;
     if (isNumbered(shape))
         offset *= ControllerMemory::elementSize(shape.area);
     else if (shape.readsByBit)
         offset /= 8;
     if (refusal == Refusal::Item)
-        returnCode = ReturnCode::NoSuchObject;
-    else if (current.address < 0 || offset >= ControllerMemory::size(shape.area) || bytes < 1 ||
+        m_itemCode = ItemCode::NoSuchObject;
+    else if (m_current.address < 0 || offset >= ControllerMemory::size(shape.area) || bytes < 1 ||
              bytes > LongestPayload)
-        returnCode = ReturnCode::AddressOutOfRange;
-    if (returnCode != ReturnCode::Success)
-        return readRefusal(reference, returnCode);
-    const ReplyUnit unit =
-        bytes <= LongestPayloadInBits && !isNumbered(shape) ? ReplyUnit::Bits : ReplyUnit::Bytes;
-    return readReply(reference, unit, memory->read(shape.area, int(offset), bytes));
+        m_itemCode = ItemCode::AddressOutOfRange;
+    if (m_itemCode != ItemCode::Success)
+        return readRefusal(m_reference, m_itemCode);
+    const DataSize unit =
+        bytes <= LongestPayloadInBits && !isNumbered(shape) ? DataSize::Bits : DataSize::Bytes;
+    return readReply(m_reference, unit, m_memory->read(shape.area, int(offset), bytes));
 }
 
 QByteArray RemoteRequestHandler::write(Refusal refusal)
 {
     if (refusal == Refusal::Item)
-        returnCode = ReturnCode::NoSuchObject;
+        m_itemCode = ItemCode::NoSuchObject;
     else if (refusal == Refusal::None)
-        returnCode = store();
-    return writeReply(reference, returnCode);
+        m_itemCode = store();
+    return writeReply(m_reference, m_itemCode);
 }
 
-ReturnCode RemoteRequestHandler::store()
+ItemCode RemoteRequestHandler::store()
 {
-    const RegisterShape& shape = *shapeOf(current.registerType);
+    const RegisterShape& shape = *shapeOf(m_current.registerType);
     const bool bits = shape.encoding == Encoding::Bits;
-    if (current.address < 0 || current.count < 1)
-        return ReturnCode::AddressOutOfRange;
-    if (current.value.size() < current.count * (bits ? 1 : 2))
-        return ReturnCode::LengthMismatch;
+    if (m_current.address < 0 || m_current.count < 1)
+        return ItemCode::AddressOutOfRange;
+    if (m_current.value.size() < m_current.count * (bits ? 1 : 2))
+        return ItemCode::LengthMismatch;
     if (isNumbered(shape)) // timer and counter bits are the controller's own
-        return bits ? ReturnCode::AccessDenied : storeElements(shape.area);
+        return bits ? ItemCode::AccessDenied : storeElements(shape.area);
     if (bits)
         return storeBits(shape.area);
-    const QByteArray bytes = controllerBytes(shape.encoding, current.value, current.count);
-    const ReturnCode code = checkWrite(shape.area, current.address, int(bytes.size()));
-    if (code == ReturnCode::Success)
-        memory->write(shape.area, current.address, bytes);
+    const QByteArray bytes = controllerBytes(shape.encoding, m_current.value, m_current.count);
+    const ItemCode code = checkWrite(shape.area, m_current.address, int(bytes.size()));
+    if (code == ItemCode::Success)
+        m_memory->write(shape.area, m_current.address, bytes);
     return code;
 }
 
-ReturnCode RemoteRequestHandler::storeElements(SimulatorArea area)
+ItemCode RemoteRequestHandler::storeElements(SimulatorArea area)
 {
     const int size = ControllerMemory::elementSize(area);
-    if (current.address > ControllerMemory::size(area) / size - current.count)
-        return ReturnCode::AddressOutOfRange;
-    for (int i = 0; i < current.count; ++i) {
-        const char* value = current.value.constData() + 2 * i;
-        memory->writeValue(area, current.address + i, qFromLittleEndian<quint16>(value));
+    if (m_current.address > ControllerMemory::size(area) / size - m_current.count)
+        return ItemCode::AddressOutOfRange;
+    for (int i = 0; i < m_current.count; ++i) {
+        const char* value = m_current.value.constData() + 2 * i;
+        m_memory->writeValue(area, m_current.address + i, qFromLittleEndian<quint16>(value));
     }
-    return ReturnCode::Success;
+    return ItemCode::Success;
 }
 
-ReturnCode RemoteRequestHandler::storeBits(SimulatorArea area)
+ItemCode RemoteRequestHandler::storeBits(SimulatorArea area)
 {
-    const int firstByte = current.address / 8;
-    const int bytes = (current.address % 8 + current.count - 1) / 8 + 1;
-    const ReturnCode code = checkWrite(area, firstByte, bytes);
-    if (code != ReturnCode::Success)
+    const int firstByte = m_current.address / 8;
+    const int bytes = (m_current.address % 8 + m_current.count - 1) / 8 + 1;
+    const ItemCode code = checkWrite(area, firstByte, bytes);
+    if (code != ItemCode::Success)
         return code;
-    for (int i = 0; i < current.count; ++i) {
-        const int bit = current.address + i;
-        memory->writeBit(area, bit / 8, bit % 8, current.value.at(i) == 1);
+    for (int i = 0; i < m_current.count; ++i) {
+        const int bit = m_current.address + i;
+        m_memory->writeBit(area, bit / 8, bit % 8, m_current.value.at(i) == 1);
     }
-    return ReturnCode::Success;
+    return ItemCode::Success;
 }
 
 QString RemoteRequestHandler::description() const
 {
-    if (!current.valid)
+    if (!m_current.valid)
         return QStringLiteral("record with a wrong length or checksum refused");
-    const RegisterShape* shape = shapeOf(current.registerType);
+    const RegisterShape* shape = shapeOf(m_current.registerType);
     if (shape == nullptr)
-        return QStringLiteral("register type %1 refused: ").arg(current.registerType) +
-               describe(jobError);
+        return QStringLiteral("register type %1 refused: ").arg(m_current.registerType) +
+               describe(m_jobError);
     // Reads of bits fetch whole bytes.
-    const bool byBit = shape->encoding == Encoding::Bits && (current.isWrite || shape->readsByBit);
+    const bool byBit =
+        shape->encoding == Encoding::Bits && (m_current.isWrite || shape->readsByBit);
     const bool inUnits = byBit || isNumbered(*shape);
     ItemText text;
-    text.isWrite = current.isWrite;
+    text.isWrite = m_current.isWrite;
     text.area = shape->area;
-    text.isBit = byBit && current.isWrite;
-    text.elementBytes = current.isWrite && shape->encoding != Encoding::Bytes ? 2 : 1;
-    text.address = int(qMin<qint64>(qint64(current.address) * (inUnits ? 1 : 8), 0x7FFFFFFF));
-    text.count = current.count;
-    const int whole = qMin(current.count, int(current.value.size()) / 2);
+    text.isBit = byBit && m_current.isWrite;
+    text.elementBytes = m_current.isWrite && shape->encoding != Encoding::Bytes ? 2 : 1;
+    text.address = int(qMin<qint64>(qint64(m_current.address) * (inUnits ? 1 : 8), 0x7FFFFFFF));
+    text.count = m_current.count;
+    const int whole = qMin(m_current.count, int(m_current.value.size()) / 2);
     text.data = shape->encoding == Encoding::Bits
-                    ? current.value
-                    : controllerBytes(shape->encoding, current.value, whole);
-    return text.line(returnCode, jobError);
+                    ? m_current.value
+                    : controllerBytes(shape->encoding, m_current.value, whole);
+    return text.line(m_itemCode, m_jobError);
 }
+
+} // namespace s7200::sim

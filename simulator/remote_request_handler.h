@@ -4,6 +4,10 @@
 #include "simulator/controller_memory.h"
 #include "simulator/request_handler.h"
 #include "simulator/s7_replies.h"
+#include "wire/byte_queue.h"
+
+namespace s7200::sim
+{
 
 /// Answers one connection's forwarding records of remote access: 21 bytes that name a request,
 /// the value bytes of a write, and an additive checksum, the length of all that in the first byte.
@@ -24,8 +28,9 @@ public:
     explicit RemoteRequestHandler(ControllerMemory* memory);
 
     void append(const QByteArray& bytes) override;
-    bool takeRequest(QByteArray* request) override;
+    std::optional<QByteArray> takeRequest() override;
     bool isBroken() const override;
+    bool isServing() const override;
     RequestSummary parse(const QByteArray& request) override;
     QByteArray answer(Refusal refusal) override;
     QString description() const override;
@@ -44,17 +49,19 @@ private:
     static Record parseRecord(const QByteArray& bytes);
     QByteArray read(Refusal refusal);
     QByteArray write(Refusal refusal);
-    ReturnCode store();
-    ReturnCode storeElements(SimulatorArea area);
-    ReturnCode storeBits(SimulatorArea area);
+    ItemCode store();
+    ItemCode storeElements(SimulatorArea area);
+    ItemCode storeBits(SimulatorArea area);
 
-    ControllerMemory* memory;
-    QByteArray buffer;
-    Record current;
-    quint16 reference = 0;
-    quint16 lastReference = 0; ///< Of the reply just made.
-    ReturnCode returnCode = ReturnCode::Success;
-    JobError jobError = JobError::None;
+    ControllerMemory* m_memory;
+    wire::ByteQueue m_waiting;
+    Record m_current;
+    quint16 m_reference = 0;
+    quint16 m_lastReference = 0; ///< Of the reply just made.
+    ItemCode m_itemCode = ItemCode::Success;
+    JobError m_jobError = JobError::None;
 };
+
+} // namespace s7200::sim
 
 #endif

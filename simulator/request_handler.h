@@ -4,6 +4,11 @@
 #include <QByteArray>
 #include <QString>
 
+#include <optional>
+
+namespace s7200::sim
+{
+
 /// What may be done to a request instead of serving it: a reply whose error class says that the
 /// job failed, or whose item return code says that the item does. Neither touches the memory.
 enum class Refusal { None, Job, Item };
@@ -25,10 +30,13 @@ public:
 
     /// Adds received bytes; takeRequest() then gives the whole requests among them, oldest first.
     virtual void append(const QByteArray& bytes) = 0;
-    virtual bool takeRequest(QByteArray* request) = 0;
+    virtual std::optional<QByteArray> takeRequest() = 0;
 
     /// True once a real module would close the connection.
     virtual bool isBroken() const = 0;
+
+    /// True once the client may send jobs.
+    virtual bool isServing() const = 0;
 
     /// Reads a request and keeps it for answer(), which is to be called next.
     virtual RequestSummary parse(const QByteArray& request) = 0;
@@ -51,5 +59,7 @@ public:
 private:
     Q_DISABLE_COPY(RequestHandler)
 };
+
+} // namespace s7200::sim
 
 #endif

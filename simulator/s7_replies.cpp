@@ -2,18 +2,13 @@
 
 #include <QtEndian>
 
+namespace s7200::sim
+{
+
+using namespace wire;
+
 namespace
 {
-
-constexpr int TpktHeaderLength = 4;
-constexpr quint8 RosctrAck = 0x02;
-constexpr quint8 RosctrAckData = 0x03;
-
-void appendWord(QByteArray& out, int word)
-{
-    out.append(char(word >> 8));
-    out.append(char(word));
-}
 
 QByteArray tpkt(const QByteArray& tpdu)
 {
@@ -22,11 +17,12 @@ QByteArray tpkt(const QByteArray& tpdu)
     return frame + tpdu;
 }
 
-QByteArray s7Reply(quint8 rosctr, quint16 reference, const QByteArray& parameters,
+QByteArray s7Reply(Rosctr rosctr, quint16 reference, const QByteArray& parameters,
                    const QByteArray& data)
 {
-    QByteArray tpdu("\x02\xF0\x80\x32", 4);
-    tpdu.append(char(rosctr));
+    QByteArray tpdu;
+    for (int byte : {2, int(Tpdu::Data), int(EndOfTpdu), int(S7ProtocolId), int(rosctr)})
+        tpdu.append(char(byte));
     appendWord(tpdu, 0); // redundancy identification
     appendWord(tpdu, reference);
     appendWord(tpdu, int(parameters.size()));
@@ -35,61 +31,73 @@ QByteArray s7Reply(quint8 rosctr, quint16 reference, const QByteArray& parameter
     return tpkt(tpdu + parameters + data);
 }
 
-QByteArray itemReply(S7Function function, quint16 reference, const QByteArray& data)
+QByteArray itemReply(Function function, quint16 reference, const QByteArray& data)
 {
     const QByteArray oneItem = QByteArray(1, char(function)) + '\x01';
-    return s7Reply(RosctrAckData, reference, oneItem, data);
+    return s7Reply(Rosctr::AckData, reference, oneItem, data);
+}
+
+/// A TPDU that sets up or ends a connection: type, both references, class or reason, parameters.
+QByteArray connectionTpdu(Tpdu type, quint16 clientReference, quint16 ownReference, int last,
+                          const QByteArray& parameters)
+{
+    QByteArray tpdu;
+    tpdu.append(char(6 + parameters.size()));
+    tpdu.append(char(type));
+    appendWord(tpdu, clientReference);
+    appendWord(tpdu, ownReference);
+    tpdu.append(char(last));
+    return tpkt(tpdu + parameters);
 }
 
 } // namespace
 
-QByteArray readReply(quint16 reference, ReplyUnit unit, const QByteArray& payload)
+QByteArray readReply(quint16 reference, DataSize unit, const QByteArray& payload)
 {
-    const int length = int(payload.size()) * (unit == ReplyUnit::Bits ? 8 : 1);
+    const int length = int(payload.size()) * (unit == DataSize::Bits ? 8 : 1);
     QByteArray item;
-    item.append(char(ReturnCode::Success));
+    item.append(char(ItemCode::Success));
     item.append(char(unit));
     appendWord(item, length);
-    return itemReply(S7Function::Read, reference, item + payload);
+    return itemReply(Function::Read, reference, item + payload);
 }
 
-QByteArray readRefusal(quint16 reference, ReturnCode code)
+QByteArray readRefusal(quint16 reference, ItemCode code)
 {
-    return itemReply(S7Function::Read, reference, QByteArray(1, char(code)) + QByteArray(3, '\0'));
+    return itemReply(Function::Read, reference, QByteArray(1, char(code)) + QByteArray(3, '\0'));
 }
 
-QByteArray writeReply(quint16 reference, ReturnCode code)
+QByteArray writeReply(quint16 reference, ItemCode code)
 {
-    return itemReply(S7Function::Write, reference, QByteArray(1, char(code)));
+    return itemReply(Function::Write, reference, QByteArray(1, char(code)));
 }
 
 QByteArray jobRefusal(quint16 reference, JobError error)
 {
-    QByteArray reply = s7Reply(RosctrAck, reference, QByteArray(), QByteArray());
+    QByteArray reply = s7Reply(Rosctr::Ack, reference, QByteArray(), QByteArray());
     setJobError(reply, error);
     return reply;
 }
 
 QByteArray setupReply(quint16 reference, int pduLength)
 {
-    QByteArray parameters(1, char(S7Function::SetupCommunication));
+    QByteArray parameters(1, char(Function::SetupCommunication));
     parameters.append('\0');
     appendWord(parameters, 1);
     appendWord(parameters, 1);
     appendWord(parameters, pduLength);
-    return s7Reply(RosctrAckData, reference, parameters, QByteArray());
+    return s7Reply(Rosctr::AckData, reference, parameters, QByteArray());
 }
 
 QByteArray connectionConfirm(quint16 clientReference, quint16 ownReference,
                              const QByteArray& parameters)
 {
-    QByteArray tpdu;
-    tpdu.append(char(6 + parameters.size()));
-    tpdu.append('\xD0');
-    appendWord(tpdu, clientReference);
-    appendWord(tpdu, ownReference);
-    tpdu.append('\0'); // class 0
-    return tpkt(tpdu + parameters);
+    return connectionTpdu(Tpdu::ConnectionConfirm, clientReference, ownReference, 0, parameters);
+}
+
+QByteArray disconnectRequest(quint16 clientReference, DisconnectReason reason)
+{
+    return connectionTpdu(Tpdu::DisconnectRequest, clientReference, 0, int(reason), QByteArray());
 }
 
 void setJobError(QByteArray& reply, JobError error)
@@ -98,34 +106,4 @@ void setJobError(QByteArray& reply, JobError error)
         qToBigEndian(quint16(error), reply.data() + ErrorClassOffset);
 }
 
-QString describe(ReturnCode code)
-{
-    switch (code) {
-    case ReturnCode::AccessDenied:
-        return QStringLiteral("access denied");
-    case ReturnCode::AddressOutOfRange:
-        return QStringLiteral("address out of range");
-    case ReturnCode::TypeNotSupported:
-        return QStringLiteral("data type not supported");
-    case ReturnCode::LengthMismatch:
-        return QStringLiteral("data does not fit the item");
-    case ReturnCode::NoSuchObject:
-        return QStringLiteral("object does not exist");
-    case ReturnCode::Success:
-        break;
-    }
-    return QStringLiteral("ok");
-}
-
-QString describe(JobError error)
-{
-    switch (error) {
-    case JobError::NotSupported:
-        return QStringLiteral("not supported");
-    case JobError::PduTooLong:
-        return QStringLiteral("longer than the granted PDU");
-    case JobError::None:
-        break;
-    }
-    return QStringLiteral("ok");
-}
+} // namespace s7200::sim

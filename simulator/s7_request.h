@@ -3,6 +3,9 @@
 
 #include <QByteArray>
 
+namespace s7200::sim
+{
+
 /// What a client sent in one TPKT, read field by field but not judged.
 struct S7Request {
     enum Kind {
@@ -36,5 +39,7 @@ struct S7Request {
 
 /// Reads one TPKT as it was received. Any bytes are safe.
 S7Request parseS7Request(const QByteArray& tpkt);
+
+} // namespace s7200::sim
 
 #endif

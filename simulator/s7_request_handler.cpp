@@ -6,43 +6,50 @@
 
 #include <algorithm>
 
+namespace s7200::sim
+{
+
+using namespace wire;
+
 namespace
 {
 
-constexpr quint8 BitSize = 0x01;
-constexpr quint8 DataBit = 0x03;
-constexpr quint8 DataBits = 0x04;
-constexpr quint8 DataBytes = 0x09;
 constexpr int ProgramDataBlock = 1; // V memory is addressed as data block 1
 
-struct AreaCode {
-    quint8 code;
+struct AreaRow {
+    AreaCode code;
     bool readable;
     SimulatorArea area;
 };
 
-constexpr AreaCode AreaCodes[] = {
-    {0x81, true, SimulatorArea::I},     {0x82, true, SimulatorArea::Q},
-    {0x83, true, SimulatorArea::M},     {0x04, true, SimulatorArea::S},
-    {0x05, true, SimulatorArea::SM},    {0x84, true, SimulatorArea::V},
-    {0x06, true, SimulatorArea::AIW},   {0x07, true, SimulatorArea::AQW},
-    {0x1F, true, SimulatorArea::Timer}, {0x1E, true, SimulatorArea::Counter},
-    {0x85, false, SimulatorArea::SM}, // double words of SM are written under this code
+constexpr AreaRow Areas[] = {
+    {AreaCode::I, true, SimulatorArea::I},
+    {AreaCode::Q, true, SimulatorArea::Q},
+    {AreaCode::M, true, SimulatorArea::M},
+    {AreaCode::S, true, SimulatorArea::S},
+    {AreaCode::SM, true, SimulatorArea::SM},
+    {AreaCode::V, true, SimulatorArea::V},
+    {AreaCode::AIW, true, SimulatorArea::AIW},
+    {AreaCode::AQW, true, SimulatorArea::AQW},
+    {AreaCode::Timer, true, SimulatorArea::Timer},
+    {AreaCode::Counter, true, SimulatorArea::Counter},
+    {AreaCode::SpecialWrites, false, SimulatorArea::SM}, // its double words are written so
 };
 
-struct TransportSize {
-    quint8 code;
+struct SizeRow {
+    ItemSize size;
     int bytes;
 };
 
-constexpr TransportSize ByteAreaSizes[] = {{BitSize, 1}, {0x02, 1}, {0x04, 2}, {0x06, 4}};
+constexpr SizeRow ByteAreaSizes[] = {
+    {ItemSize::Bit, 1}, {ItemSize::Byte, 1}, {ItemSize::Word, 2}, {ItemSize::DoubleWord, 4}};
 
-const AreaCode* findArea(const S7Request& item)
+const AreaRow* findArea(const S7Request& item)
 {
-    for (const AreaCode& row : AreaCodes) {
+    for (const AreaRow& row : Areas) {
         const bool allowed = row.readable || item.kind == S7Request::Write;
         const bool rightBlock = row.area != SimulatorArea::V || item.dbNumber == ProgramDataBlock;
-        if (row.code == item.area && allowed && rightBlock)
+        if (int(row.code) == item.area && allowed && rightBlock)
             return &row;
     }
     return nullptr;
@@ -54,8 +61,8 @@ int transportBytes(const S7Request& item, SimulatorArea area)
     const int elementSize = ControllerMemory::elementSize(area);
     if (elementSize > 1)
         return item.transportSize == item.area ? elementSize : 0;
-    for (const TransportSize& row : ByteAreaSizes) {
-        if (row.code == item.transportSize)
+    for (const SizeRow& row : ByteAreaSizes) {
+        if (int(row.size) == item.transportSize)
             return row.bytes;
     }
     return 0;
@@ -68,39 +75,45 @@ bool dataFits(const S7Request& write, int bytes, bool singleBit)
     if (write.data.size() != bytes)
         return false;
     if (singleBit)
-        return write.dataTransportSize == DataBit && write.dataLength == 1;
-    if (write.dataTransportSize == DataBits)
+        return write.dataTransportSize == int(DataSize::Bit) && write.dataLength == 1;
+    if (write.dataTransportSize == int(DataSize::Bits))
         return write.dataLength == bytes * 8 || write.dataLength == bytes;
-    return write.dataTransportSize == DataBytes && write.dataLength == bytes;
+    return write.dataTransportSize == int(DataSize::Bytes) && write.dataLength == bytes;
 }
 
 } // namespace
 
-S7RequestHandler::S7RequestHandler(ControllerMemory* controllerMemory, int largestPduLength)
-    : memory(controllerMemory), largestPdu(largestPduLength)
+S7RequestHandler::S7RequestHandler(ControllerMemory* memory, int largestPdu,
+                                   std::optional<quint16> tsap)
+    : m_memory(memory), m_largestPdu(largestPdu), m_tsap(tsap)
 {
 }
 
 void S7RequestHandler::append(const QByteArray& bytes)
 {
-    reassembler.append(bytes);
+    m_reassembler.append(bytes);
 }
 
-bool S7RequestHandler::takeRequest(QByteArray* request)
+std::optional<QByteArray> S7RequestHandler::takeRequest()
 {
-    return !broken && reassembler.takeFrame(request);
+    return m_broken ? std::nullopt : m_reassembler.takeFrame();
 }
 
 bool S7RequestHandler::isBroken() const
 {
-    return broken || reassembler.isBroken();
+    return m_broken || m_reassembler.isBroken();
+}
+
+bool S7RequestHandler::isServing() const
+{
+    return m_grantedPdu > 0;
 }
 
 RequestSummary S7RequestHandler::parse(const QByteArray& request)
 {
-    current = parseS7Request(request);
+    m_current = parseS7Request(request);
     RequestSummary summary;
-    switch (current.kind) {
+    switch (m_current.kind) {
     case S7Request::Connect:
         summary.kind = RequestSummary::Connect;
         break;
@@ -109,10 +122,10 @@ RequestSummary S7RequestHandler::parse(const QByteArray& request)
         break;
     case S7Request::Read:
     case S7Request::Write: {
-        const AreaCode* row = findArea(current);
+        const AreaRow* row = findArea(m_current);
         const bool numbered = row != nullptr && ControllerMemory::elementSize(row->area) > 1;
         summary.kind = RequestSummary::Job;
-        summary.address = numbered ? current.address : current.address / 8;
+        summary.address = numbered ? m_current.address : m_current.address / 8;
         break;
     }
     default:
@@ -123,23 +136,25 @@ RequestSummary S7RequestHandler::parse(const QByteArray& request)
 
 QByteArray S7RequestHandler::answer(Refusal refusal)
 {
-    returnCode = ReturnCode::Success;
-    jobError = JobError::None;
-    if (current.kind == S7Request::EmptyTpdu)
+    m_itemCode = ItemCode::Success;
+    m_jobError = JobError::None;
+    if (m_current.kind == S7Request::EmptyTpdu)
         return QByteArray();
-    if (current.kind == S7Request::Connect)
+    if (m_current.kind == S7Request::Connect)
         return connect();
-    if (current.kind == S7Request::Malformed || !connected) {
-        broken = true;
+    if (m_current.kind == S7Request::Malformed || !m_connected) {
+        m_broken = true;
         return QByteArray();
     }
-    if (current.kind == S7Request::Setup) {
-        grantedPdu = std::min(current.requestedPdu, largestPdu);
-        return setupReply(current.reference, grantedPdu);
+    if (m_current.kind == S7Request::Setup) {
+        if (refusal == Refusal::Job)
+            return refuseJob(JobError::NotSupported);
+        m_grantedPdu = std::min(m_current.requestedPdu, m_largestPdu);
+        return setupReply(m_current.reference, m_grantedPdu);
     }
-    if (current.kind == S7Request::Unsupported || grantedPdu == 0)
+    if (m_current.kind == S7Request::Unsupported || m_grantedPdu == 0)
         return refuseJob(JobError::NotSupported);
-    if (current.pduLength > grantedPdu)
+    if (m_current.pduLength > m_grantedPdu)
         return refuseJob(JobError::PduTooLong);
     return serveJob(refusal);
 }
@@ -147,94 +162,99 @@ QByteArray S7RequestHandler::answer(Refusal refusal)
 // A module takes one connection request on a TCP connection and drops it at a second.
 QByteArray S7RequestHandler::connect()
 {
-    if (connected) {
-        broken = true;
+    if (m_connected) {
+        m_broken = true;
         return QByteArray();
     }
-    connected = true;
-    return connectionConfirm(current.clientReference, 1, current.connectParameters);
+    const auto called = tsapParameter(m_current.connectParameters, CalledTsap);
+    if (m_tsap && called != m_tsap) {
+        m_broken = true;
+        return disconnectRequest(m_current.clientReference, DisconnectReason::AddressUnknown);
+    }
+    m_connected = true;
+    return connectionConfirm(m_current.clientReference, 1, m_current.connectParameters);
 }
 
 QByteArray S7RequestHandler::serveJob(Refusal refusal)
 {
     if (refusal == Refusal::Item)
-        returnCode = ReturnCode::NoSuchObject;
+        m_itemCode = ItemCode::NoSuchObject;
     QByteArray reply;
-    if (current.kind == S7Request::Read) {
+    if (m_current.kind == S7Request::Read) {
         reply = readItem(refusal);
     } else {
         if (refusal == Refusal::None)
-            returnCode = writeItem();
-        reply = writeReply(current.reference, returnCode);
+            m_itemCode = writeItem();
+        reply = writeReply(m_current.reference, m_itemCode);
     }
     // Of the right length, so that the error class alone tells.
     if (refusal == Refusal::Job) {
-        jobError = JobError::NotSupported;
-        setJobError(reply, jobError);
+        m_jobError = JobError::NotSupported;
+        setJobError(reply, m_jobError);
     }
     return reply;
 }
 
 QByteArray S7RequestHandler::refuseJob(JobError error)
 {
-    jobError = error;
-    return jobRefusal(current.reference, error);
+    m_jobError = error;
+    return jobRefusal(m_current.reference, error);
 }
 
 QByteArray S7RequestHandler::readItem(Refusal refusal)
 {
-    const Place item = place(current);
+    const Place item = place(m_current);
     if (refusal != Refusal::Item)
-        returnCode = item.code;
-    if (returnCode != ReturnCode::Success)
-        return readRefusal(current.reference, returnCode);
-    if (item.bytes + ReadReplyOverhead > grantedPdu)
+        m_itemCode = item.code;
+    if (m_itemCode != ItemCode::Success)
+        return readRefusal(m_current.reference, m_itemCode);
+    if (item.bytes + ReadReplyOverhead > m_grantedPdu)
         return refuseJob(JobError::PduTooLong);
-    QByteArray payload = memory->read(item.area, item.offset, item.bytes);
+    QByteArray payload = m_memory->read(item.area, item.offset, item.bytes);
     if (item.bit >= 0) {
         payload[0] = char(payload.at(0) >> item.bit & 1);
-        return readReply(current.reference, ReplyUnit::Bit, payload);
+        return readReply(m_current.reference, DataSize::Bit, payload);
     }
     const bool elements = ControllerMemory::elementSize(item.area) > 1;
-    return readReply(current.reference, elements ? ReplyUnit::Bytes : ReplyUnit::Bits, payload);
+    return readReply(m_current.reference, elements ? DataSize::Bytes : DataSize::Bits, payload);
 }
 
-ReturnCode S7RequestHandler::writeItem()
+ItemCode S7RequestHandler::writeItem()
 {
-    const Place item = place(current);
-    if (item.code != ReturnCode::Success)
+    const Place item = place(m_current);
+    if (item.code != ItemCode::Success)
         return item.code;
     if (!ControllerMemory::isWritable(item.area, item.offset))
-        return ReturnCode::AccessDenied;
-    if (!dataFits(current, item.bytes, item.bit >= 0))
-        return ReturnCode::LengthMismatch;
+        return ItemCode::AccessDenied;
+    if (!dataFits(m_current, item.bytes, item.bit >= 0))
+        return ItemCode::LengthMismatch;
     const int elementSize = ControllerMemory::elementSize(item.area);
     if (item.bit >= 0) {
-        memory->writeBit(item.area, item.offset, item.bit, (current.data.at(0) & 1) != 0);
+        m_memory->writeBit(item.area, item.offset, item.bit, (m_current.data.at(0) & 1) != 0);
     } else if (elementSize > 1) {
-        for (int i = 0; i < current.count; ++i) {
-            const char* value = current.data.constData() + (i + 1) * elementSize - 2;
-            memory->writeValue(item.area, current.address + i, qFromBigEndian<quint16>(value));
+        for (int i = 0; i < m_current.count; ++i) {
+            const char* value = m_current.data.constData() + (i + 1) * elementSize - 2;
+            m_memory->writeValue(item.area, m_current.address + i, qFromBigEndian<quint16>(value));
         }
     } else {
-        memory->write(item.area, item.offset, current.data);
+        m_memory->write(item.area, item.offset, m_current.data);
     }
-    return ReturnCode::Success;
+    return ItemCode::Success;
 }
 
 S7RequestHandler::Place S7RequestHandler::place(const S7Request& item)
 {
     Place result;
-    const AreaCode* row = findArea(item);
+    const AreaRow* row = findArea(item);
     if (row == nullptr) {
-        result.code = ReturnCode::NoSuchObject;
+        result.code = ItemCode::NoSuchObject;
         return result;
     }
     result.area = row->area;
     const int elementBytes = transportBytes(item, row->area);
-    const bool singleBit = item.transportSize == BitSize;
+    const bool singleBit = item.transportSize == int(ItemSize::Bit);
     if (elementBytes == 0 || (singleBit && item.count != 1)) {
-        result.code = ReturnCode::TypeNotSupported;
+        result.code = ItemCode::TypeNotSupported;
         return result;
     }
     const int elementSize = ControllerMemory::elementSize(row->area);
@@ -245,39 +265,46 @@ S7RequestHandler::Place S7RequestHandler::place(const S7Request& item)
         result.bit = item.address % 8;
     const bool aligned = numbered || singleBit || item.address % 8 == 0;
     if (!aligned || !ControllerMemory::contains(row->area, result.offset, result.bytes))
-        result.code = ReturnCode::AddressOutOfRange;
+        result.code = ItemCode::AddressOutOfRange;
     return result;
 }
 
 QString S7RequestHandler::description() const
 {
-    if (broken && connected == (current.kind == S7Request::Connect))
+    const bool connects = m_current.kind == S7Request::Connect;
+    if (m_broken && m_connected == connects)
         return QStringLiteral("request out of turn: connection closed");
-    switch (current.kind) {
+    switch (m_current.kind) {
     case S7Request::Malformed:
         return QStringLiteral("bytes that are no S7 request: connection closed");
     case S7Request::EmptyTpdu:
         return QStringLiteral("empty data TPDU");
     case S7Request::Connect:
-        return QStringLiteral("connection request -> ok");
+        return m_broken ? QStringLiteral("connection request for another TSAP than %1 refused")
+                              .arg(tsapText(m_tsap.value_or(0)))
+                        : QStringLiteral("connection request -> ok");
     case S7Request::Setup:
+        if (m_jobError != JobError::None)
+            return QStringLiteral("setup communication refused: ") + describe(m_jobError);
         return QStringLiteral("setup communication, PDU length %1 -> %2")
-            .arg(current.requestedPdu)
-            .arg(grantedPdu);
+            .arg(m_current.requestedPdu)
+            .arg(m_grantedPdu);
     case S7Request::Unsupported:
-        return QStringLiteral("unknown job refused: ") + describe(jobError);
+        return QStringLiteral("unknown job refused: ") + describe(m_jobError);
     default:
         break;
     }
-    const AreaCode* row = findArea(current);
+    const AreaRow* row = findArea(m_current);
     ItemText text;
     text.known = row != nullptr;
     text.area = row != nullptr ? row->area : SimulatorArea::V;
-    text.isBit = current.transportSize == BitSize;
-    text.elementBytes = row != nullptr ? transportBytes(current, row->area) : 0;
-    text.address = current.address;
-    text.count = current.count;
-    text.data = current.data;
-    text.isWrite = current.kind == S7Request::Write;
-    return text.line(returnCode, jobError);
+    text.isBit = m_current.transportSize == int(ItemSize::Bit);
+    text.elementBytes = row != nullptr ? transportBytes(m_current, row->area) : 0;
+    text.address = m_current.address;
+    text.count = m_current.count;
+    text.data = m_current.data;
+    text.isWrite = m_current.kind == S7Request::Write;
+    return text.line(m_itemCode, m_jobError);
 }
+
+} // namespace s7200::sim

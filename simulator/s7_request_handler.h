@@ -7,6 +7,9 @@
 #include "simulator/s7_request.h"
 #include "wire/tpkt_reassembler.h"
 
+namespace s7200::sim
+{
+
 /// Answers one connection's requests as a communication module does: ISO-on-TCP connection
 /// (RFC 1006, ISO 8073 class 0), setup communication, then reads and writes of one item.
 ///
@@ -16,11 +19,14 @@ class S7RequestHandler : public RequestHandler
 {
 public:
     /// `memory` must outlive the handler. Setup communication grants at most `largestPdu` bytes.
-    explicit S7RequestHandler(ControllerMemory* memory, int largestPdu = 240);
+    /// With a `tsap`, a connection request that calls another is answered by a disconnect request.
+    explicit S7RequestHandler(ControllerMemory* memory, int largestPdu = 240,
+                              std::optional<quint16> tsap = std::nullopt);
 
     void append(const QByteArray& bytes) override;
-    bool takeRequest(QByteArray* request) override;
+    std::optional<QByteArray> takeRequest() override;
     bool isBroken() const override;
+    bool isServing() const override;
     RequestSummary parse(const QByteArray& request) override;
     QByteArray answer(Refusal refusal) override;
     QString description() const override;
@@ -28,7 +34,7 @@ public:
 private:
     /// Where an item lies in the memory, or why it cannot be served.
     struct Place {
-        ReturnCode code = ReturnCode::Success;
+        ItemCode code = ItemCode::Success;
         SimulatorArea area = SimulatorArea::V;
         int offset = 0;
         int bytes = 0;
@@ -40,17 +46,20 @@ private:
     QByteArray serveJob(Refusal refusal);
     QByteArray refuseJob(JobError error);
     QByteArray readItem(Refusal refusal);
-    ReturnCode writeItem();
+    ItemCode writeItem();
 
-    ControllerMemory* memory;
-    int largestPdu;
-    int grantedPdu = 0; ///< 0 until setup communication.
-    bool connected = false;
-    bool broken = false;
-    TpktReassembler reassembler;
-    S7Request current;
-    ReturnCode returnCode = ReturnCode::Success; ///< Outcome of the current item
-    JobError jobError = JobError::None;          ///< and of its job.
+    ControllerMemory* m_memory;
+    int m_largestPdu;
+    std::optional<quint16> m_tsap;
+    int m_grantedPdu = 0; ///< 0 until setup communication.
+    bool m_connected = false;
+    bool m_broken = false;
+    wire::TpktReassembler m_reassembler;
+    S7Request m_current;
+    ItemCode m_itemCode = ItemCode::Success; ///< Outcome of the current item
+    JobError m_jobError = JobError::None;    ///< and of its job.
 };
+
+} // namespace s7200::sim
 
 #endif

@@ -5,7 +5,11 @@
 #include "wire/frame_trace.h"
 
 #include <QTcpSocket>
-#include <QTimer>
+
+#include <algorithm>
+
+namespace s7200::sim
+{
 
 namespace
 {
@@ -28,7 +32,7 @@ FaultMoment momentOf(RequestSummary::Kind kind)
 
 Refusal refusalFor(FaultKind fault)
 {
-    if (fault == FaultKind::ErrorClass)
+    if (fault == FaultKind::ErrorClass || fault == FaultKind::RefuseSetup)
         return Refusal::Job;
     return fault == FaultKind::ItemError ? Refusal::Item : Refusal::None;
 }
@@ -43,6 +47,7 @@ bool losesReply(FaultKind fault)
     case FaultKind::WrongReference:
     case FaultKind::WrongLength:
     case FaultKind::CloseMidFrame:
+    case FaultKind::Disconnect:
         return true;
     default:
         return false;
@@ -51,101 +56,121 @@ bool losesReply(FaultKind fault)
 
 } // namespace
 
-SimulatedConnection::SimulatedConnection(QTcpSocket* acceptedSocket, int connectionNumber,
-                                         const SimulatorOptions& simulatorOptions,
-                                         SimulatorState* sharedState, QObject* parent)
-    : QObject(parent), socket(acceptedSocket), number(connectionNumber), options(simulatorOptions),
-      state(sharedState)
+SimulatedConnection::SimulatedConnection(QTcpSocket* socket, int number,
+                                         const SimulatorOptions& options, SimulatorState* state,
+                                         QObject* parent)
+    : QObject(parent), m_socket(socket), m_number(number), m_options(options), m_state(state)
 {
     if (options.remote)
-        handler = std::make_unique<RemoteRequestHandler>(&state->memory);
+        m_handler = std::make_unique<RemoteRequestHandler>(&state->memory);
     else
-        handler = std::make_unique<S7RequestHandler>(&state->memory, options.largestPdu);
+        m_handler =
+            std::make_unique<S7RequestHandler>(&state->memory, options.largestPdu, options.tsap);
     if (options.trace != nullptr)
-        traceId = options.trace->newConnection();
+        m_traceId = options.trace->newConnection({socket->peerAddress(), socket->peerPort()},
+                                                 {socket->localAddress(), socket->localPort()});
     ++state->connections;
+    m_clock.start();
+    m_dueTimer.setSingleShot(true);
+    m_dueTimer.setTimerType(Qt::PreciseTimer);
+    connect(&m_dueTimer, &QTimer::timeout, this, [this] { sendDue(); });
     socket->setParent(this);
     socket->setReadBufferSize(ReadBufferBytes);
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     connect(socket, &QTcpSocket::disconnected, this, [this] {
-        log(QStringLiteral("disconnected"), FaultKind::None);
+        log(QStringLiteral("disconnected"));
+        if (m_options.trace != nullptr)
+            m_options.trace->closeConnection(m_traceId, m_closing ? wire::FrameTrace::FromController
+                                                                  : wire::FrameTrace::ToController);
         deleteLater();
     });
     connect(socket, &QTcpSocket::readyRead, this, [this] { receive(); });
 
     const FaultKind fault = state->faults.choose(FaultMoment::Accept);
-    silent = fault == FaultKind::SilentAccept;
+    m_silent = fault == FaultKind::SilentAccept;
     log(QStringLiteral("connected"), fault);
     if (fault != FaultKind::None)
         state->faults.count(fault);
     // Not from within the constructor: the owner counts on a connected socket until the next turn.
     if (fault == FaultKind::RefuseConnection)
-        QTimer::singleShot(0, socket, [this] { socket->abort(); });
-    closing = fault == FaultKind::RefuseConnection;
+        QTimer::singleShot(0, socket, [socket] { socket->abort(); });
+    m_closing = fault == FaultKind::RefuseConnection;
 }
 
 SimulatedConnection::~SimulatedConnection()
 {
-    --state->connections;
+    --m_state->connections;
+}
+
+void SimulatedConnection::tick()
+{
+    const bool mayTakeItsTime = m_silent || m_handler->isServing();
+    const int limitMs = mayTakeItsTime ? m_options.idleMs : std::min(m_options.idleMs, HandshakeMs);
+    if (++m_quietTicks * TickMs <= limitMs || m_closing)
+        return;
+    log(mayTakeItsTime ? QStringLiteral("idle: connection closed")
+                       : QStringLiteral("no handshake in time: connection closed"));
+    close();
 }
 
 void SimulatedConnection::receive()
 {
-    QByteArray request;
     // A reply that the client no longer takes closes the socket on the spot.
-    while (!closing && socket->isOpen() && splitReply.isEmpty()) {
-        if (handler->takeRequest(&request)) {
-            serve(request);
+    while (!m_closing && m_socket->isOpen() && m_splitReply.isEmpty()) {
+        if (const auto request = m_handler->takeRequest()) {
+            serve(*request);
             continue;
         }
-        if (handler->isBroken()) {
-            log(QStringLiteral("bytes that are no request: connection closed"), FaultKind::None);
+        if (m_handler->isBroken()) {
+            log(QStringLiteral("bytes that are no request: connection closed"));
             close();
             return;
         }
-        const QByteArray bytes = socket->read(ReadBufferBytes);
+        const QByteArray bytes = m_socket->read(ReadBufferBytes);
         if (bytes.isEmpty())
             return;
-        if (options.trace != nullptr)
-            options.trace->record(traceId, FrameTrace::ToController, bytes);
-        if (!silent)
-            handler->append(bytes);
+        if (m_options.trace != nullptr)
+            m_options.trace->record(m_traceId, wire::FrameTrace::ToController, bytes);
+        if (m_silent || m_handler->isServing())
+            m_quietTicks = 0;
+        if (!m_silent)
+            m_handler->append(bytes);
     }
 }
 
 void SimulatedConnection::serve(const QByteArray& request)
 {
-    ++state->requests;
-    const RequestSummary summary = handler->parse(request);
+    ++m_state->requests;
+    const RequestSummary summary = m_handler->parse(request);
     FaultKind fault = FaultKind::None;
     if (summary.kind != RequestSummary::Other)
-        fault = state->faults.choose(momentOf(summary.kind), summary.address);
-    const QByteArray reply = handler->answer(refusalFor(fault));
-    log(handler->description(), fault);
-    if (!lateReply.isEmpty()) {
-        send(lateReply);
-        lateReply.clear();
+        fault = m_state->faults.choose(momentOf(summary.kind), summary.address);
+    const QByteArray reply = m_handler->answer(refusalFor(fault));
+    log(m_handler->description(), fault);
+    if (!m_lateReply.isEmpty()) {
+        send(m_lateReply);
+        m_lateReply.clear();
     }
     if (!reply.isEmpty())
         deliver(reply, fault);
-    if (handler->isBroken())
+    if (m_handler->isBroken())
         close();
 }
 
 void SimulatedConnection::deliver(const QByteArray& reply, FaultKind fault)
 {
-    if (fault == FaultKind::Coalesced && previousReply.isEmpty())
+    if (fault == FaultKind::Coalesced && m_previousReply.isEmpty())
         fault = FaultKind::None;
     if (fault != FaultKind::None)
-        state->faults.count(fault);
+        m_state->faults.count(fault);
     if (losesReply(fault))
-        handler->replySpoiled();
-    const QByteArray bytes = state->faults.spoil(fault, reply);
+        m_handler->replySpoiled();
+    const QByteArray bytes = m_state->faults.spoil(fault, reply);
     switch (fault) {
     case FaultKind::Lost:
         break;
     case FaultKind::Late:
-        lateReply = bytes;
+        m_lateReply = bytes;
         break;
     case FaultKind::Doubled:
         send(bytes);
@@ -153,15 +178,15 @@ void SimulatedConnection::deliver(const QByteArray& reply, FaultKind fault)
         break;
     case FaultKind::EmptyTpduFirst:
         send(QByteArray("\x03\x00\x00\x07\x02\xF0\x00", 7) +
-             QByteArray(options.remote ? RemoteRequestHandler::TrailingBytes : 0, '\0'));
+             QByteArray(m_options.remote ? RemoteRequestHandler::TrailingBytes : 0, '\0'));
         send(bytes);
         break;
     case FaultKind::Split:
-        splitReply = bytes;
+        m_splitReply = bytes;
         sendNextByte();
         break;
     case FaultKind::Coalesced:
-        send(bytes + previousReply);
+        send(bytes + m_previousReply);
         break;
     case FaultKind::CloseMidFrame:
         send(bytes);
@@ -170,45 +195,89 @@ void SimulatedConnection::deliver(const QByteArray& reply, FaultKind fault)
     default:
         send(bytes);
     }
-    previousReply = reply;
+    m_previousReply = reply;
 }
 
 void SimulatedConnection::send(const QByteArray& bytes)
 {
-    if (options.trace != nullptr)
-        options.trace->record(traceId, FrameTrace::FromController, bytes);
-    socket->write(bytes);
-    socket->flush();
-    if (socket->bytesToWrite() > MostUnsentBytes) {
-        closing = true;
-        socket->abort();
+    if (m_options.latencyMs == 0 && m_options.jitterMs == 0) {
+        transmit(bytes);
+        return;
     }
+    const int jitter = int(m_state->jitter() % quint32(m_options.jitterMs + 1));
+    qint64 dueMs = m_clock.elapsed() + m_options.latencyMs + jitter;
+    if (!m_delayed.empty())
+        dueMs = std::max(dueMs, m_delayed.back().dueMs);
+    m_delayed.push_back({dueMs, bytes});
+    m_delayedBytes += bytes.size();
+    if (m_delayed.size() == 1)
+        m_dueTimer.start(int(dueMs - m_clock.elapsed()));
+    dropIfUnread();
+}
+
+void SimulatedConnection::sendDue()
+{
+    while (!m_delayed.empty() && m_delayed.front().dueMs <= m_clock.elapsed()) {
+        const QByteArray bytes = m_delayed.front().bytes;
+        m_delayed.pop_front();
+        m_delayedBytes -= bytes.size();
+        transmit(bytes);
+    }
+    if (!m_delayed.empty())
+        m_dueTimer.start(int(std::max<qint64>(m_delayed.front().dueMs - m_clock.elapsed(), 0)));
+    else if (m_closing)
+        m_socket->disconnectFromHost();
+}
+
+void SimulatedConnection::transmit(const QByteArray& bytes)
+{
+    if (m_options.trace != nullptr)
+        m_options.trace->record(m_traceId, wire::FrameTrace::FromController, bytes);
+    m_socket->write(bytes);
+    m_socket->flush();
+    dropIfUnread();
+}
+
+void SimulatedConnection::dropIfUnread()
+{
+    if (m_socket->bytesToWrite() + m_delayedBytes <= MostUnsentBytes)
+        return;
+    m_closing = true;
+    m_delayed.clear();
+    m_socket->abort();
 }
 
 void SimulatedConnection::sendNextByte()
 {
-    send(splitReply.left(1));
-    splitReply.remove(0, 1);
+    send(m_splitReply.left(1));
+    m_splitReply.remove(0, 1);
     QTimer::singleShot(0, this, [this] {
-        if (splitReply.isEmpty())
+        if (m_splitReply.isEmpty())
             receive();
         else
             sendNextByte();
     });
 }
 
+/// What is still delayed goes out first.
 void SimulatedConnection::close()
 {
-    closing = true;
-    socket->disconnectFromHost();
+    m_closing = true;
+    if (m_delayed.empty())
+        m_socket->disconnectFromHost();
 }
 
 void SimulatedConnection::log(const QString& line, FaultKind fault) const
 {
-    if (!options.log)
+    if (!m_options.log)
         return;
-    QString text = QStringLiteral("#%1 ").arg(number) + line;
+    QString text;
+    if (m_options.count > 1)
+        text = QStringLiteral("port %1 ").arg(m_socket->localPort());
+    text += QStringLiteral("#%1 ").arg(m_number) + line;
     if (fault != FaultKind::None)
         text += QStringLiteral(" [fault: %1]").arg(FaultInjector::name(fault));
-    options.log(text);
+    m_options.log(text);
 }
+
+} // namespace s7200::sim

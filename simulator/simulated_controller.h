@@ -4,12 +4,16 @@
 #include "simulator/simulated_connection.h"
 
 #include <QTcpServer>
-#include <QTimer>
 
-/// The simulated controller's server and clock. Lives on one thread with an event loop.
+namespace s7200::sim
+{
+
+/// One simulated controller's server. Lives on one thread with an event loop.
 class SimulatedController
 {
 public:
+    static constexpr int TickMs = SimulatedConnection::TickMs;
+
     /// `options` and `state` must outlive it.
     SimulatedController(const SimulatorOptions& options, SimulatorState* state);
 
@@ -17,14 +21,19 @@ public:
     bool listen(quint16 port, QString* error);
     quint16 port() const;
 
+    /// To be called every TickMs: moves the live values on, closes idle connections.
+    void tick();
+
 private:
     void accept();
+    void waitForDescriptors();
 
-    const SimulatorOptions& options;
-    SimulatorState* state;
-    QTimer liveTimer;
-    QTcpServer server; ///< Parent of all connections.
-    int accepted = 0;
+    const SimulatorOptions& m_options;
+    SimulatorState* m_state;
+    QTcpServer m_server; ///< Parent of all connections.
+    int m_accepted = 0;
 };
+
+} // namespace s7200::sim
 
 #endif

@@ -3,85 +3,139 @@
 #include "simulator/simulated_controller.h"
 
 #include <QEventLoop>
+#include <QTimer>
 
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <vector>
+
+namespace s7200::sim
+{
+
+namespace
+{
+
+constexpr int TickMs = SimulatedController::TickMs;
+constexpr int TriesForFreePorts = 50;
+
+using Controllers = std::vector<std::unique_ptr<SimulatedController>>;
+
+} // namespace
 
 struct SimulatorThread::Shared {
-    explicit Shared(const SimulatorOptions& simulatorOptions)
-        : options(simulatorOptions), state(options.seed)
+    explicit Shared(const SimulatorOptions& simulatorOptions) : options(simulatorOptions)
     {
+        for (int i = 0; i < options.count; ++i)
+            states.push_back(std::make_unique<SimulatorState>(options.seed + quint32(i)));
     }
+    SimulatorState& state(int controller) const
+    {
+        return *states.at(size_t(controller));
+    }
+
     const SimulatorOptions options;
-    SimulatorState state;
+    std::vector<std::unique_ptr<SimulatorState>> states; ///< One for each controller.
     std::atomic<quint16> port{0};
 };
 
-/// Runs one controller from start() to stop().
+/// Runs the controllers from start() to stop().
 class SimulatorThread::Thread
 {
 public:
-    explicit Thread(Shared* sharedWithOwner) : shared(sharedWithOwner) {}
+    explicit Thread(Shared* shared) : m_shared(shared) {}
 
     bool startListening(QString* error)
     {
-        thread = std::thread(&Thread::run, this);
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [this] { return tried; });
-        if (!loop)
-            *error = listenError;
-        return loop != nullptr;
+        m_thread = std::thread(&Thread::run, this);
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [this] { return m_tried; });
+        if (!m_loop)
+            *error = m_error;
+        return m_loop != nullptr;
     }
 
     void stopListening()
     {
         {
-            const std::lock_guard<std::mutex> lock(mutex);
-            if (loop)
-                QMetaObject::invokeMethod(loop, "quit", Qt::QueuedConnection);
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_loop)
+                QMetaObject::invokeMethod(m_loop, "quit", Qt::QueuedConnection);
         }
-        thread.join();
+        m_thread.join();
     }
 
 private:
     void run()
     {
-        SimulatedController controller(shared->options, &shared->state);
         QEventLoop events;
         QString error;
-        const bool listening = controller.listen(shared->port, &error);
-        if (listening)
-            shared->port = controller.port();
-        announce(listening ? &events : nullptr, error);
-        if (listening)
+        Controllers controllers = listen(&error);
+        // One clock for all: a timer each would wake the thread a thousand times as often.
+        QTimer clock;
+        QObject::connect(&clock, &QTimer::timeout, &clock, [&controllers] {
+            for (const auto& controller : controllers)
+                controller->tick();
+        });
+        clock.start(TickMs);
+        announce(controllers.empty() ? nullptr : &events, error);
+        if (!controllers.empty())
             events.exec();
-        const std::lock_guard<std::mutex> lock(mutex);
-        loop = nullptr;
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_loop = nullptr;
+    }
+
+    /// All controllers, or none with an error.
+    Controllers listen(QString* error)
+    {
+        const quint16 wanted = m_shared->port;
+        // A free port is easily found, a row of them only by trying.
+        const int tries = wanted == 0 && m_shared->options.count > 1 ? TriesForFreePorts : 1;
+        Controllers controllers;
+        for (int i = 0; i < tries && controllers.empty(); ++i)
+            controllers = listenFrom(wanted, error);
+        if (!controllers.empty())
+            m_shared->port = controllers.front()->port();
+        return controllers;
+    }
+
+    Controllers listenFrom(int port, QString* error)
+    {
+        Controllers controllers;
+        for (const auto& state : m_shared->states) {
+            controllers.push_back(
+                std::make_unique<SimulatedController>(m_shared->options, state.get()));
+            if (port > 0xFFFF || !controllers.back()->listen(quint16(port), error)) {
+                controllers.clear();
+                break;
+            }
+            port = controllers.back()->port() + 1;
+        }
+        return controllers;
     }
 
     void announce(QEventLoop* runningLoop, const QString& error)
     {
-        const std::lock_guard<std::mutex> lock(mutex);
-        loop = runningLoop;
-        listenError = error;
-        tried = true;
-        changed.notify_all();
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_loop = runningLoop;
+        m_error = error;
+        m_tried = true;
+        m_changed.notify_all();
     }
 
-    Shared* shared;
-    std::thread thread;
-    std::mutex mutex; ///< Guards what follows.
-    std::condition_variable changed;
-    bool tried = false;
-    QEventLoop* loop = nullptr; ///< While listening.
-    QString listenError;
+    Shared* m_shared;
+    std::thread m_thread;
+    std::mutex m_mutex; ///< Guards what follows.
+    std::condition_variable m_changed;
+    bool m_tried = false;
+    QEventLoop* m_loop = nullptr; ///< While listening.
+    QString m_error;
 };
 
 SimulatorThread::SimulatorThread(const SimulatorOptions& options)
-    : shared(std::make_unique<Shared>(options))
+    : m_shared(std::make_unique<Shared>(options))
 {
-    shared->port = options.port;
+    m_shared->port = options.port;
 }
 
 SimulatorThread::~SimulatorThread()
@@ -92,10 +146,10 @@ SimulatorThread::~SimulatorThread()
 bool SimulatorThread::start(QString* error)
 {
     stop();
-    if (!faultsSet && !setFaults(shared->options.faults, error))
+    if (!m_faultsSet && !setFaults(m_shared->options.faults, error))
         return false;
-    thread = std::make_unique<Thread>(shared.get());
-    if (thread->startListening(error))
+    m_thread = std::make_unique<Thread>(m_shared.get());
+    if (m_thread->startListening(error))
         return true;
     stop();
     return false;
@@ -103,46 +157,68 @@ bool SimulatorThread::start(QString* error)
 
 quint16 SimulatorThread::port() const
 {
-    return shared->port;
+    return m_shared->port;
 }
 
 void SimulatorThread::stop()
 {
-    if (thread)
-        thread->stopListening();
-    thread.reset();
+    if (m_thread)
+        m_thread->stopListening();
+    m_thread.reset();
 }
 
-QByteArray SimulatorThread::peek(SimulatorArea area, int byteOrNumber, int bytes) const
+QByteArray SimulatorThread::peek(SimulatorArea area, int byteOrNumber, int bytes,
+                                 int controller) const
 {
-    return shared->state.memory.read(area, byteOrNumber * ControllerMemory::elementSize(area),
-                                     bytes);
+    return m_shared->state(controller)
+        .memory.read(area, byteOrNumber * ControllerMemory::elementSize(area), bytes);
 }
 
-void SimulatorThread::poke(SimulatorArea area, int byteOrNumber, const QByteArray& bytes)
+void SimulatorThread::poke(SimulatorArea area, int byteOrNumber, const QByteArray& bytes,
+                           int controller)
 {
-    shared->state.memory.write(area, byteOrNumber * ControllerMemory::elementSize(area), bytes);
+    m_shared->state(controller)
+        .memory.write(area, byteOrNumber * ControllerMemory::elementSize(area), bytes);
 }
 
 quint64 SimulatorThread::requestCount() const
 {
-    return shared->state.requests;
+    quint64 sum = 0;
+    for (const auto& state : m_shared->states)
+        sum += state->requests;
+    return sum;
 }
 
 int SimulatorThread::connectionCount() const
 {
-    return shared->state.connections;
+    int sum = 0;
+    for (const auto& state : m_shared->states)
+        sum += state->connections;
+    return sum;
 }
 
 QMap<QString, quint64> SimulatorThread::faultCounts() const
 {
-    return shared->state.faults.counts();
+    QMap<QString, quint64> sum;
+    for (const auto& state : m_shared->states) {
+        const QMap<QString, quint64> counts = state->faults.counts();
+        for (auto it = counts.begin(); it != counts.end(); ++it)
+            sum[it.key()] += it.value();
+    }
+    return sum;
 }
 
 bool SimulatorThread::setFaults(const QStringList& faults, QString* error)
 {
-    if (!shared->state.faults.setFaults(faults, error))
+    if (!FaultInjector(0).setFaults(faults, error))
         return false;
-    faultsSet = true;
+    const SimulatorOptions& options = m_shared->options;
+    for (int i = 0; i < options.count; ++i) {
+        const bool faulty = i + 1 >= options.firstFaulty && i + 1 <= options.lastFaulty;
+        m_shared->state(i).faults.setFaults(faulty ? faults : QStringList(), error);
+    }
+    m_faultsSet = true;
     return true;
 }
+
+} // namespace s7200::sim

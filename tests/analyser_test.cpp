@@ -1,16 +1,18 @@
 // Every kind of frame that the driver sends, decoded by a packet analyser that knows nothing of it.
 
-#include <siemens_s7_200_cp243/host_interface.h>
 #include "core/siemens_s7_200.h"
 #include "protocol/Func_HandShake.h"
 #include "protocol/Func_Read.h"
 #include "protocol/Func_Write.h"
 #include "tests/driver_fixture.h"
 #include "wire/frame_trace.h"
+#include <siemens_s7_200_cp243/host_interface.h>
 
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
+
+using s7200::wire::FrameTrace;
 
 namespace
 {
@@ -139,7 +141,7 @@ void AnalyserTest::initTestCase()
 {
     QString error;
     m_file = m_folder.filePath("frames.pcap");
-    m_trace = FrameTrace::open(m_file, &error);
+    m_trace = FrameTrace::open(m_file, FrameTrace::KeepExisting, &error);
     QVERIFY2(m_trace, qPrintable(error));
 
     m_driver.reset();

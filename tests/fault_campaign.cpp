@@ -20,6 +20,7 @@
 #include <random>
 
 using namespace s7200;
+using namespace s7200::sim;
 
 namespace
 {
@@ -72,6 +73,9 @@ constexpr Kind Kinds[] = {
     {"refuse-connection", 0.5, Patient, 1, 1, true},
     {"silent-accept", 0.5, Hasty, 1, 1, true},
     {"garbage-confirm", 0.5, Patient, 1, 1, true},
+    {"banner", 0.5, Patient, 1, 1, true},
+    {"refuse-setup", 0.5, Patient, 1, 1, true},
+    {"disconnect", 0.02, Patient, 1, 1},
     {Restart, 0, Patient, 1, 0},
 };
 constexpr double BreakForConnect = 0.01; // close-mid-frame, while one of the `onConnect` is alone

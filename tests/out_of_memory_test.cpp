@@ -32,6 +32,7 @@ extern "C" __attribute__((visibility("default"))) void* realloc(void* block, siz
     return allocationFails() ? nullptr : next(block, size);
 }
 
+// HOLDS(24)
 /// Out of memory at every single allocation of a host's calls: each call comes back, with nothing
 /// half done that would pass for done.
 class OutOfMemoryTest : public QObject

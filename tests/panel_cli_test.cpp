@@ -9,6 +9,7 @@
 
 #include <csignal>
 
+using namespace s7200::sim;
 
 namespace
 {

@@ -10,6 +10,7 @@
 #include <future>
 
 using namespace s7200;
+using namespace s7200::sim;
 
 namespace
 {

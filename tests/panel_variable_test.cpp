@@ -2,8 +2,8 @@
 // put to the real driver, whose own cutting and merging they have to get through unharmed.
 
 #include "core/siemens_s7_200.h"
-#include "panel/options.h"
 #include "host/request_plan.h"
+#include "panel/options.h"
 #include <s7200host/variable.h>
 
 #include <QtTest>

@@ -13,6 +13,8 @@
 #include <tuple>
 #include <vector>
 
+using namespace s7200::sim;
+
 namespace
 {
 
@@ -88,9 +90,9 @@ QByteArray remote(int reference, QByteArray bytes)
 void expectTalk(RequestHandler& handler, const QByteArray& bytes, const QByteArray& expected)
 {
     handler.append(bytes);
-    QByteArray replies, request;
-    while (handler.takeRequest(&request))
-        replies += handler.reply(request);
+    QByteArray replies;
+    while (const auto request = handler.takeRequest())
+        replies += handler.reply(*request);
     QCOMPARE(bytes.toHex() + " -> " + replies.toHex(), bytes.toHex() + " -> " + expected.toHex());
 }
 

@@ -3,16 +3,18 @@
 // Requests made on another link are left out: their replies are stored without the data mutex,
 // which hosts rely on.
 
-#include <siemens_s7_200_cp243/host_interface.h>
 #include "core/siemens_s7_200.h"
 #include "simulator/s7_request_handler.h"
 #include "tests/driver_fixture.h"
+#include <siemens_s7_200_cp243/host_interface.h>
 
 #include <QTest>
 
 #include <atomic>
 #include <thread>
 #include <vector>
+
+using namespace s7200::sim;
 
 namespace
 {

@@ -1,13 +1,18 @@
 // Cutting the byte stream into frames, and the capture files of the trace.
 
 #include "wire/frame_trace.h"
+#include "wire/s7_fields.h"
 #include "wire/tpkt_reassembler.h"
 
 #include <QTemporaryDir>
 #include <QtEndian>
 #include <QtTest>
 
+#include <csignal>
+#include <sys/resource.h>
 #include <tuple>
+
+using namespace s7200::wire;
 
 namespace
 {
@@ -24,9 +29,8 @@ using Frames = QList<QByteArray>;
 Frames takeAll(TpktReassembler& reassembler)
 {
     Frames frames;
-    QByteArray frame;
-    while (reassembler.takeFrame(&frame))
-        frames.append(frame);
+    while (const auto frame = reassembler.takeFrame())
+        frames.append(*frame);
     return frames;
 }
 
@@ -46,21 +50,30 @@ uint onesComplementSum(const QByteArray& bytes)
     return sum;
 }
 
-/// Checks one raw IPv4 packet and gives its TCP fields as text: ports, sequence number, number
+/// Checks one raw packet and gives its TCP fields as text: both ends, sequence number, number
 /// acknowledged, flags and how many bytes it carries.
 QString readPacket(const QByteArray& ip)
 {
-    const QByteArray tcp = ip.mid(20);
+    const bool ipv6 = quint8(ip.at(0)) >> 4 == 6;
+    const QByteArray tcp = ip.mid(ipv6 ? 40 : 20);
+    const int addressSize = ipv6 ? 16 : 4;
+    const QByteArray addresses = ip.mid(ipv6 ? 8 : 12, 2 * addressSize);
     const QByteArray length = QByteArray::number(tcp.size(), 16).rightJustified(4, '0');
-    const QByteArray pseudoHeader = ip.mid(12, 8) + hex("0006" + length);
-    // Ports and addresses must swap together.
-    const bool fromController = number(tcp, 0, 2) == 102;
-    const bool good = quint8(ip.at(0)) == 0x45 && number(ip, 2, 2) == uint(ip.size()) &&
-                      onesComplementSum(ip.left(20)) == 0xFFFF &&
-                      onesComplementSum(pseudoHeader + tcp) == 0xFFFF &&
-                      number(ip, fromController ? 12 : 16, 4) == 0xC0000202;
-    return (good ? QString("%1>%2 %3 %4 %5 %6") : QString("bad packet"))
+    const bool goodHeader = ipv6 ? number(ip, 4, 2) == uint(tcp.size()) && ip.at(6) == 6
+                                 : number(ip, 2, 2) == uint(ip.size()) && ip.at(9) == 6 &&
+                                       onesComplementSum(ip.left(20)) == 0xFFFF;
+    if (!goodHeader || onesComplementSum(addresses + hex("0006" + length) + tcp) != 0xFFFF)
+        return "bad packet";
+    const auto address = [&](int index) {
+        const QByteArray bytes = addresses.mid(index * addressSize, addressSize);
+        return (ipv6 ? QHostAddress(reinterpret_cast<const quint8*>(bytes.constData()))
+                     : QHostAddress(number(bytes, 0, 4)))
+            .toString();
+    };
+    return QString("%1:%2>%3:%4 %5 %6 %7 %8")
+        .arg(address(0))
         .arg(number(tcp, 0, 2))
+        .arg(address(1))
         .arg(number(tcp, 2, 2))
         .arg(number(tcp, 4, 4))
         .arg(number(tcp, 8, 4))
@@ -136,53 +149,97 @@ private slots:
     void captureFile()
     {
         const QTemporaryDir folder;
+        const QString name = folder.filePath("trace.pcap");
         QString error;
-        const auto trace = FrameTrace::open(folder.filePath("trace.pcap"), &error);
+        const auto trace = FrameTrace::open(name, FrameTrace::KeepExisting, &error);
         QVERIFY2(trace, qPrintable(error));
-        QCOMPARE(trace->newConnection(), 0);
-        const QByteArray reply(3001, 'r'); // three segments
+        const TcpEnd panel{QHostAddress("10.0.0.7"), 40000};
+        QCOMPARE(trace->newConnection(panel, {QHostAddress("::ffff:10.0.0.9"), 1102}), 0);
+        const QByteArray reply(2901, 'r'); // three segments
         trace->record(0, FrameTrace::ToController, Shortest);
         trace->record(0, FrameTrace::FromController, reply);
         trace->record(0, FrameTrace::ToController, Shortest);
-        QCOMPARE(trace->newConnection(), 1);
-        for (int connection : {1, 2, -1}) // the last two do not exist
+        trace->failedConnection({QHostAddress("fe80::9"), 102});
+        QCOMPARE(trace->newConnection(), 2);
+        trace->closeConnection(0, FrameTrace::FromController);
+        for (int connection : {2, 3, 0, -1}) // the last three are not open
             trace->record(connection, FrameTrace::ToController, Shortest);
 
         // Read while the trace is open: a killed program leaves just this.
-        QFile file(folder.filePath("trace.pcap"));
+        QFile file(name);
         QVERIFY(file.open(QIODevice::ReadOnly));
         const QByteArray bytes = file.readAll();
         const auto word = [&bytes](int offset) { // as this machine writes it
             return qFromUnaligned<quint32>(bytes.constData() + offset);
         };
+        const auto halfWord = [&bytes](int offset) {
+            return qFromUnaligned<quint16>(bytes.constData() + offset);
+        };
         QVERIFY(bytes.size() >= 24);
         QCOMPARE(word(0), 0xA1B2C3D4U);
-        QCOMPARE(word(4), 0x00040002U);
+        QVERIFY(halfWord(4) == 2 && halfWord(6) == 4);
         QCOMPARE(word(20), 101U);
         QStringList packets;
-        QByteArray carried;
         for (int offset = 24, length = 0; offset < bytes.size(); offset += 16 + length) {
             length = int(word(offset + 8));
             QVERIFY(word(offset + 4) < 1000000U && word(offset + 12) == quint32(length));
             QVERIFY(length >= 40 && offset + 16 + length <= bytes.size());
             packets += readPacket(bytes.mid(offset + 16, length));
-            carried += bytes.mid(offset + 16 + 40, length - 40);
         }
+        // clang-format off
         const QStringList expected = {
-            "49152>102 0 0 002 0",     "102>49152 0 1 012 0",    "49152>102 1 1 010 0",
-            "49152>102 1 1 018 7",     "102>49152 1 8 018 1460", "102>49152 1461 8 018 1460",
-            "102>49152 2921 8 018 81", "49152>102 8 3002 018 7", "49153>102 0 0 002 0",
-            "102>49153 0 1 012 0",     "49153>102 1 1 010 0",    "49153>102 1 1 018 7"};
+            "10.0.0.7:40000>10.0.0.9:1102 0 0 002 0", "10.0.0.9:1102>10.0.0.7:40000 0 1 012 0",
+            "10.0.0.7:40000>10.0.0.9:1102 1 1 010 0", "10.0.0.7:40000>10.0.0.9:1102 1 1 018 7",
+            "10.0.0.9:1102>10.0.0.7:40000 1 8 018 1440",
+            "10.0.0.9:1102>10.0.0.7:40000 1441 8 018 1440",
+            "10.0.0.9:1102>10.0.0.7:40000 2881 8 018 21",
+            "10.0.0.7:40000>10.0.0.9:1102 8 2902 018 7",
+            "2001:db8::1:49153>fe80::9:102 0 0 002 0", "fe80::9:102>2001:db8::1:49153 0 1 014 0",
+            "192.0.2.1:49154>192.0.2.2:102 0 0 002 0", "192.0.2.2:102>192.0.2.1:49154 0 1 012 0",
+            "192.0.2.1:49154>192.0.2.2:102 1 1 010 0",
+            "10.0.0.9:1102>10.0.0.7:40000 2902 15 011 0",
+            "10.0.0.7:40000>10.0.0.9:1102 15 2903 011 0",
+            "10.0.0.9:1102>10.0.0.7:40000 2903 16 010 0",
+            "192.0.2.1:49154>192.0.2.2:102 1 1 018 7"};
+        // clang-format on
         QCOMPARE(packets, expected);
-        QCOMPARE(carried, Shortest + reply + Shortest + Shortest);
+
+        // A second run does not overwrite the first one's trace unless told to.
+        QVERIFY(!FrameTrace::open(name, FrameTrace::KeepExisting, &error));
+        QVERIFY2(error.contains(name) && error.contains("--force"), qPrintable(error));
+        QCOMPARE(file.size(), qint64(bytes.size()));
+        QVERIFY(FrameTrace::open(name, FrameTrace::ReplaceExisting, &error));
+        QCOMPARE(file.size(), 24);
     }
 
-    void traceThatCannotBeOpened()
+    void traceThatCannotBeWritten()
     {
         const QTemporaryDir folder;
         QString error;
-        QVERIFY(!FrameTrace::open(folder.filePath("missing/trace.pcap"), &error));
+        QVERIFY(!FrameTrace::open(folder.filePath("missing/trace.pcap"), FrameTrace::KeepExisting,
+                                  &error));
         QVERIFY(error.contains("missing/trace.pcap"));
+        QVERIFY(!FrameTrace::open("/dev/full", FrameTrace::KeepExisting, &error));
+        QVERIFY(error.contains("/dev/full"));
+
+        // A file that may not grow any further stands for a full disk.
+        const QString name = folder.filePath("trace.pcap");
+        const auto trace = FrameTrace::open(name, FrameTrace::KeepExisting, &error);
+        QVERIFY2(trace, qPrintable(error));
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit before = {};
+        ::getrlimit(RLIMIT_FSIZE, &before);
+        const rlimit small{24 + 3 * 56 + 63 + 10, before.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &small);
+        trace->newConnection();
+        trace->record(0, FrameTrace::ToController, Shortest);
+        const QString errorBefore = trace->error();
+        trace->record(0, FrameTrace::ToController, Shortest);
+        ::setrlimit(RLIMIT_FSIZE, &before);
+        trace->record(0, FrameTrace::ToController, Shortest);
+        QCOMPARE(errorBefore, QString());
+        QVERIFY2(trace->error().contains(name), qPrintable(trace->error()));
+        QCOMPARE(QFileInfo(name).size(), 24 + 3 * 56 + 63);
     }
 };
 

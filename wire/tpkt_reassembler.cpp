@@ -1,77 +1,74 @@
 #include "wire/tpkt_reassembler.h"
 
-#include <QtEndian>
+#include "wire/s7_fields.h"
+
+namespace s7200::wire
+{
 
 namespace
 {
 
-constexpr int HeaderLength = 4;
-constexpr int LengthOffset = 2;
-constexpr char Version = 3;
-// RFC 1006: header and the smallest TPDU, three bytes.
-constexpr int ShortestPacket = 7;
+constexpr int Version = 3;
 
 } // namespace
 
-TpktReassembler::TpktReassembler(int trailingBytes) : trailing(trailingBytes) {}
+TpktReassembler::TpktReassembler(int trailingBytes) : m_trailing(trailingBytes) {}
 
 void TpktReassembler::append(const QByteArray& bytes)
 {
-    if (broken)
+    if (m_broken)
         return;
-    if (bytes.size() > MaxBufferedBytes - buffer.size()) {
-        broken = true;
-        buffer.clear();
+    if (bytes.size() > MaxBufferedBytes - m_waiting.size()) {
+        breakOff();
         return;
     }
-    buffer.append(bytes);
+    m_waiting.append(bytes);
     checkHead();
 }
 
-bool TpktReassembler::takeFrame(QByteArray* frame)
+std::optional<QByteArray> TpktReassembler::takeFrame()
 {
-    if (buffer.size() < HeaderLength || buffer.size() < headLength() + trailing)
-        return false;
-    const int length = headLength() + trailing;
-    *frame = buffer.left(length);
-    buffer.remove(0, length);
+    const int length = headLength() + m_trailing;
+    if (m_waiting.size() < TpktHeaderLength || m_waiting.size() < length)
+        return std::nullopt;
+    const QByteArray frame = m_waiting.take(length);
     checkHead();
-    return true;
+    return frame;
 }
 
 bool TpktReassembler::isBroken() const
 {
-    return broken;
+    return m_broken;
 }
 
 bool TpktReassembler::isMidFrame() const
 {
-    return !buffer.isEmpty();
+    return !m_waiting.isEmpty();
 }
 
 void TpktReassembler::clear()
 {
-    buffer.clear();
-    broken = false;
+    m_waiting.clear();
+    m_broken = false;
 }
 
 // Looks as early as a byte allows: a peer that speaks another protocol may never send four bytes.
 void TpktReassembler::checkHead()
 {
-    const bool wrongVersion = !buffer.isEmpty() && buffer.at(0) != Version;
-    if (wrongVersion || (buffer.size() >= HeaderLength && headLength() < ShortestPacket)) {
-        broken = true;
-        buffer.clear();
-    }
+    const bool wrongVersion = !m_waiting.isEmpty() && m_waiting.at(0) != Version;
+    if (wrongVersion || (m_waiting.size() >= TpktHeaderLength && headLength() < ShortestTpkt))
+        breakOff();
 }
 
 int TpktReassembler::headLength() const
 {
-    return qFromBigEndian<quint16>(buffer.constData() + LengthOffset);
+    return m_waiting.at(TpktLengthOffset) << 8 | m_waiting.at(TpktLengthOffset + 1);
 }
 
-bool isEmptyDataTpdu(const QByteArray& frame)
+void TpktReassembler::breakOff()
 {
-    return frame.size() >= ShortestPacket &&
-           frame.startsWith(QByteArray::fromRawData("\x03\x00\x00\x07\x02\xF0", 6));
+    m_waiting.clear();
+    m_broken = true;
 }
+
+} // namespace s7200::wire

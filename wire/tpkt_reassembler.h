@@ -1,13 +1,21 @@
 #ifndef WIRE_TPKT_REASSEMBLER_H
 #define WIRE_TPKT_REASSEMBLER_H
 
+#include "wire/byte_queue.h"
+
 #include <QByteArray>
+
+#include <optional>
+
+namespace s7200::wire
+{
 
 /// Cuts a TCP byte stream into TPKTs (RFC 1006, section 6): version 3, a reserved byte, then the
 /// length of the whole packet, 7 to 65535, most significant byte first.
 ///
 /// Memory is bounded whatever the peer sends: what does not start a TPKT, or more than
-/// MaxBufferedBytes that nobody took, breaks the stream and is dropped.
+/// MaxBufferedBytes that nobody took, breaks the stream and is dropped. A frame costs the same
+/// however many wait behind it.
 class TpktReassembler
 {
 public:
@@ -20,9 +28,9 @@ public:
     /// Adds received bytes. Ignored once the stream is broken.
     void append(const QByteArray& bytes);
 
-    /// Moves the oldest complete frame, trailing bytes included, into `frame`. False, with `frame`
-    /// untouched, when none is complete.
-    bool takeFrame(QByteArray* frame);
+    /// The oldest complete frame, trailing bytes included, which is then forgotten. Nothing when
+    /// none is complete.
+    std::optional<QByteArray> takeFrame();
 
     /// True once the stream cannot be followed any more: a wrong version byte or a length below 7
     /// where a TPKT should start. No more frames come until clear().
@@ -37,14 +45,13 @@ public:
 private:
     void checkHead();
     int headLength() const;
+    void breakOff();
 
-    QByteArray buffer;
-    int trailing;
-    bool broken = false;
+    ByteQueue m_waiting;
+    int m_trailing;
+    bool m_broken = false;
 };
 
-/// True for a data TPDU without data (03 00 00 07 02 F0 xx, ISO 8073), which some peers send ahead
-/// of a reply and which carries nothing to answer. Trailing bytes of a remote link do not matter.
-bool isEmptyDataTpdu(const QByteArray& frame);
+} // namespace s7200::wire
 
 #endif
