@@ -135,8 +135,7 @@ void CommLoop::write(const Variable& variable, const QVector<quint32>& values, c
     request->variable = variable;
     request->values = values;
     request->done = done;
-    const bool singleBytes = settings.stationEach || settings.remote;
-    request->steps = writeSteps(variable, values, settings.blockLimit, singleBytes);
+    request->steps = writeSteps(variable, values, settings.blockLimit);
     submit(std::move(request));
 }
 

@@ -84,12 +84,6 @@ QString itemError(uchar code)
 
 } // namespace
 
-QString Endpoint::text() const
-{
-    const QString shown = host.contains(QLatin1Char(':')) ? QStringLiteral("[%1]").arg(host) : host;
-    return shown + QLatin1Char(':') + QString::number(port);
-}
-
 PanelLink::PanelLink(const LinkSettings& linkSettings, Waiter& loopWaiter,
                      const std::atomic<bool>& stopFlag)
     : settings(linkSettings), waiter(loopWaiter), stop(stopFlag),

@@ -3,6 +3,7 @@
 
 #include "host/waiter.h"
 #include "wire/tpkt_reassembler.h"
+#include <s7200host/controller.h>
 
 #include <QByteArray>
 #include <QString>
@@ -17,14 +18,6 @@ namespace wire
 {
 class FrameTrace;
 }
-
-/// Where a controller listens.
-struct Endpoint {
-    QString host;
-    quint16 port = 102; ///< Registered for RFC 1006.
-
-    QString text() const;
-};
 
 struct LinkSettings {
     Endpoint controller;

@@ -17,7 +17,8 @@ constexpr int TimerLimit = 42;   // 5 * 42 = 210
 
 constexpr int IwType = 6; // the first type that is not a bit
 constexpr int SwType = 9;
-constexpr int VbType = 11;
+constexpr int VBitType = 5;
+constexpr int VwType = 12;
 constexpr int TvType = 14;
 constexpr int CvType = 15;
 constexpr int AiwType = 16;
@@ -101,14 +102,13 @@ QByteArray doubleWordBytes(quint32 value)
     return bytes;
 }
 
-/// Bits are one request each, in the order given.
-QVector<WriteStep> bitSteps(const Variable& variable, const QByteArray& bits)
+/// Bits are one request each, in the order given; `first` counts bits from the area's start.
+QVector<WriteStep> bitSteps(int type, int first, const QByteArray& bits)
 {
-    const int first = 8 * variable.address + variable.bit;
     QVector<WriteStep> steps;
     for (int done = 0; done < int(bits.size()); done += BitsPerStep) {
         WriteStep step;
-        step.type = variable.area->type;
+        step.type = type;
         step.address = QStringLiteral("%1.%2").arg((first + done) / 8).arg((first + done) % 8);
         step.data = bits.mid(done, BitsPerStep);
         step.count = step.requests = int(step.data.size());
@@ -117,10 +117,10 @@ QVector<WriteStep> bitSteps(const Variable& variable, const QByteArray& bits)
     return steps;
 }
 
-QByteArray bitsOf(const Variable& variable, const QVector<quint32>& values)
+/// The lowest `width` bits of each value, lowest first.
+QByteArray bitsOf(const QVector<quint32>& values, int width)
 {
     QByteArray bits;
-    const int width = variable.isByteOfBits() ? 8 : 1;
     for (quint32 value : values) {
         for (int bit = 0; bit < width; ++bit)
             bits.append(char(value >> bit & 1));
@@ -128,39 +128,50 @@ QByteArray bitsOf(const Variable& variable, const QVector<quint32>& values)
     return bits;
 }
 
-/// Host encoding of one step's elements.
-QByteArray stepData(const Variable& variable, const QVector<quint32>& values)
+/// Elements of a word type in one write request.
+int elementsPerStep(int type, int limit)
 {
-    QByteArray data;
-    for (quint32 value : values) {
-        if (variable.area->width == Width::DoubleWord)
-            data += doubleWordBytes(value);
-        else if (variable.area->type == VbType)
-            data += char(value);
-        else
-            data += wordBytes(value);
+    return std::max(2, std::min(limit, limitOf(type)));
+}
+
+/// Words from `address` on, or timers or counters; of double words two for each value.
+QVector<WriteStep> wordSteps(int type, int address, const QVector<quint32>& values, int valueWords,
+                             int limit)
+{
+    const bool numbered = isTimer(type) || isCounter(type);
+    const int most = elementsPerStep(type, limit) / valueWords;
+    QVector<WriteStep> steps;
+    for (int done = 0; done < int(values.size()); done += most) {
+        WriteStep step;
+        step.type = type;
+        step.address = QString::number(address + done * (numbered ? 1 : 2 * valueWords));
+        for (quint32 value : values.mid(done, most))
+            step.data += valueWords == 2 ? doubleWordBytes(value) : wordBytes(value);
+        step.count = int(step.data.size()) / 2;
+        step.requests = 1;
+        steps.append(step);
     }
-    // The driver sends the first `count` of the 2 * count bytes of a VB value as they are, so the
-    // bytes stand close together instead of one to a word.
-    if (variable.area->type == VbType)
-        data.append(QByteArray(int(values.size()), '\0'));
-    return data;
+    return steps;
 }
 
-/// Elements of the variable in one write request.
-int elementsPerStep(const Variable& variable, int limit, bool singleBytes)
+/// The bit type of the area whose words are of this type.
+int bitTypeOf(int wordType)
 {
-    if (variable.area->type == VbType && singleBytes)
-        return 1;
-    const int elements = std::max(2, std::min(limit, limitOf(variable.area->type)));
-    return variable.area->width == Width::DoubleWord ? elements / 2 : elements;
+    return wordType == VwType ? VBitType : wordType - IwType;
 }
 
-int addressStep(const Variable& variable)
+/// Bytes in pairs as words, which may begin at any byte, and a last odd one as bits: the driver's
+/// own write of V bytes covers twice the bytes named, and other areas have no such write.
+QVector<WriteStep> byteSteps(const Variable& variable, const QVector<quint32>& values, int limit)
 {
-    if (variable.area->numbered || variable.area->width == Width::Byte)
-        return 1;
-    return variable.area->width == Width::DoubleWord ? 4 : 2;
+    const int pairs = int(values.size()) / 2;
+    QVector<quint32> words;
+    for (int i = 0; i < pairs; ++i)
+        words.append(values.at(2 * i) << 8 | values.at(2 * i + 1));
+    const int type = variable.area->reads;
+    QVector<WriteStep> steps = wordSteps(type, variable.address, words, 1, limit);
+    const int odd = 8 * (variable.address + 2 * pairs);
+    return steps + bitSteps(bitTypeOf(type), odd, bitsOf(values.mid(2 * pairs), 8));
 }
 
 } // namespace
@@ -278,35 +289,18 @@ RW_VAR oneShotRecord(const ReadBlock& block)
     return record;
 }
 
-QVector<WriteStep> writeSteps(const Variable& variable, const QVector<quint32>& values, int limit,
-                              bool singleBytes)
+QVector<WriteStep> writeSteps(const Variable& variable, const QVector<quint32>& values, int limit)
 {
-    if (variable.area->width == Width::Bit || variable.isByteOfBits())
-        return bitSteps(variable, bitsOf(variable, values));
-    const int most = elementsPerStep(variable, limit, singleBytes);
-    QVector<WriteStep> steps;
-    for (int done = 0; done < int(values.size()); done += most) {
-        const QVector<quint32> part = values.mid(done, most);
-        WriteStep step;
-        step.type = variable.area->type;
-        step.address = QString::number(variable.address + done * addressStep(variable));
-        step.data = stepData(variable, part);
-        step.count = int(part.size()) * (variable.area->width == Width::DoubleWord ? 2 : 1);
-        step.requests = 1;
-        steps.append(step);
+    switch (variable.area->width) {
+    case Width::Bit:
+        return bitSteps(variable.area->type, 8 * variable.address + variable.bit,
+                        bitsOf(values, 1));
+    case Width::Byte:
+        return byteSteps(variable, values, limit);
+    default:
+        return wordSteps(variable.area->type, variable.address, values,
+                         variable.area->width == Width::DoubleWord ? 2 : 1, limit);
     }
-    return steps;
-}
-
-int bytesClearedBehind(const Variable& variable, int limit, bool singleBytes)
-{
-    if (variable.area->type != VbType)
-        return 0;
-    const int most = elementsPerStep(variable, limit, singleBytes);
-    int end = 0;
-    for (int done = 0; done < variable.repeat; done += most)
-        end = std::max(end, done + 2 * std::min(most, variable.repeat - done));
-    return end - variable.repeat;
 }
 
 } // namespace s7200

@@ -70,14 +70,8 @@ struct WriteStep {
 };
 
 /// The calls that write `values` (as parseAssignment gives them), to be made one after the other,
-/// each when the one before has been acknowledged. `singleBytes`: VB one at a time, for stations
-/// of their own and for remote access, which take the value's bytes differently.
-QVector<WriteStep> writeSteps(const Variable& variable, const QVector<quint32>& values, int limit,
-                              bool singleBytes);
-
-/// Bytes behind the variable that its steps overwrite with 0: a VB write covers twice the bytes
-/// that it fills. 0 for all other variables.
-int bytesClearedBehind(const Variable& variable, int limit, bool singleBytes);
+/// each when the one before has been acknowledged. They write nothing beside the variable.
+QVector<WriteStep> writeSteps(const Variable& variable, const QVector<quint32>& values, int limit);
 
 } // namespace s7200
 

@@ -1,11 +1,6 @@
 #include <s7200host/variable.h>
 
-#include <QStringList>
-#include <QtEndian>
-
-#include <cmath>
-#include <cstring>
-#include <limits>
+#include "host/element_text.h"
 
 namespace s7200
 {
@@ -21,8 +16,6 @@ constexpr int Numbers = 256;
 
 constexpr int LongestText = 80;
 constexpr int HighestStation = 255;
-// A timer or counter runs from 0 to 32767.
-constexpr quint32 HighestNumberValue = 0x7FFF;
 
 constexpr AreaRow Areas[] = {
     {"I", Width::Bit, false, 0, 6, ByteArea, false},
@@ -59,37 +52,6 @@ constexpr AreaRow Areas[] = {
 
 constexpr unsigned char AiwType = 16;
 constexpr unsigned char AqwType = 17;
-constexpr unsigned char VbType = 11;
-
-struct FormatName {
-    const char* name;
-    const char* letter;
-    Format format;
-};
-
-constexpr FormatName Formats[] = {
-    {"unsigned", "u", Format::Unsigned}, {"signed", "s", Format::Signed}, {"hex", "h", Format::Hex},
-    {"binary", "b", Format::Binary},     {"float", "f", Format::Float},
-};
-
-/// The user's text for a message: one line of bounded length, whatever it holds.
-QString quoted(const QString& text)
-{
-    return QLatin1Char('\'') + text.left(LongestText).simplified() + QLatin1Char('\'');
-}
-
-int bytesOf(Width width)
-{
-    switch (width) {
-    case Width::Word:
-    case Width::Number:
-        return 2;
-    case Width::DoubleWord:
-        return 4;
-    default:
-        return 1;
-    }
-}
 
 bool isDigit(QChar c)
 {
@@ -195,18 +157,18 @@ QString parseAddress(Cursor& cursor, Variable* variable)
 
 QString parseFormat(Cursor& cursor, Variable* variable)
 {
-    const QString name = cursor.letters().toLower();
-    for (const FormatName& row : Formats) {
-        if (name != QLatin1String(row.name) && name != QLatin1String(row.letter))
-            continue;
-        variable->format = row.format;
-        if (variable->area->width == Width::Bit)
-            return QStringLiteral("a bit is shown as 0 or 1 and takes no format");
-        if (row.format == Format::Float && variable->area->width != Width::DoubleWord)
-            return QStringLiteral("float is for double words: VD, ID, QD, MD, SD, SMD");
-        return QString();
-    }
-    return QStringLiteral("the format is unsigned, signed, hex, binary or float");
+    const std::optional<Format> format = formatNamed(cursor.letters());
+    if (!format)
+        return QStringLiteral("the format is unsigned, signed, hex, binary or float");
+    if (variable->formatGiven && variable->format != *format)
+        return QStringLiteral("two formats are given");
+    variable->format = *format;
+    variable->formatGiven = true;
+    if (variable->area->width == Width::Bit)
+        return QStringLiteral("a bit is shown as 0 or 1 and takes no format");
+    if (*format == Format::Float && variable->area->width != Width::DoubleWord)
+        return QStringLiteral("float is for double words: VD, ID, QD, MD, SD, SMD");
+    return QString();
 }
 
 QString parseSuffixes(Cursor& cursor, Variable* variable)
@@ -264,158 +226,6 @@ QString parseInto(const QString& text, Variable* variable)
     return error;
 }
 
-// What one element can take
-
-bool parseBit(const QString& text, quint32* value)
-{
-    const QString lower = text.toLower();
-    const bool on = lower == QLatin1String("1") || lower == QLatin1String("true");
-    *value = on ? 1 : 0;
-    return on || lower == QLatin1String("0") || lower == QLatin1String("false");
-}
-
-bool looksLikeFloat(const QString& text)
-{
-    return !text.startsWith(QLatin1String("0x"), Qt::CaseInsensitive) &&
-           (text.contains(QLatin1Char('.')) ||
-            text.contains(QLatin1Char('e'), Qt::CaseInsensitive));
-}
-
-bool parseFloat(const QString& text, quint32* value)
-{
-    bool ok = false;
-    const float number = text.toFloat(&ok);
-    if (!ok || !std::isfinite(number))
-        return false;
-    static_assert(sizeof number == sizeof *value, "a REAL is an IEEE 754 single");
-    std::memcpy(value, &number, sizeof number);
-    return true;
-}
-
-/// Decimal, 0x and 0b, with a sign for decimal numbers only.
-bool parseInteger(const QString& text, qint64* value)
-{
-    bool ok = false;
-    if (text.startsWith(QLatin1String("0x"), Qt::CaseInsensitive)) {
-        *value = text.mid(2).toUInt(&ok, 16);
-    } else if (text.startsWith(QLatin1String("0b"), Qt::CaseInsensitive)) {
-        *value = text.mid(2).toUInt(&ok, 2);
-    } else {
-        *value = text.toLongLong(&ok, 10);
-        return ok;
-    }
-    // A sign behind the prefix converts too, but nobody means it.
-    return ok && text.size() > 2 && text.at(2) != QLatin1Char('+') &&
-           text.at(2) != QLatin1Char('-');
-}
-
-qint64 highest(Width width)
-{
-    if (width == Width::Number)
-        return HighestNumberValue;
-    return (qint64(1) << (8 * bytesOf(width))) - 1;
-}
-
-qint64 lowest(Width width)
-{
-    return width == Width::Number ? 0 : -(qint64(1) << (8 * bytesOf(width) - 1));
-}
-
-QString wantedValue(const Variable& variable)
-{
-    const Width width = variable.area->width;
-    if (width == Width::Bit)
-        return QStringLiteral("0, 1, true or false");
-    QString range = QStringLiteral("%1 to %2").arg(lowest(width)).arg(highest(width));
-    if (width == Width::DoubleWord)
-        range = variable.format == Format::Float ? QStringLiteral("a finite REAL, as in 21.5")
-                                                 : range + QStringLiteral(" or a REAL, as in 21.5");
-    return range;
-}
-
-bool parseValue(const Variable& variable, const QString& text, quint32* value)
-{
-    const Width width = variable.area->width;
-    if (width == Width::Bit)
-        return parseBit(text, value);
-    if (width == Width::DoubleWord && (variable.format == Format::Float || looksLikeFloat(text)))
-        return parseFloat(text, value);
-    qint64 number = 0;
-    if (!parseInteger(text, &number) || number < lowest(width) || number > highest(width))
-        return false;
-    *value = quint32(number & highest(width));
-    return true;
-}
-
-QString unwritable(const Variable& variable)
-{
-    const QString label = variable.label();
-    if (!variable.area->numbered)
-        return QStringLiteral("%1 is an input and cannot be written").arg(label);
-    const bool timer = variable.area->name[0] == 'T';
-    return QStringLiteral("%1 is a %2 bit and cannot be written; the value is %3%4")
-        .arg(label, QLatin1String(timer ? "timer" : "counter"), QLatin1String(timer ? "TV" : "CV"))
-        .arg(variable.address);
-}
-
-QString parseValues(const Variable& variable, const QString& text, QVector<quint32>* values)
-{
-    const QStringList parts = text.split(QLatin1Char(','));
-    if (parts.size() != variable.repeat) {
-        const QString count = QString::number(parts.size());
-        return variable.repeat == 1
-                   ? QStringLiteral("%1 takes one value, not %2; write %1x%2=...")
-                         .arg(variable.label(), count)
-                   : QStringLiteral("%1 takes %3 values, separated by commas, not %2")
-                         .arg(variable.label(), count)
-                         .arg(variable.repeat);
-    }
-    for (const QString& part : parts) {
-        quint32 value = 0;
-        if (!parseValue(variable, part.trimmed(), &value))
-            return QStringLiteral("%1 cannot take %2; it takes %3")
-                .arg(variable.label(), quoted(part), wantedValue(variable));
-        values->append(value);
-    }
-    return QString();
-}
-
-// Text
-
-/// The shortest text that reads back as the same single.
-QString floatText(quint32 bits)
-{
-    float number;
-    std::memcpy(&number, &bits, sizeof number);
-    for (int digits = 6; digits < std::numeric_limits<float>::max_digits10; ++digits) {
-        const QString text = QString::number(double(number), 'g', digits);
-        if (text.toFloat() == number)
-            return text;
-    }
-    return QString::number(double(number), 'g', std::numeric_limits<float>::max_digits10);
-}
-
-QString elementText(const Variable& variable, quint32 value)
-{
-    const int bytes = bytesOf(variable.area->width);
-    switch (variable.format) {
-    case Format::Signed: {
-        const int shift = 32 - 8 * bytes;
-        return QString::number(qint32(value << shift) >> shift);
-    }
-    case Format::Hex:
-        return QStringLiteral("0x") +
-               QString::number(value, 16).toUpper().rightJustified(2 * bytes, QLatin1Char('0'));
-    case Format::Binary:
-        return QStringLiteral("0b") +
-               QString::number(value, 2).rightJustified(8 * bytes, QLatin1Char('0'));
-    case Format::Float:
-        return floatText(value);
-    default:
-        return QString::number(value);
-    }
-}
-
 } // namespace
 
 QString Variable::label() const
@@ -428,6 +238,11 @@ QString Variable::label() const
     if (station >= 0)
         text += QLatin1Char('@') + QString::number(station);
     return text;
+}
+
+QString Variable::text() const
+{
+    return format == Format::Unsigned ? label() : label() + QLatin1Char('/') + formatName(format);
 }
 
 QString Variable::driverAddress() const
@@ -456,7 +271,7 @@ bool Variable::isAnalog() const
 
 bool Variable::isByteOfBits() const
 {
-    return area->width == Width::Byte && area->type != VbType;
+    return area->width == Width::Byte && area->type != VbRegister;
 }
 
 int Variable::firstUnit() const
@@ -489,48 +304,6 @@ bool parseVariable(const QString& text, Variable* variable, QString* error)
     if (!reason.isEmpty())
         *error = quoted(text) + QStringLiteral(": ") + reason;
     return reason.isEmpty();
-}
-
-bool parseAssignment(const QString& text, Variable* variable, QVector<quint32>* values,
-                     QString* error)
-{
-    values->clear();
-    const auto equals = text.indexOf(QLatin1Char('='));
-    if (equals < 0) {
-        *error = quoted(text) + QStringLiteral(": a write is VARIABLE=VALUE, as in VW100=7");
-        return false;
-    }
-    if (!parseVariable(text.left(equals).trimmed(), variable, error))
-        return false;
-    *error = variable->area->writable ? parseValues(*variable, text.mid(equals + 1), values)
-                                      : unwritable(*variable);
-    return error->isEmpty();
-}
-
-QVector<quint32> decodeValues(const Variable& variable, const QByteArray& hostData)
-{
-    const bool bits = variable.isByteOfBits();
-    // VB takes two bytes an element in the host's encoding, the second one 0.
-    const int stride =
-        bits ? 8 : (variable.area->type == VbType ? 2 : bytesOf(variable.area->width));
-    const QByteArray data = hostData.leftJustified(stride * variable.repeat, '\0');
-    QVector<quint32> values;
-    values.reserve(variable.repeat);
-    for (int i = 0; i < variable.repeat; ++i) {
-        quint32 value = 0;
-        for (int k = 0; k < stride; ++k)
-            value |= quint32(uchar(data.at(i * stride + k))) << (bits ? k : 8 * k);
-        values.append(value);
-    }
-    return values;
-}
-
-QString formatValues(const Variable& variable, const QVector<quint32>& values)
-{
-    QStringList texts;
-    for (quint32 value : values)
-        texts.append(elementText(variable, value));
-    return texts.join(QLatin1Char(' '));
 }
 
 QString variableHelp()

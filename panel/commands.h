@@ -1,14 +1,25 @@
 #ifndef PANEL_COMMANDS_H
 #define PANEL_COMMANDS_H
 
-#include "panel/options.h"
+#include "panel/command_line.h"
 
-class Session;
+namespace s7200::panel
+{
 
-/// The program's commands: each runs the session's loop, returns when it is done or interrupted,
-/// and gives the exit status.
-int runWatch(const PanelOptions& options, Session& session);
-int runRead(const PanelOptions& options, Session& session);
-int runWrite(const PanelOptions& options, Session& session);
+// Each is made by a function in the file of the command: NAME_command.cpp.
+Command watchCommand();
+Command readCommand();
+Command writeCommand();
+Command pingCommand();
+Command explainCommand();
+Command replayCommand();
+Command saveCommand();
+Command diffCommand();
+Command applyCommand();
+
+/// All of them, in the order of the program's --help.
+QVector<Command> allCommands();
+
+} // namespace s7200::panel
 
 #endif

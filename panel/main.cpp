@@ -1,88 +1,120 @@
-// s7200-panel: a small operator panel on a terminal, and the worked example of a host that loads
-// and drives the driver library.
+// s7200-panel: an operator panel on the command line, and the worked example of a program on
+// libs7200host.
 
 #include "panel/commands.h"
-#include "panel/session.h"
+
+#include <s7200_version.h>
 
 #include <QCoreApplication>
 
-#include <cstdio>
+#include <csignal>
 #include <fcntl.h>
 #include <unistd.h>
+
+namespace s7200::panel
+{
 
 namespace
 {
 
-const char* const Usage =
-    "Usage: s7200-panel COMMAND [options] ...\n"
-    "\n"
-    "Reads and writes variables of S7-200 controllers through the driver library.\n"
-    "\n"
-    "  watch VARIABLE...        show variables, over and over\n"
-    "  read VARIABLE...         read variables once\n"
-    "  write VARIABLE=VALUE...  write variables\n"
-    "\n"
-    "  s7200-panel watch VW0 Q0.0 T37 VD4/float          a simulated controller\n"
-    "  s7200-panel read --controller 192.168.0.5 VW100x4/hex\n"
-    "  s7200-panel write --controller 192.168.0.5 --verify VW100=7 M0.3=1\n"
-    "\n"
-    "Values go to standard output, everything else to standard error.\n"
-    "s7200-panel COMMAND --help tells all of a command.\n";
-
-/// A file opened later must not become standard output because that was closed.
+/// A file opened later must not become a standard stream because that was closed. What is written
+/// to a closed standard output fails, as it should.
 void openStandardStreams()
 {
-    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        if (::fcntl(fd, F_GETFD) < 0 && ::open("/dev/null", O_RDWR) < 0)
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        const int mode = descriptor == STDERR_FILENO ? O_WRONLY : O_RDONLY;
+        if (::fcntl(descriptor, F_GETFD) < 0 && ::open("/dev/null", mode) != descriptor)
             ::_exit(ExitUsage);
     }
 }
 
-int runCommand(const QString& command, const QStringList& arguments)
+QString usage()
 {
-    PanelOptions options;
+    QString text = QStringLiteral("Usage: s7200-panel COMMAND [options] ...\n\n"
+                                  "Reads and writes variables of S7-200 controllers.\n\n");
+    for (const Command& command : allCommands()) {
+        const QString form =
+            QLatin1String(command.name) + QLatin1Char(' ') + QLatin1String(command.operands);
+        text += QStringLiteral("  %1 %2\n").arg(form, -26).arg(QLatin1String(command.summary));
+    }
+    return text + QStringLiteral(
+                      "\n"
+                      "  s7200-panel watch VW0 Q0.0 T37 VD4/float       a simulated controller\n"
+                      "  s7200-panel read --controller 192.168.0.5 VW100x4/hex\n"
+                      "  s7200-panel write --controller 192.168.0.5 --verify VW100=7 M0.3=1\n\n"
+                      "Values go to standard output, everything else to standard error.\n"
+                      "s7200-panel COMMAND --help tells all of a command; --version.");
+}
+
+QString version()
+{
+    QString error;
+    QString driver = findDriver(QString(), &error);
+    if (driver.isEmpty())
+        driver = QStringLiteral("not found");
+    const QString commit = QStringLiteral(S7200_COMMIT);
+    return QStringLiteral("s7200-panel %1%2\ndriver library: %3\nQt %4")
+        .arg(QStringLiteral(S7200_VERSION),
+             commit.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(commit), driver,
+             QString::fromLatin1(qVersion()));
+}
+
+int runCommand(const Command& command, const QStringList& arguments)
+{
+    CommandLine line;
     QString help;
     QString error;
-    if (!parseOptions(command, arguments, &options, &help, &error)) {
-        if (error.isEmpty()) {
-            std::fputs(help.toLocal8Bit().constData(), stdout);
-            return ExitGood;
+    if (line.parse(command, arguments, &help, &error))
+        return command.run(line);
+    if (error.isEmpty()) {
+        print(help.trimmed());
+        return ExitGood;
+    }
+    for (const QString& each : error.split(QLatin1Char('\n')))
+        complain(each);
+    return ExitUsage;
+}
+
+int runProgram(QStringList arguments)
+{
+    const QString name = arguments.value(1);
+    if (name == QLatin1String("--help") || name == QLatin1String("-h") ||
+        name == QLatin1String("help")) {
+        print(usage());
+        return ExitGood;
+    }
+    if (name == QLatin1String("--version") || name == QLatin1String("-v")) {
+        print(version());
+        return ExitGood;
+    }
+    QStringList names;
+    for (const Command& command : allCommands()) {
+        if (name == QLatin1String(command.name)) {
+            arguments.removeAt(1);
+            return runCommand(command, arguments);
         }
-        complain(error);
-        return ExitUsage;
+        names.append(QLatin1String(command.name));
     }
-    const std::unique_ptr<Session> session = Session::open(options, &error);
-    if (!session) {
-        complain(error);
-        return ExitUsage;
-    }
-    if (command == QLatin1String("watch"))
-        return runWatch(options, *session);
-    return command == QLatin1String("read") ? runRead(options, *session)
-                                            : runWrite(options, *session);
+    return usageError((name.isEmpty() ? QStringLiteral("a command is missing")
+                                      : QStringLiteral("there is no command ") + quoted(name)) +
+                      QStringLiteral("; it is one of ") + names.join(QStringLiteral(", ")) +
+                      QStringLiteral(" (--help tells more)"));
 }
 
 } // namespace
 
+} // namespace s7200::panel
+
 int main(int argc, char** argv)
 {
+    using namespace s7200::panel;
     openStandardStreams();
+    std::signal(SIGPIPE, SIG_IGN);
+    readLocale();
     const QCoreApplication application(argc, argv);
-    QStringList arguments = QCoreApplication::arguments();
-    const QString command = arguments.value(1);
-    if (command == QLatin1String("--help") || command == QLatin1String("-h") ||
-        command == QLatin1String("help")) {
-        std::fputs(Usage, stdout);
-        return ExitGood;
-    }
-    if (command == QLatin1String("watch") || command == QLatin1String("read") ||
-        command == QLatin1String("write")) {
-        arguments.removeAt(1);
-        return runCommand(command, arguments);
-    }
-    complain((command.isEmpty()
-                  ? QStringLiteral("a command is missing")
-                  : QStringLiteral("unknown command '%1'").arg(command.simplified())) +
-             QStringLiteral("; it is watch, read or write (--help tells more)"));
-    return ExitUsage;
+    const int status = runProgram(QCoreApplication::arguments());
+    if (outputFailure().isEmpty())
+        return status;
+    complain(outputFailure());
+    return ExitOutput;
 }

@@ -1,111 +1,156 @@
 #include "panel/session.h"
 
-#include <cstdio>
+#include <csignal>
 
-std::unique_ptr<Session> Session::open(const PanelOptions& options, QString* error)
+namespace s7200::panel
 {
-    std::unique_ptr<Session> session(new Session);
-    session->settings = options.loop;
-    if (!session->library.load(options.library, error))
-        return nullptr;
-    if (!options.traceFile.isEmpty()) {
-        session->trace =
-            wire::FrameTrace::open(options.traceFile, wire::FrameTrace::KeepExisting, error);
-        if (!session->trace)
-            return nullptr;
-        session->settings.trace = session->trace.get();
-    }
-    if (options.embedded && !session->startSimulators(options, error))
-        return nullptr;
-    session->commLoop.reset(new CommLoop(session->library, session->settings));
-    return session;
+
+namespace
+{
+
+constexpr int TraceLookMs = 500;
+
+} // namespace
+
+Session::Session() : m_signals([this](int number) { hear(number); })
+{
+    QObject::connect(&m_traceTimer, &QTimer::timeout, [this] {
+        if (!traceFailure().isEmpty())
+            end(ExitOutput);
+    });
 }
 
 Session::~Session()
 {
-    // The loop first: it still uses the trace and talks to the simulators.
-    commLoop.reset();
+    // First: they still use the trace and talk to the simulators.
+    m_controllers.clear();
 }
 
-bool Session::startSimulators(const PanelOptions& options, QString* error)
+std::unique_ptr<Session> Session::open(const CommandLine& line, QString* error)
 {
-    embedded = true;
-    for (Endpoint& endpoint : settings.controllers) {
-        sim::SimulatorOptions simulator;
-        simulator.remote = options.loop.remote;
-        simulators.emplace_back(new sim::SimulatorThread(simulator));
-        if (!simulators.back()->start(error))
-            return false;
-        endpoint.host = simulator.address;
-        endpoint.port = simulators.back()->port();
+    std::unique_ptr<Session> session(new Session);
+    QVector<ControllerSettings> settings = line.controllers();
+    if (!session->openTrace(line, error))
+        return nullptr;
+    if (line.simulated() && !session->startSimulators(&settings, error))
+        return nullptr;
+    for (ControllerSettings& each : settings) {
+        each.trace = session->m_trace.get();
+        session->m_controllers.emplace_back(new Controller(each));
     }
-    complain(QStringLiteral("no --controller given, using a simulated one"));
+    return session;
+}
+
+bool Session::openTrace(const CommandLine& line, QString* error)
+{
+    if (line.traceFile().isEmpty())
+        return true;
+    m_trace = wire::FrameTrace::open(
+        line.traceFile(),
+        line.force() ? wire::FrameTrace::ReplaceExisting : wire::FrameTrace::KeepExisting, error);
+    m_traceTimer.start(TraceLookMs);
+    return m_trace != nullptr;
+}
+
+bool Session::startSimulators(QVector<ControllerSettings>* settings, QString* error)
+{
+    m_simulated = true;
+    for (ControllerSettings& each : *settings) {
+        sim::SimulatorOptions options;
+        options.remote = each.remoteAccess;
+        m_simulators.emplace_back(new sim::SimulatorThread(options));
+        if (!m_simulators.back()->start(error))
+            return false;
+        each.endpoint.host = options.address;
+        each.endpoint.port = m_simulators.back()->port();
+    }
+    complain(settings->size() > 1 ? QStringLiteral("no --controller given, using simulated ones")
+                                  : QStringLiteral("no --controller given, using a simulated one"));
     return true;
 }
 
-CommLoop& Session::loop() const
+void Session::hear(int number)
 {
-    return *commLoop;
-}
-
-QString Session::controllerName(int station) const
-{
-    QString name = settings.controllers.value(station).text();
-    if (settings.stationEach)
-        name = QStringLiteral("station %1 at %2").arg(station).arg(name);
-    return embedded ? QStringLiteral("simulated controller, ") + name : name;
-}
-
-FailureReport::FailureReport(const Session& panelSession) : session(panelSession) {}
-
-void FailureReport::add(const Variable& variable, const RequestResult& result)
-{
-    faults.append(result.fault);
-    if (result.fault == Fault::None)
+    if (m_onSignal && m_onSignal(number))
         return;
-    const QString controller = session.controllerName(session.loop().stationOf(variable));
-    const QString text = describeFault(result.fault, result.detail, controller);
-    for (Reason& reason : reasons) {
+    if (number == SIGTSTP)
+        ::raise(SIGSTOP);
+    else if (number != SIGWINCH)
+        end(m_interruptStatus);
+}
+
+int Session::count() const
+{
+    return int(m_controllers.size());
+}
+
+Controller& Session::controller(int index) const
+{
+    return *m_controllers[size_t(index)];
+}
+
+QString Session::name(int index) const
+{
+    const ControllerSettings& settings = controller(index).settings();
+    const QString place = m_simulated ? QStringLiteral("simulated controller")
+                          : settings.stations.isEmpty()
+                              ? settings.endpoint.text()
+                              : counted(quint64(settings.stations.size()), "station");
+    return settings.name.isEmpty() ? place : QStringLiteral("%1 (%2)").arg(settings.name, place);
+}
+
+bool Session::start(QString* error)
+{
+    for (const auto& each : m_controllers) {
+        if (!each->start(error))
+            return false;
+    }
+    return true;
+}
+
+void Session::setInterruptStatus(int status)
+{
+    m_interruptStatus = status;
+}
+
+void Session::onSignal(const std::function<bool(int)>& handler)
+{
+    m_onSignal = handler;
+}
+
+QString Session::traceFailure() const
+{
+    return m_trace ? m_trace->error() : QString();
+}
+
+FailureReport::FailureReport(const Session& session) : m_session(session) {}
+
+void FailureReport::add(const Item& item, const Result& result)
+{
+    m_causes.append(result.cause);
+    if (result)
+        return;
+    const QString text =
+        describeFailure(result.cause, result.detail, m_session.name(item.controller));
+    for (Reason& reason : m_reasons) {
         if (reason.text == text) {
-            reason.labels.append(variable.label());
+            reason.labels.append(item.label);
             return;
         }
     }
-    reasons.append({text, {variable.label()}});
+    m_reasons.append({text, {item.label}});
 }
 
 ExitStatus FailureReport::finish() const
 {
-    for (const Reason& reason : reasons)
-        complain(reason.labels.join(QLatin1Char(' ')) + QStringLiteral(": ") + reason.text);
-    return exitStatusOf(faults);
-}
-
-void complain(const QString& text)
-{
-    std::fprintf(stderr, "s7200-panel: %s\n", text.toLocal8Bit().constData());
-    std::fflush(stderr);
-}
-
-void printValue(const Variable& variable, const QByteArray& hostData)
-{
-    const QString values = formatValues(variable, decodeValues(variable, hostData));
-    std::printf("%s %s\n", variable.label().toLocal8Bit().constData(),
-                values.toLatin1().constData());
-    std::fflush(stdout);
-}
-
-QString describeFault(Fault fault, const QString& detail, const QString& controller)
-{
-    switch (fault) {
-    case Fault::NoConnection:
-        return QStringLiteral("no connection to %1: %2").arg(controller, detail);
-    case Fault::NoAnswer:
-    case Fault::Invalid:
-        return QStringLiteral("%1 from %2").arg(detail, controller);
-    case Fault::Refused:
-        return QStringLiteral("refused by %1: %2").arg(controller, detail);
-    default:
-        return detail;
+    constexpr int Most = 10;
+    for (const Reason& reason : m_reasons) {
+        QString labels = reason.labels.mid(0, Most).join(QLatin1Char(' '));
+        if (reason.labels.size() > Most)
+            labels += QStringLiteral(" and %1 more").arg(reason.labels.size() - Most);
+        complain(labels + QStringLiteral(": ") + reason.text);
     }
+    return exitStatusOf(m_causes);
 }
+
+} // namespace s7200::panel

@@ -1,41 +1,61 @@
 #ifndef PANEL_SESSION_H
 #define PANEL_SESSION_H
 
-#include "host/comm_loop.h"
-#include "host/driver_library.h"
-#include "panel/options.h"
+#include "panel/command_line.h"
+#include "panel/signals.h"
 #include "simulator/simulator_thread.h"
 #include "wire/frame_trace.h"
 
+#include <QTimer>
+
+#include <functional>
 #include <memory>
 #include <vector>
 
-using namespace s7200;
+namespace s7200::panel
+{
 
-/// All that a command needs: the driver, its communication loop, and the simulated controllers if
-/// none was given.
+/// The controllers of a command line, each with a driver of its own; the trace, and the simulated
+/// controllers if none was given. All in the main thread, with runEventLoop() and end().
 class Session
 {
 public:
-    /// Null with a one-line `error`. The loop is not started.
-    static std::unique_ptr<Session> open(const PanelOptions& options, QString* error);
-    ~Session();
+    /// Null with a one-line `error`. Resolve all items before; no controller is started.
+    static std::unique_ptr<Session> open(const CommandLine& line, QString* error);
+    ~Session(); ///< Stops all controllers; open requests end as Cause::Stopped.
 
-    CommLoop& loop() const;
+    int count() const;
+    Controller& controller(int index) const;
+    /// For messages: "press1 (192.168.0.5:102)", "192.168.0.5:102", "simulated controller".
+    QString name(int index) const;
 
-    /// Where the station's controller is, for messages.
-    QString controllerName(int station) const;
+    /// Starts all controllers. False with a one-line `error`.
+    bool start(QString* error);
+
+    /// The status with which SIGINT, SIGTERM and SIGHUP end the event loop; ExitNoAnswer if not
+    /// set.
+    void setInterruptStatus(int status);
+    /// Gets each signal before that; true: it is dealt with.
+    void onSignal(const std::function<bool(int)>& handler);
+
+    /// Why the trace is no longer written; empty while it is. The event loop has then been ended
+    /// with ExitOutput.
+    QString traceFailure() const;
 
 private:
-    Session() = default;
-    bool startSimulators(const PanelOptions& options, QString* error);
+    Session();
+    bool openTrace(const CommandLine& line, QString* error);
+    bool startSimulators(QVector<ControllerSettings>* settings, QString* error);
+    void hear(int number);
 
-    DriverLibrary library;
-    LoopSettings settings;
-    bool embedded = false;
-    std::unique_ptr<wire::FrameTrace> trace;
-    std::vector<std::unique_ptr<sim::SimulatorThread>> simulators;
-    std::unique_ptr<CommLoop> commLoop;
+    std::unique_ptr<wire::FrameTrace> m_trace;
+    std::vector<std::unique_ptr<sim::SimulatorThread>> m_simulators;
+    std::vector<std::unique_ptr<Controller>> m_controllers; ///< They use the two above.
+    bool m_simulated = false;
+    int m_interruptStatus = ExitNoAnswer;
+    std::function<bool(int)> m_onSignal;
+    Signals m_signals;
+    QTimer m_traceTimer;
 };
 
 /// Collects what failed, to report it once for each reason rather than once for each variable.
@@ -44,8 +64,8 @@ class FailureReport
 public:
     explicit FailureReport(const Session& session);
 
-    /// Takes note of one variable's result, good ones too.
-    void add(const Variable& variable, const RequestResult& result);
+    /// Takes note of one item's result, good ones too.
+    void add(const Item& item, const Result& result);
 
     /// Prints a line for each reason to standard error; returns the exit status.
     ExitStatus finish() const;
@@ -55,18 +75,11 @@ private:
         QString text;
         QStringList labels;
     };
-    const Session& session;
-    QVector<Fault> faults;
-    QVector<Reason> reasons;
+    const Session& m_session;
+    QVector<Cause> m_causes;
+    QVector<Reason> m_reasons;
 };
 
-/// A line on standard error, after the program's name.
-void complain(const QString& text);
-
-/// A line on standard output: a variable and its elements.
-void printValue(const Variable& variable, const QByteArray& hostData);
-
-/// What happened, with the controller's name where it is the controller that cannot be reached.
-QString describeFault(Fault fault, const QString& detail, const QString& controller);
+} // namespace s7200::panel
 
 #endif

@@ -3,6 +3,7 @@
 
 #include <s7200host/export.h>
 
+#include <QMetaType>
 #include <QString>
 #include <QtGlobal>
 
@@ -59,6 +60,8 @@ public:
     static constexpr int Buckets = 96;
 
     void add(qint64 microseconds);
+    /// Adds all that another one has counted.
+    void merge(const RoundTripHistogram& other);
     quint64 count() const;
     qint64 minimum() const; ///< Exact, in microseconds; 0 while empty.
     qint64 maximum() const; ///< Exact.
@@ -93,5 +96,7 @@ struct LinkStatistics {
 };
 
 } // namespace s7200
+
+Q_DECLARE_METATYPE(s7200::LinkStatus)
 
 #endif

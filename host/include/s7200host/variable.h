@@ -1,6 +1,8 @@
 #ifndef S7200HOST_VARIABLE_H
 #define S7200HOST_VARIABLE_H
 
+#include <s7200host/export.h>
+
 #include <QByteArray>
 #include <QString>
 #include <QVector>
@@ -26,16 +28,20 @@ struct AreaRow {
 };
 
 /// A variable as named on the command line: VW100, M0.3x8, VD4/float, TV37@3.
-struct Variable {
+struct S7200HOST_EXPORT Variable {
     const AreaRow* area = nullptr;
     int address = 0;  ///< Byte address, or number of the timer or counter.
     int bit = 0;      ///< 0 to 7, for bits of byte areas.
     int repeat = 1;   ///< Elements.
     int station = -1; ///< What follows "@"; -1: not given.
     Format format = Format::Unsigned;
+    bool formatGiven = false; ///< Without one, a write takes every number that fits the bits.
 
     /// The name without its format, "VW100x4@3".
     QString label() const;
+    /// The name with its format unless that is unsigned, "VW100x4@3/hex". It reads back as the
+    /// same variable.
+    QString text() const;
     /// The address as the driver's functions take it: "10.3" or "100".
     QString driverAddress() const;
     /// The element count as the driver's value functions take it: bits of a byte that has no
@@ -54,27 +60,32 @@ struct Variable {
 
 /// The register type that reads the area of register type `type`: words for bits, bytes and double
 /// words. -1 for a type that does not exist.
-int readTypeOf(int type);
+S7200HOST_EXPORT int readTypeOf(int type);
+
+/// The user's text for a message: in quotes, as typed, of bounded length, with control characters
+/// made visible.
+S7200HOST_EXPORT QString quoted(const QString& text);
 
 /// Reads NAME[xCOUNT][@STATION][/FORMAT]; upper and lower case are the same. False with a one-line
 /// `error` that names what is wrong and what would be right.
-bool parseVariable(const QString& text, Variable* variable, QString* error);
+S7200HOST_EXPORT bool parseVariable(const QString& text, Variable* variable, QString* error);
 
 /// Reads VARIABLE=VALUE[,VALUE...], one value for each element; `values` holds each element's bits,
-/// right-aligned. False with a one-line `error`, also for a variable that cannot be written and a
-/// value out of range.
-bool parseAssignment(const QString& text, Variable* variable, QVector<quint32>* values,
-                     QString* error);
+/// right-aligned. A variable without a format gets that of the values. False with a one-line
+/// `error`, also for a variable that cannot be written and a value that it cannot hold.
+S7200HOST_EXPORT bool parseAssignment(const QString& text, Variable* variable,
+                                      QVector<quint32>* values, QString* error);
 
 /// Splits the host encoding that GetRegisterData gave into elements, right-aligned. Missing bytes
 /// count as 0x00.
-QVector<quint32> decodeValues(const Variable& variable, const QByteArray& hostData);
+S7200HOST_EXPORT QVector<quint32> decodeValues(const Variable& variable,
+                                               const QByteArray& hostData);
 
 /// The elements as text in the variable's format, separated by blanks.
-QString formatValues(const Variable& variable, const QVector<quint32>& values);
+S7200HOST_EXPORT QString formatValues(const Variable& variable, const QVector<quint32>& values);
 
 /// Lines for --help that explain how variables are written.
-QString variableHelp();
+S7200HOST_EXPORT QString variableHelp();
 
 } // namespace s7200
 

@@ -8,6 +8,8 @@
 
 #include <QtTest>
 
+#include <cstring>
+
 using namespace s7200;
 
 namespace
@@ -21,9 +23,10 @@ constexpr int LongestMessage = 250;
 /// Cases as text, "GIVEN -> WANTED", one to a line or several with | between them: compares what
 /// `body` makes of each. A message needs only to name what is wanted, on one short line.
 enum class Match { Whole, Message };
-void check(const char* table, QString (*body)(const QString& given), Match match = Match::Whole)
+void check(const QByteArray& table, QString (*body)(const QString& given),
+           Match match = Match::Whole)
 {
-    for (const QString& text : QString(table).replace('\n', '|').split('|')) {
+    for (const QString& text : QString::fromUtf8(table).replace('\n', '|').split('|')) {
         const QString given = text.section("->", 0, 0).trimmed();
         const QString wanted = text.section("->", 1).trimmed();
         if (text.trimmed().isEmpty())
@@ -45,7 +48,9 @@ const QMap<int, Area> SpecialAreas = {
     {12, {10240, 1, ""}}, {16, {64, 1, ""}},    {17, {64, 1, ""}},  {14, {256, 5, "TV"}},
     {18, {256, 5, "T"}},  {15, {256, 3, "CV"}}, {19, {256, 3, "C"}}};
 
-struct Parsed : Assignment {
+struct Parsed {
+    Variable variable;
+    QVector<quint32> values;
     QString error;
 };
 
@@ -63,25 +68,13 @@ QString parseError(const QString& text)
     return parsed(text).error;
 }
 
-QString optionError(const QString& line)
-{
-    const QString command = line.section(' ', 0, 0);
-    QStringList arguments = line.split(' ');
-    arguments[0] = "s7200-panel";
-    PanelOptions options;
-    QString help;
-    QString error;
-    const bool ok = parseOptions(command, arguments, &options, &help, &error);
-    return ok || !error.isEmpty() ? error : "refused without a reason";
-}
-
 /// TYPE:START+UNITS
 QString describe(const ReadBlock& block)
 {
     return QStringLiteral("%1:%2+%3").arg(block.type).arg(block.start).arg(block.units);
 }
 
-void resetDriver(int limit, bool stationEach)
+COM_INFO* resetDriver(int limit, bool stationEach)
 {
     static COM_INFO info;
     info.block_length_limit = limit;
@@ -91,6 +84,7 @@ void resetDriver(int limit, bool stationEach)
     SetComInfo(&info);
     PLC_driver.read_list.clear();
     PLC_driver.write_list.clear();
+    return &info;
 }
 
 /// The request that does not fit its area or the PDU, or the wanted block that none brings whole.
@@ -141,11 +135,11 @@ QString limitAndMisfits(const QString& texts)
 }
 
 /// The driver's requests for a write, in order; none if a step makes another number than it says.
-QList<RW_VAR> requestsOf(const Assignment& write, bool singleBytes)
+QList<RW_VAR> requestsOf(const Parsed& write, bool stationEach)
 {
-    resetDriver(LargestLimit, singleBytes);
+    resetDriver(LargestLimit, stationEach);
     QList<RW_VAR> requests;
-    for (WriteStep& step : writeSteps(write.variable, write.values, LargestLimit, singleBytes)) {
+    for (WriteStep& step : writeSteps(write.variable, write.values, LargestLimit)) {
         PLC_driver.write_list.clear();
         SetRegisterData(QString(), step.type, step.address, 2, &step.data, step.count, 2, 1);
         if (int(PLC_driver.write_list.size()) != step.requests)
@@ -155,15 +149,40 @@ QList<RW_VAR> requestsOf(const Assignment& write, bool singleBytes)
     return requests;
 }
 
+/// The write request that does not fit the PDU.
+QString misfitOf(const Parsed& write)
+{
+    const QList<RW_VAR> requests = requestsOf(write, false);
+    for (const RW_VAR& request : requests) {
+        const int unit = qMax(2, SpecialAreas.value(request.reg_type).replyBytes);
+        if (request.count * unit > MostJobData ||
+            (request.reg_type == 13 && request.value.size() % 4 != 0))
+            return QStringLiteral("%1+%2").arg(request.address).arg(request.count);
+    }
+    return requests.isEmpty() ? QStringLiteral("none") : QString();
+}
+
+/// V memory after the write, 0xEE before.
+QByteArray writtenMemory(const Parsed& write)
+{
+    COM_INFO* info = resetDriver(LargestLimit, false);
+    info->communication_mode = 0; // into the driver's image at once
+    std::memset(PLC_driver.V_area, 0xEE, sizeof PLC_driver.V_area);
+    for (WriteStep& step : writeSteps(write.variable, write.values, LargestLimit))
+        SetRegisterData(QString(), step.type, step.address, 2, &step.data, step.count, 2, 1);
+    return QByteArray(reinterpret_cast<const char*>(PLC_driver.V_area), sizeof PLC_driver.V_area);
+}
+
 } // namespace
 
-class PanelVariableTest : public QObject
+class HostVariableTest : public QObject
 {
     Q_OBJECT
 
 private slots:
     // A variable: register type, address and element count as the driver takes them, label, format.
-    // An assignment: its values in hexadecimal.
+    // An assignment: its values in hexadecimal, and the format that shows them as they were
+    // written.
     void parse()
     {
         const char* const table = R"(
@@ -175,10 +194,14 @@ private slots:
             SMD38/b   -> 24 38 2 SMD38 3      | AQW0x32   -> 17 0 32 AQW0x32 0
             AIW62     -> 16 62 1 AIW62 0      | T255      -> 18 255 1 T255 0
             TV0x256   -> 14 0 256 TV0x256 0   | cv5       -> 15 5 1 CV5 0
-            VW0=65535 -> ffff     | VW0=-32768     -> 8000     | VB0=0b101 -> 5 | VB0=-1 -> ff
-            VD0=-1    -> ffffffff | VD0=4294967295 -> ffffffff | VD0=21.5  -> 41ac0000
-            VD0=-1e3  -> c47a0000 | VD0/float=1    -> 3f800000 | VD0=0xE1  -> e1 | VD0=1 -> 1
-            TV5=32767 -> 7fff     | VW0x2 = 7, 8   -> 7 8      | Q0.0x4=1,true,0,FALSE -> 1 1 0 0)";
+            VW0=65535 -> ffff/u   | VW0=-32768     -> 8000/s     | VB0=0b101 -> 5/b   | VB0=-1 -> ff/s
+            VD0=-1 -> ffffffff/s  | VD0=4294967295 -> ffffffff/u | VD0=21.5 -> 41ac0000/f
+            VD0=-1e3 -> c47a0000/f | VD0/float=1   -> 3f800000/f | VD0=0xE1 -> e1/h    | VD0=1 -> 1/u
+            VD0/f=16777218 -> 4b800001/f | VD0/f=0x7FC00000 -> 7fc00000/f
+            VD0/f=-0.1 -> bdcccccd/f     | VD0/f=3.4028235e38 -> 7f7fffff/f
+            VD0x2=1,2.0 -> 3f800000 40000000/f | VW0x2=-1,40000 -> ffff 9c40/u
+            VW0/s=-1 -> ffff/s | VW0/s=0xFFFF -> ffff/s | VW0/h=-1 -> ffff/h | VB0=0xf -> f/h
+            TV5=32767 -> 7fff/u   | VW0x2 = 7, 8   -> 7 8/u      | Q0.0x4=1,true,0,FALSE -> 1 1 0 0/u)";
         check(table, [](const QString& text) {
             const Parsed result = parsed(text);
             const Variable& variable = result.variable;
@@ -189,7 +212,9 @@ private slots:
                 values = QStringList{QString::number(variable.area->type), variable.driverAddress(),
                                      QString::number(variable.driverCount()), variable.label(),
                                      QString::number(int(variable.format))};
-            return result.error + values.join(' ');
+            else
+                values.append("/" + QString("ushbf").mid(int(variable.format), 1));
+            return result.error + values.join(' ').replace(" /", "/");
         });
     }
 
@@ -209,13 +234,21 @@ private slots:
             VW0=0x-1    -> -32768 to 65535 | VW0=1.5    -> -32768 to 65535
             VB0=256     -> -128 to 255     | VD0=4294967296 -> REAL | M0.0=2 -> true
             VD0/f=1e39  -> finite   | VD0/f=inf -> finite | VD0/f=nan -> finite
+            VD0/f=16777217 -> 16777216 and 16777218 | VD0=16777217.0 -> 16777216 and 16777218
+            VD0/f=1e-50 -> 0 and 1.4013e-45 | VD0/f=0x1FFFFFFFF -> 4294967295
+            VW100/s=40000 -> -32768 to 32767; VW100/unsigned takes 0 to 65535
+            VW0/u=-1 -> 0 to 65535; VW0/signed takes -32768 to 32767 | VW0/s=70000 -> -32768 to 32767
+            VB0/s=128 -> -128 to 127 | VD0/s=2147483648 -> to 2147483647; VD0/unsigned takes
+            VW0/h/s -> two formats | VW0=1  2 -> '1  2'
             TV5=32768   -> 0 to 32767 | TV5=-1 -> 0 to 32767
             VW0x2=1     -> takes 2 values | VW0=1,2 -> VW0x2 | T37=1 -> TV37 | C5=1 -> CV5
             I0.0=1      -> input    | IW0=1 -> input | AIW0=1 -> input)";
         check(table, parseError, Match::Message);
-        for (const QString& text : {QString(5000, 'V'), QString("VW\n1\x01"), QString(300, '\n')}) {
+        for (const QString& text : {QString(5000, 'V'), QString("VW\n1\x01"), QString(300, '\n'),
+                                    QString("VW0=\x1b[2J"), QString("VW0=\u202e1")}) {
             const QString error = parseError(text);
-            QVERIFY(!error.isEmpty() && error.size() < LongestMessage && !error.contains('\n'));
+            QVERIFY(!error.isEmpty() && error.size() < 2 * LongestMessage);
+            QVERIFY(std::all_of(error.begin(), error.end(), [](QChar c) { return c.isPrint(); }));
         }
     }
 
@@ -236,26 +269,20 @@ private slots:
         });
     }
 
-    // A variable and the block length limit. An odd byte is read with the one before. Of the two
-    // pieces in which VB1x107 is written the first clears 106 bytes, the second fills one again.
+    // A variable and the block length limit. An odd byte is read with the one before.
     void blocks()
     {
         const char* const table = R"(
-            M11.7x2 106 -> 8:11+2 clears 0             | M11.0 106        -> 8:10+2 clears 0
-            VB7x3 106   -> 12:6+4 clears 3             | VB7x3 106 singly -> 12:6+4 clears 1
-            VW7 106     -> 12:7+2 clears 0             | MB7 106          -> 8:6+2 clears 0
-            VB1x107 106 -> 12:0+106 12:106+2 clears 105
-            VD0x40 106  -> 12:0+106 12:106+54 clears 0 | VW0x2 0 -> 12:0+2 12:2+2 clears 0
-            CV0x100 106 -> 15:0+70 15:70+30 clears 0
-            CV0x100 42  -> 15:0+42 15:42+42 15:84+16 clears 0)";
+            M11.7x2 106 -> 8:11+2          | M11.0 106   -> 8:10+2 | VB7x3 106   -> 12:6+4
+            VW7 106     -> 12:7+2          | MB7 106     -> 8:6+2  | VB1x107 106 -> 12:0+106 12:106+2
+            VD0x40 106  -> 12:0+106 12:106+54 | VW0x2 0  -> 12:0+2 12:2+2
+            CV0x100 106 -> 15:0+70 15:70+30 | CV0x100 42 -> 15:0+42 15:42+42 15:84+16)";
         check(table, [](const QString& given) {
+            QStringList described;
             const Variable variable = parsed(given.section(' ', 0, 0)).variable;
-            const int limit = given.section(' ', 1, 1).toInt();
-            const int cleared = bytesClearedBehind(variable, limit, given.endsWith("singly"));
-            QString described;
-            for (const ReadBlock& block : readBlocks(variable, 2, limit))
-                described += describe(block) + ' ';
-            return described + "clears " + QString::number(cleared);
+            for (const ReadBlock& block : readBlocks(variable, 2, given.section(' ', 1, 1).toInt()))
+                described.append(describe(block));
+            return described.join(' ');
         });
     }
 
@@ -281,97 +308,62 @@ private slots:
         QVERIFY(!block.overlaps(extentOf(parsed("VW12").variable, 3)));
     }
 
-    // TYPE:ADDRESS+COUNT=HEX, and what the last request covers. Of VB the driver sends the first
-    // COUNT bytes as they stand, and as many behind them.
+    // TYPE:ADDRESS+COUNT=HEX, and what the last request covers. Bytes go in pairs as words, a last
+    // odd one as bits.
     void writes()
     {
         const char* const table = R"(
             VW100x2=1,0x203    -> 12:100+2=01000302 12:100+4
             VD8x2=1,2          -> 13:8+4=0100000002000000 12:8+8
             SMD38=1            -> 24:38+2=01000000 10:38+4
-            VB7x3=1,2,3        -> 11:7+3=010203000000 12:7+6
-            VB7x3=1,2,3 singly -> 11:7+1=0100 11:8+1=0200 11:9+1=0300 12:9+2
+            VB7x4=1,2,3,4      -> 12:7+2=02010403 12:7+4 | SMB28x2=1,2 -> 10:28+1=0201 10:28+2
             TV5=300 -> 14:5+1=2c01 14:5+1 | CV5x2=1,2 -> 15:5+2=01000200 15:5+2
             AQW2=7  -> 17:2+1=0700 17:2+2 | Q0.6x3=1,0,1 -> 1:6+1=01 1:7+1=00 1:8+1=01 7:1+1
-        MB0=5 -> 2:0+1=01 2:1+1=00 2:2+1=01 2:3+1=00 2:4+1=00 2:5+1=00 2:6+1=00 2:7+1=00 8:0+1)";
-        check(table, [](const QString& given) {
-            const Assignment write = parsed(given.section(' ', 0, 0));
-            const QList<RW_VAR> requests = requestsOf(write, given.endsWith("singly"));
-            QString described;
-            for (const RW_VAR& request : requests)
-                described += QStringLiteral("%1:%2+%3=%4 ")
-                                 .arg(request.reg_type)
-                                 .arg(request.address)
-                                 .arg(request.count)
-                                 .arg(QString::fromLatin1(request.value.toHex()));
-            return described + describe(writtenBlock(requests.value(requests.size() - 1)));
+        MB0=5 -> 2:0+1=01 2:1+1=00 2:2+1=01 2:3+1=00 2:4+1=00 2:5+1=00 2:6+1=00 2:7+1=00 8:0+1
+        VB1x3=1,2,0x80 -> 12:1+1=0201 5:24+1=00 5:25+1=00 5:26+1=00 5:27+1=00 5:28+1=00 5:29+1=00
+5:30+1=00 5:31+1=01 12:3+1)";
+        const QString joined = QString::fromUtf8(table).replace("=00\n5", "=00 5");
+        check(joined.toLatin1(), [](const QString& given) {
+            for (const bool stationEach : {true, false}) {
+                const QList<RW_VAR> requests = requestsOf(parsed(given), stationEach);
+                QString described;
+                for (const RW_VAR& request : requests)
+                    described += QStringLiteral("%1:%2+%3=%4 ")
+                                     .arg(request.reg_type)
+                                     .arg(request.address)
+                                     .arg(request.count)
+                                     .arg(QString::fromLatin1(request.value.toHex()));
+                if (!stationEach)
+                    return described + describe(writtenBlock(requests.value(requests.size() - 1)));
+            }
+            return QString();
         });
     }
 
-    void longWritesFit()
+    // However long a write is, its requests fit the PDU, and what they leave in V memory is the
+    // values, most significant byte first, with nothing changed beside them.
+    void longWrites()
     {
-        for (const char* name : {"VW0x500", "VD0x301", "VB0x500", "TV0x99", "CV0x99", "M0.0x900"}) {
-            Assignment write = parsed(name);
-            write.values.fill(1, write.variable.repeat);
-            const QList<RW_VAR> requests = requestsOf(write, false);
-            QVERIFY2(!requests.isEmpty(), name);
-            const ReadBlock last = writtenBlock(requests.last());
-            QVERIFY2(last.start + last.units >= write.variable.endUnit(), name);
-            for (const RW_VAR& request : requests) {
-                const int unit = qMax(2, SpecialAreas.value(request.reg_type).replyBytes);
-                QVERIFY2(request.count * unit <= MostJobData, name);
-                QVERIFY2(request.value.size() % 4 == 0 || request.reg_type != 13, name);
+        for (const char* name : {"VW1x500", "VD3x301", "VB0x500", "VB9x107", "VB10239", "VB7x2",
+                                 "VD10236", "V3.6x900", "TV0x99", "CV0x99"}) {
+            Parsed write = parsed(name);
+            const int bytes = write.variable.endUnit() - write.variable.firstUnit();
+            const int each = bytes / write.variable.repeat;
+            QByteArray wanted(SpecialAreas.value(12).units, '\xEE');
+            for (int i = 0; i < write.variable.repeat; ++i) {
+                quint32 value = each == 0 ? 1 : 0;
+                for (int k = 0; k < each; ++k) {
+                    wanted[write.variable.address + i * each + k] = char(7 * i + k);
+                    value = value << 8 | uchar(7 * i + k);
+                }
+                write.values.append(value);
             }
+            QCOMPARE(misfitOf(write), QString());
+            const bool inBytes = write.variable.area->reads == 12 && each > 0;
+            QVERIFY2(!inBytes || writtenMemory(write) == wanted, name);
         }
-    }
-
-    void options()
-    {
-        const char* const table = R"(
-            watch --controller h:1 --interval 0 --count 3 --duration 0.5 VW0 ->
-            read --controller [::1]:102 VW0 -> | read --controller ::1 VW0 -> | read VW0@3 VW0 ->
-            read --controller 3=h --controller 4=h:2 VW0@3 VW0@4 -> | watch VW0 ->
-            read --controller h --controller 4=h VW0 VW0@4 -> | write VW0=-1 ->
-            watch -> VW100 | write -> VW100=7 | write VW0 -> VARIABLE=VALUE | read VW0=1 -> NAME
-            watch --count 0 VW0 -> --count         | watch --count x VW0 -> --count
-            watch --duration 0 VW0 -> --duration   | watch --duration nan VW0 -> --duration
-            watch --interval -1 VW0 -> --interval  | read --interval 5 VW0 -> interval
-            read --timeout 0 VW0 -> --timeout      | read --retries 1001 VW0 -> --retries
-            read --controller h:0 VW0 -> 0 to 255  | read --controller :5 VW0 -> 0 to 255
-            read --controller h:99999 VW0 -> 0 to 255 | read --controller 300=h VW0 -> 0 to 255
-            read --controller h --controller i VW0 -> twice | read --controller -> controller
-            read --controller 3=h VW0 -> STATION   | read --controller h VW0@3 -> 3=HOST
-            read --controller 3=h T37@3 -> TV37    | write --controller 3=h VB8=1 -> STATION
-            write VB10239=1 -> VW10238 | write --remote VB10239=1 -> | write VB10238=1 ->
-            read --bogus VW0 -> bogus)";
-        check(table, optionError, Match::Message);
-    }
-
-    void statuses()
-    {
-        QCOMPARE(exitStatusOf(QVector<Fault>{Fault::None, Fault::None}), ExitGood);
-        QCOMPARE(exitStatusOf(QVector<Fault>{Fault::NoAnswer, Fault::Refused}), ExitNoAnswer);
-        QCOMPARE(exitStatusOf(QVector<Fault>{Fault::NoConnection, Fault::None}), ExitSomeFailed);
-    }
-
-    // A good write, a refused write and read, an error class, a disconnect request; then what
-    // cannot be judged: another protocol, a reply cut short, none at all.
-    void refusals()
-    {
-        const char* const table = R"(
-            0300001602f0803203000000010002000100000501ff -> | 0300 -> | ->
-            0300001602f08032030000000100020001000005010a -> does not exist
-            0300001902f080320300000001000200040000040105000000 -> range
-            0300001302f080320200000001000000008104 -> 0x81
-            0300000b06800000000100 -> refused the connection
-            0300001602f08033030000000100020001000005010a ->
-            0300001602f0803203000000010002000100000501 ->)";
-        const auto body = [](const QString& reply) {
-            return refusalOf(QByteArray::fromHex(reply.toLatin1()));
-        };
-        check(table, body, Match::Message);
     }
 };
 
-QTEST_GUILESS_MAIN(PanelVariableTest)
-#include "panel_variable_test.moc"
+QTEST_GUILESS_MAIN(HostVariableTest)
+#include "host_variable_test.moc"

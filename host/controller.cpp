@@ -1,0 +1,216 @@
+#include <s7200host/controller.h>
+
+#include "host/session.h"
+
+#include <QDateTime>
+#include <QTimer>
+
+#include <utility>
+
+namespace s7200
+{
+
+QString Endpoint::text() const
+{
+    const QString shown = host.contains(QLatin1Char(':')) ? QStringLiteral("[%1]").arg(host) : host;
+    return shown + QLatin1Char(':') + QString::number(port);
+}
+
+QString describe(Quality quality)
+{
+    static const char* const names[] = {"good", "stale", "never read", "refused", "link down"};
+    return QLatin1String(names[int(quality)]);
+}
+
+class Controller::Private
+{
+public:
+    explicit Private(Controller* controller, const ControllerSettings& controllerSettings)
+        : q(controller), settings(controllerSettings)
+    {
+    }
+
+    void request(const Variable& variable, const QVector<quint32>& values, const Done& done);
+    void failLater(const Done& done, Cause cause, const QString& detail);
+    void endSession();
+
+    Controller* const q;
+    const ControllerSettings settings;
+    QVector<Variable> watched;
+    std::unique_ptr<Session> session; ///< Null while stopped.
+    LinkStatistics statistics;        ///< Of the last session.
+};
+
+void Controller::Private::request(const Variable& variable, const QVector<quint32>& values,
+                                  const Done& done)
+{
+    if (!session) {
+        failLater(done, Cause::Stopped, QStringLiteral("stopped"));
+        return;
+    }
+    RequestPtr request(new Request);
+    request->variable = variable;
+    request->station = session->machine().stationOf(variable);
+    request->values = values;
+    if (done)
+        request->done = [done](const Result& result) {
+            Result dated = result;
+            if (dated.value.ageMs >= 0)
+                dated.value.timeMs = QDateTime::currentMSecsSinceEpoch() - dated.value.ageMs;
+            done(dated);
+        };
+    session->request(std::move(request));
+}
+
+/// A completion never comes before the function that asks for it has returned.
+void Controller::Private::failLater(const Done& done, Cause cause, const QString& detail)
+{
+    if (!done)
+        return;
+    Result result;
+    result.cause = cause;
+    result.detail = detail;
+    QTimer::singleShot(0, q, [done, result] { done(result); });
+}
+
+void Controller::Private::endSession()
+{
+    if (!session)
+        return;
+    Session* const ended = session.release();
+    ended->stop();
+    statistics = ended->machine().statistics();
+    if (ended->mayBeDeleted())
+        delete ended;
+    else
+        ended->deleteLater();
+}
+
+Controller::Controller(const ControllerSettings& settings, QObject* parent)
+    : QObject(parent), d(new Private(this, settings))
+{
+    qRegisterMetaType<s7200::LinkStatus>();
+    qRegisterMetaType<QVector<int>>();
+}
+
+Controller::~Controller()
+{
+    d->endSession();
+}
+
+const ControllerSettings& Controller::settings() const
+{
+    return d->settings;
+}
+
+QString Controller::name() const
+{
+    return d->settings.name.isEmpty() ? d->settings.endpoint.text() : d->settings.name;
+}
+
+bool Controller::start(QString* error)
+{
+    if (d->session)
+        return true;
+    std::unique_ptr<Session> session(new Session(d->settings));
+    connect(session.get(), &Session::linkChanged, this, &Controller::linkChanged);
+    connect(session.get(), &Session::valuesChanged, this, &Controller::valuesChanged);
+    connect(session.get(), &Session::cycleDone, this, &Controller::cycleDone);
+    QString reason;
+    d->session = std::move(session);
+    if (d->session->start(d->watched, &reason))
+        return true;
+    d->session.reset();
+    if (error)
+        *error = reason;
+    return false;
+}
+
+void Controller::stop()
+{
+    d->endSession();
+}
+
+void Controller::watch(const QVector<Variable>& variables)
+{
+    d->watched = variables;
+    if (d->session)
+        d->session->watch(variables);
+}
+
+bool Controller::watch(const QStringList& variables, QString* error)
+{
+    QVector<Variable> parsed(variables.size());
+    for (int i = 0; i < int(variables.size()); ++i) {
+        QString reason;
+        if (parseVariable(variables.at(i), &parsed[i], &reason))
+            continue;
+        if (error)
+            *error = reason;
+        return false;
+    }
+    watch(parsed);
+    return true;
+}
+
+const QVector<Variable>& Controller::watched() const
+{
+    return d->watched;
+}
+
+Value Controller::value(int index) const
+{
+    if (!d->session)
+        return Value();
+    Value value = d->session->machine().value(index, d->session->now());
+    if (value.ageMs >= 0)
+        value.timeMs = QDateTime::currentMSecsSinceEpoch() - value.ageMs;
+    return value;
+}
+
+void Controller::read(const Variable& variable, const Done& done)
+{
+    d->request(variable, {}, done);
+}
+
+void Controller::write(const Variable& variable, const QVector<quint32>& values, const Done& done)
+{
+    if (variable.area && variable.area->writable && values.size() == variable.repeat)
+        d->request(variable, values, done);
+    else
+        d->failLater(done, Cause::Invalid,
+                     QStringLiteral("%1 cannot be written with %2 values")
+                         .arg(variable.area ? variable.label() : QString())
+                         .arg(values.size()));
+}
+
+bool Controller::write(const QString& assignment, const Done& done, QString* error)
+{
+    Variable variable;
+    QVector<quint32> values;
+    QString reason;
+    if (!parseAssignment(assignment, &variable, &values, &reason)) {
+        if (error)
+            *error = reason;
+        return false;
+    }
+    write(variable, values, done);
+    return true;
+}
+
+LinkStatus Controller::link(int station) const
+{
+    const int number = station >= 0 ? station : d->settings.defaultStation;
+    if (d->session)
+        return d->session->machine().link(number, d->session->now());
+    LinkStatus status;
+    status.station = number;
+    return status;
+}
+
+const LinkStatistics& Controller::statistics() const
+{
+    return d->session ? d->session->machine().statistics() : d->statistics;
+}
+
+} // namespace s7200

@@ -1,0 +1,164 @@
+#include <s7200host/controller_file.h>
+
+#include "host/csv.h"
+#include "wire/s7_fields.h"
+
+#include <QHash>
+
+#include <algorithm>
+
+namespace s7200
+{
+
+namespace
+{
+
+constexpr int LongestMs = 24 * 60 * 60 * 1000;
+constexpr int MostRetries = 1000;
+// They separate names from what else stands where a variable may.
+const char* const NotInNames = "*?=:<>!,@";
+
+enum Column {
+    NameColumn,
+    HostColumn,
+    PortColumn,
+    LocalTsapColumn,
+    RemoteTsapColumn,
+    TimeoutColumn,
+    RetriesColumn,
+    IntervalColumn
+};
+
+const QVector<CsvColumn>& controllerColumns()
+{
+    static const QVector<CsvColumn> columns = {
+        {"name", true},         {"host", true},     {"port", false},    {"local_tsap", false},
+        {"remote_tsap", false}, {"timeout", false}, {"retries", false}, {"interval", false}};
+    return columns;
+}
+
+/// One row of a controller file.
+class RowReader
+{
+public:
+    RowReader(const CsvRow& row, const QString& file, QStringList* errors)
+        : m_row(row), m_file(file), m_errors(errors)
+    {
+    }
+
+    ControllerSettings read(const ControllerSettings& defaults)
+    {
+        ControllerSettings settings = defaults;
+        settings.name = m_row.fields.at(NameColumn);
+        const bool bad = std::any_of(settings.name.begin(), settings.name.end(), [](QChar c) {
+            return c.unicode() < 0x20 || QLatin1String(NotInNames).contains(c);
+        });
+        if (settings.name.isEmpty())
+            fault(QStringLiteral("the name is missing"));
+        else if (bad)
+            fault(QStringLiteral("%1 cannot be a name; none of %2 may be in it")
+                      .arg(quoted(settings.name), QLatin1String(NotInNames)));
+        settings.endpoint.host = m_row.fields.at(HostColumn);
+        if (settings.endpoint.host.isEmpty())
+            fault(QStringLiteral("the host is missing"));
+        else if (settings.endpoint.host.contains(QLatin1Char(' ')))
+            fault(QStringLiteral("%1 is no host").arg(quoted(settings.endpoint.host)));
+        int port = settings.endpoint.port;
+        number(PortColumn, 1, 65535, &port);
+        settings.endpoint.port = quint16(port);
+        tsap(LocalTsapColumn, &settings.localTsap);
+        tsap(RemoteTsapColumn, &settings.remoteTsap);
+        number(TimeoutColumn, 1, LongestMs, &settings.timeoutMs);
+        number(RetriesColumn, 0, MostRetries, &settings.retries);
+        number(IntervalColumn, 0, LongestMs, &settings.intervalMs);
+        return settings;
+    }
+
+private:
+    void fault(const QString& text)
+    {
+        m_errors->append(lineError(m_file, m_row.line, text));
+    }
+
+    void number(Column column, int lowest, int highest, int* value)
+    {
+        const QString& text = m_row.fields.at(column);
+        if (text.isEmpty())
+            return;
+        bool ok = false;
+        const int given = text.toInt(&ok);
+        if (ok && given >= lowest && given <= highest)
+            *value = given;
+        else
+            fault(QStringLiteral("%1 is a whole number from %2 to %3, not %4")
+                      .arg(QLatin1String(controllerColumns().at(column).name))
+                      .arg(lowest)
+                      .arg(highest)
+                      .arg(quoted(text)));
+    }
+
+    void tsap(Column column, quint16* value)
+    {
+        const QString& text = m_row.fields.at(column);
+        if (text.isEmpty())
+            return;
+        const std::optional<quint16> given = parseTsap(text);
+        if (given)
+            *value = *given;
+        else
+            fault(
+                QStringLiteral("%1 is two hexadecimal bytes, 10.00 or 1000, not %2 (a spreadsheet "
+                               "keeps them only in a column of text)")
+                    .arg(QLatin1String(controllerColumns().at(column).name), quoted(text)));
+    }
+
+    const CsvRow& m_row;
+    const QString& m_file;
+    QStringList* m_errors;
+};
+
+} // namespace
+
+std::optional<QVector<ControllerSettings>>
+loadControllers(const QString& file, const ControllerSettings& defaults, QStringList* errors)
+{
+    const std::optional<QByteArray> csv = readWholeFile(file, errors);
+    return csv ? parseControllers(*csv, file, defaults, errors) : std::nullopt;
+}
+
+std::optional<QVector<ControllerSettings>> parseControllers(const QByteArray& csv,
+                                                            const QString& file,
+                                                            const ControllerSettings& defaults,
+                                                            QStringList* errors)
+{
+    QStringList faults;
+    QVector<ControllerSettings> controllers;
+    QHash<QString, int> lines;
+    for (const CsvRow& row : readCsv(csv, file, controllerColumns(), &faults)) {
+        controllers.append(RowReader(row, file, &faults).read(defaults));
+        const QString& name = controllers.last().name;
+        int& line = lines[name.toLower()];
+        if (line != 0 && !name.isEmpty())
+            faults.append(lineError(
+                file, row.line,
+                QStringLiteral("%1 is already the name of line %2").arg(quoted(name)).arg(line)));
+        line = row.line;
+    }
+    if (faults.isEmpty() && controllers.isEmpty())
+        faults.append(file + QStringLiteral(": there is no controller in it"));
+    *errors += faults;
+    return faults.isEmpty() ? std::optional<QVector<ControllerSettings>>(controllers)
+                            : std::nullopt;
+}
+
+std::optional<quint16> parseTsap(const QString& text)
+{
+    return wire::parseTsap(text);
+}
+
+QString tsapText(quint16 tsap)
+{
+    return wire::tsapText(tsap);
+}
+
+} // namespace s7200

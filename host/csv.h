@@ -1,0 +1,45 @@
+#ifndef HOST_CSV_H
+#define HOST_CSV_H
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include <optional>
+
+namespace s7200
+{
+
+// Tables as spreadsheets write them: CSV in UTF-8, with or without a byte order mark, with a header
+// line, separated by commas or semicolons, in quotes where needed, lines ended by CR LF or LF.
+
+/// A column by name. Spelt in upper or lower case and with blanks, _ or - between its words it is
+/// the same.
+struct CsvColumn {
+    const char* name;
+    bool required;
+};
+
+struct CsvRow {
+    int line = 0;       ///< Of the file, from 1.
+    QStringList fields; ///< One for each CsvColumn; empty where the file has none.
+};
+
+/// The rows of a table, with a line for each fault in `errors`: no text in UTF-8, an unknown
+/// column, one twice, a required one missing, fields without a column, quotes that do not match.
+QVector<CsvRow> readCsv(const QByteArray& csv, const QString& file,
+                        const QVector<CsvColumn>& columns, QStringList* errors);
+
+/// The whole file; nothing, with a line in `errors`, if it cannot be read.
+std::optional<QByteArray> readWholeFile(const QString& file, QStringList* errors);
+
+/// One line, separated by commas and ended by LF, with quotes where they are needed.
+QByteArray csvLine(const QStringList& fields);
+
+/// "FILE line 7: ..."
+QString lineError(const QString& file, int line, const QString& text);
+
+} // namespace s7200
+
+#endif

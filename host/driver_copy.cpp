@@ -1,0 +1,183 @@
+#include "host/driver_copy.h"
+
+#include <s7200host/controller.h>
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSet>
+#include <QTemporaryFile>
+
+#include <dlfcn.h>
+
+#include <mutex>
+
+namespace s7200
+{
+
+namespace
+{
+
+const char* const FileName = "libSiemens_S7_200_cp243.so.1";
+
+/// The file that copies are made of, read once, and the drivers that are loaded.
+struct Shelf {
+    std::mutex mutex;
+    QString file;
+    QDateTime modified;
+    QByteArray bytes;
+    QSet<void*> objects; ///< PLC_driver of every copy.
+};
+
+Shelf& shelf()
+{
+    static Shelf* const one = new Shelf; // outlives static objects that own copies
+    return *one;
+}
+
+bool readFile(Shelf& shelf, const QString& name, QString* error)
+{
+    const QDateTime modified = QFileInfo(name).lastModified();
+    if (shelf.file == name && shelf.modified == modified)
+        return true;
+    QFile file(name);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("driver library %1: %2").arg(name, file.errorString());
+        return false;
+    }
+    shelf.bytes = file.readAll();
+    shelf.file = name;
+    shelf.modified = modified;
+    return true;
+}
+
+/// Opens a copy in `directory`. The file is gone from there when this returns.
+void* openCopy(const QByteArray& bytes, const QString& directory, QString* error)
+{
+    QTemporaryFile copy(directory + QStringLiteral("/s7200-driver-XXXXXX"));
+    if (!copy.open() || copy.write(bytes) != bytes.size() || !copy.flush()) {
+        *error = QStringLiteral("no copy of the driver library in %1: %2")
+                     .arg(directory, copy.errorString());
+        return nullptr;
+    }
+    void* const library =
+        dlopen(QFile::encodeName(copy.fileName()).constData(), RTLD_NOW | RTLD_LOCAL);
+    if (!library)
+        *error = QString::fromLocal8Bit(dlerror()).simplified();
+    return library;
+}
+
+} // namespace
+
+DriverCopy::~DriverCopy()
+{
+    if (!m_library)
+        return;
+    const std::lock_guard<std::mutex> lock(shelf().mutex);
+    shelf().objects.remove(m_object);
+    dlclose(m_library);
+}
+
+bool DriverCopy::load(const QString& file, QString* error)
+{
+    const std::lock_guard<std::mutex> lock(shelf().mutex);
+    if (!readFile(shelf(), QFileInfo(file).absoluteFilePath(), error))
+        return false;
+    // A temporary directory may be mounted so that nothing in it can be executed.
+    for (const QString& directory :
+         {QDir::tempPath(), QStringLiteral("/var/tmp"), QStringLiteral("/dev/shm")}) {
+        QString reason;
+        m_library = openCopy(shelf().bytes, directory, &reason);
+        if (m_library)
+            break;
+        if (error->isEmpty())
+            *error = reason;
+    }
+    if (!m_library)
+        return false;
+    error->clear();
+    return resolve(&SetComInfo, "SetComInfo", error) &&
+           resolve(&RegistCallBackFuncIntf, "RegistCallBackFuncIntf", error) &&
+           resolve(&FlashLocalRegister, "FlashLocalRegister", error) &&
+           resolve(&ReCreatReadVarList, "ReCreatReadVarList", error) &&
+           resolve(&AddListReadVar, "AddListReadVar", error) &&
+           resolve(&AddListOnceReadVar, "AddListOnceReadVar", error) &&
+           resolve(&AddListWriteVar, "AddListWriteVar", error) &&
+           resolve(&ComCommunication, "ComCommunication", error) &&
+           resolve(&DataCom, "DataCom", error) &&
+           resolve(&GetRegisterData, "GetRegisterData", error) &&
+           resolve(&SetRegisterData, "SetRegisterData", error) && isSeparate(error);
+}
+
+template <typename Symbol>
+bool DriverCopy::resolve(Symbol* symbol, const char* name, QString* error)
+{
+    *symbol = reinterpret_cast<Symbol>(dlsym(m_library, name));
+    if (!*symbol)
+        *error =
+            QStringLiteral("driver library %1 has no %2").arg(shelf().file, QLatin1String(name));
+    return *symbol != nullptr;
+}
+
+/// Its data must lie where no other copy's do, and its code must use them: in a program that is
+/// linked to the driver the references of every copy bind to the program's own driver.
+bool DriverCopy::isSeparate(QString* error)
+{
+    void** words = nullptr;
+    if (!resolve(&m_object, "PLC_driver", error) || !resolve(&words, "LW", error))
+        return false;
+    unsigned short mark = 0;
+    FlashLocalRegister(nullptr, &mark, nullptr);
+    const bool usesItsOwn = *words == &mark;
+    FlashLocalRegister(nullptr, nullptr, nullptr);
+    if (usesItsOwn && !shelf().objects.contains(m_object)) {
+        shelf().objects.insert(m_object);
+        return true;
+    }
+    m_object = nullptr;
+    *error = QStringLiteral("the driver library cannot be loaded as a copy of its own: is the "
+                            "program linked to it?");
+    return false;
+}
+
+QString findDriver(const QString& file, QString* error)
+{
+    const QString name = QLatin1String(FileName);
+    const QString program = QCoreApplication::applicationDirPath();
+    QStringList tried{file};
+    if (file.isEmpty()) {
+        tried = QStringList{
+            program + QLatin1Char('/') + name,
+            program + QStringLiteral("/../lib/") + name,
+#ifdef S7200_LIBDIR_FROM_BINDIR
+            program + QLatin1Char('/') + QLatin1String(S7200_LIBDIR_FROM_BINDIR) +
+                QLatin1Char('/') + name,
+#endif
+        };
+        // Beside this library, which is where both are built and installed.
+        Dl_info self = {};
+        if (dladdr(reinterpret_cast<void*>(&findDriver), &self) != 0)
+            tried << QFileInfo(QFile::decodeName(self.dli_fname)).absolutePath() +
+                         QLatin1Char('/') + name;
+        // Where the loader finds it, that is the file: it is asked and let go of again.
+        if (void* const library = dlopen(FileName, RTLD_LAZY | RTLD_LOCAL)) {
+            Dl_info info = {};
+            if (dladdr(dlsym(library, "ComCommunication"), &info) != 0)
+                tried << QFile::decodeName(info.dli_fname);
+            dlclose(library);
+        }
+    }
+    for (const QString& candidate : std::as_const(tried)) {
+        if (QFileInfo(candidate).isFile())
+            return QFileInfo(candidate).absoluteFilePath();
+    }
+    *error = file.isEmpty() ? QStringLiteral("no driver library %1 beside the program, in ../lib "
+                                             "or where the system's loader looks")
+                                  .arg(name)
+                            : QStringLiteral("no driver library %1").arg(file);
+    return QString();
+}
+
+} // namespace s7200

@@ -1,0 +1,405 @@
+#include "host/element_text.h"
+
+#include <QStringList>
+#include <QtEndian>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+namespace s7200
+{
+
+namespace
+{
+
+constexpr int LongestQuote = 80;
+// A timer or counter runs from 0 to 32767.
+constexpr qint64 HighestNumberValue = 0x7FFF;
+// Half of a single's last binary digit, against its largest value.
+constexpr double HalfDigit = 3e-8;
+
+struct FormatName {
+    const char* name;
+    const char* letter;
+    Format format;
+};
+
+constexpr FormatName Formats[] = {
+    {"unsigned", "u", Format::Unsigned}, {"signed", "s", Format::Signed}, {"hex", "h", Format::Hex},
+    {"binary", "b", Format::Binary},     {"float", "f", Format::Float},
+};
+
+/// What the bits can stand for in one format or another.
+NumberRange bitRange(Width width)
+{
+    const NumberRange natural = rangeOf(width, Format::Unsigned);
+    return {rangeOf(width, Format::Signed).lowest, natural.highest};
+}
+
+/// What is taken from a user: all that fits the bits unless a format says which.
+NumberRange takenRange(const Variable& variable)
+{
+    const bool chosen = variable.formatGiven &&
+                        (variable.format == Format::Signed || variable.format == Format::Unsigned);
+    return chosen ? rangeOf(variable.area->width, variable.format) : bitRange(variable.area->width);
+}
+
+QString rangeText(const NumberRange& range)
+{
+    return QStringLiteral("%1 to %2").arg(range.lowest).arg(range.highest);
+}
+
+bool looksLikeReal(const QString& text)
+{
+    return !hasBitPrefix(text) && (text.contains(QLatin1Char('.')) ||
+                                   text.contains(QLatin1Char('e'), Qt::CaseInsensitive));
+}
+
+/// Digits from the first to the last that is not 0.
+int significantDigits(const QString& text)
+{
+    QString digits;
+    for (const QChar c : text) {
+        if (c == QLatin1Char('e') || c == QLatin1Char('E'))
+            break;
+        if (c.isDigit() && (!digits.isEmpty() || c != QLatin1Char('0')))
+            digits.append(c);
+    }
+    while (digits.endsWith(QLatin1Char('0')))
+        digits.chop(1);
+    return std::max(1, int(digits.size()));
+}
+
+QString inDigits(double number, int digits)
+{
+    const int most = std::numeric_limits<double>::max_digits10;
+    return QString::number(number, 'e', std::min(digits, most) - 1);
+}
+
+std::optional<quint32> parseBit(const QString& text)
+{
+    const QString lower = text.toLower();
+    if (lower == QLatin1String("1") || lower == QLatin1String("true"))
+        return 1;
+    if (lower == QLatin1String("0") || lower == QLatin1String("false"))
+        return 0;
+    return std::nullopt;
+}
+
+std::optional<quint32> realElement(const QString& text, QString* wanted)
+{
+    const RealInverse inverse = parseReal(text, Scaling());
+    if (inverse.exact)
+        return elementOfReal(inverse.real);
+    *wanted = inverse.number
+                  ? QStringLiteral("the nearest that a REAL holds are %1 and %2")
+                        .arg(realText(float(inverse.lower)), realText(float(inverse.upper)))
+                  : QStringLiteral("it takes a finite REAL, as in 21.5");
+    return std::nullopt;
+}
+
+/// The range that is taken, and the format that would take the number if there is one.
+QString wantedNumber(const Variable& variable, bool isNumber, qint64 number)
+{
+    QString wanted = QStringLiteral("it takes ") + rangeText(takenRange(variable));
+    if (variable.area->width == Width::DoubleWord && !variable.formatGiven)
+        return wanted + QStringLiteral(" or a REAL, as in 21.5");
+    const Format other = variable.format == Format::Signed ? Format::Unsigned : Format::Signed;
+    const NumberRange range = rangeOf(variable.area->width, other);
+    if (isNumber && variable.area->width != Width::Number && range.holds(number))
+        wanted += QStringLiteral("; %1/%2 takes %3")
+                      .arg(variable.label(), formatName(other), rangeText(range));
+    return wanted;
+}
+
+QString unwritable(const Variable& variable, const QString& label)
+{
+    if (!variable.area->numbered)
+        return QStringLiteral("%1 is an input and cannot be written").arg(label);
+    const bool timer = variable.area->name[0] == 'T';
+    return QStringLiteral("%1 is a %2 bit and cannot be written; the value is %3%4")
+        .arg(label, QLatin1String(timer ? "timer" : "counter"), QLatin1String(timer ? "TV" : "CV"))
+        .arg(variable.address);
+}
+
+} // namespace
+
+QString quoted(const QString& text)
+{
+    QString shown;
+    for (const QChar c : text) {
+        if (shown.size() >= LongestQuote) {
+            shown += QStringLiteral("...");
+            break;
+        }
+        const bool harmless =
+            c.isPrint() || c.isSurrogate() || c.category() == QChar::Other_NotAssigned;
+        shown += harmless ? QString(c)
+                          : QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
+    }
+    return QLatin1Char('\'') + shown + QLatin1Char('\'');
+}
+
+QString formatName(Format format)
+{
+    const auto row = std::find_if(std::begin(Formats), std::end(Formats) - 1,
+                                  [&](const FormatName& name) { return name.format == format; });
+    return QLatin1String(row->name);
+}
+
+std::optional<Format> formatNamed(const QString& name)
+{
+    const QString lower = name.toLower();
+    for (const FormatName& row : Formats) {
+        if (lower == QLatin1String(row.name) || lower == QLatin1String(row.letter))
+            return row.format;
+    }
+    return std::nullopt;
+}
+
+NumberRange rangeOf(Width width, Format format)
+{
+    if (width == Width::Number)
+        return {0, HighestNumberValue};
+    if (width == Width::Bit)
+        return {0, 1};
+    const qint64 values = qint64(1) << (8 * bytesOf(width));
+    return format == Format::Signed ? NumberRange{-values / 2, values / 2 - 1}
+                                    : NumberRange{0, values - 1};
+}
+
+qint64 numberOf(const Variable& variable, quint32 element)
+{
+    if (variable.format != Format::Signed)
+        return element;
+    const qint64 values = qint64(1) << (8 * bytesOf(variable.area->width));
+    return element < values / 2 ? qint64(element) : qint64(element) - values;
+}
+
+quint32 elementOf(Width width, qint64 number)
+{
+    return quint32(number & ((qint64(1) << (8 * bytesOf(width))) - 1));
+}
+
+float realOf(quint32 element)
+{
+    float real;
+    static_assert(sizeof real == sizeof element, "a REAL is an IEEE 754 single");
+    std::memcpy(&real, &element, sizeof real);
+    return real;
+}
+
+quint32 elementOfReal(float real)
+{
+    quint32 element;
+    std::memcpy(&element, &real, sizeof element);
+    return element;
+}
+
+QString realText(float real)
+{
+    for (int digits = 6; digits < std::numeric_limits<float>::max_digits10; ++digits) {
+        const QString text = QString::number(double(real), 'g', digits);
+        if (text.toFloat() == real)
+            return text;
+    }
+    return QString::number(double(real), 'g', std::numeric_limits<float>::max_digits10);
+}
+
+bool hasBitPrefix(const QString& text)
+{
+    return text.startsWith(QLatin1String("0x"), Qt::CaseInsensitive) ||
+           text.startsWith(QLatin1String("0b"), Qt::CaseInsensitive);
+}
+
+std::optional<quint32> parseBits(Width width, const QString& text)
+{
+    // A sign behind the prefix converts too, but nobody means it.
+    if (!hasBitPrefix(text) || text.size() < 3 || !text.at(2).isLetterOrNumber())
+        return std::nullopt;
+    const bool hex = text.at(1).toLower() == QLatin1Char('x');
+    bool ok = false;
+    const quint32 bits = text.mid(2).toUInt(&ok, hex ? 16 : 2);
+    if (!ok || bits > rangeOf(width, Format::Unsigned).highest)
+        return std::nullopt;
+    return bits;
+}
+
+RealInverse parseReal(const QString& text, const Scaling& scaling)
+{
+    RealInverse inverse;
+    bool ok = false;
+    const double number = text.toDouble(&ok);
+    const double unscaled = scaling.invert(number);
+    const double most = double(std::numeric_limits<float>::max());
+    if (!ok || !(std::fabs(unscaled) <= most * (1 + HalfDigit)))
+        return inverse;
+    const float infinity = std::numeric_limits<float>::infinity();
+    const auto scaled = [&](float real) {
+        return scaling.isIdentity() ? double(real) : scaling.apply(double(real));
+    };
+    inverse.number = true;
+    inverse.real = float(std::max(-most, std::min(unscaled, most)));
+    const int digits = significantDigits(text);
+    inverse.exact = inDigits(scaled(inverse.real), digits) == inDigits(number, digits);
+    inverse.lower = -double(infinity);
+    inverse.upper = double(infinity);
+    for (const float real : {std::nextafter(inverse.real, -infinity), inverse.real,
+                             std::nextafter(inverse.real, infinity)}) {
+        const double value = scaled(real);
+        if (value <= number)
+            inverse.lower = std::max(inverse.lower, value);
+        if (value >= number)
+            inverse.upper = std::min(inverse.upper, value);
+    }
+    return inverse;
+}
+
+QString elementText(const Variable& variable, quint32 element)
+{
+    const int bytes = bytesOf(variable.area->width);
+    switch (variable.format) {
+    case Format::Hex:
+        return QStringLiteral("0x") +
+               QString::number(element, 16).toUpper().rightJustified(2 * bytes, QLatin1Char('0'));
+    case Format::Binary:
+        return QStringLiteral("0b") +
+               QString::number(element, 2).rightJustified(8 * bytes, QLatin1Char('0'));
+    case Format::Float:
+        return realText(realOf(element));
+    default:
+        return QString::number(numberOf(variable, element));
+    }
+}
+
+QString cannotTake(const QString& label, const QString& text, const QString& wanted)
+{
+    return QStringLiteral("%1 cannot take %2; %3").arg(label, quoted(text), wanted);
+}
+
+std::optional<quint32> parseElement(const Variable& variable, const QString& label,
+                                    const QString& text, QString* error)
+{
+    const Width width = variable.area->width;
+    std::optional<quint32> element;
+    QString wanted = QStringLiteral("it takes 0, 1, true or false");
+    if (width == Width::Bit) {
+        element = parseBit(text);
+    } else if (hasBitPrefix(text)) {
+        element = parseBits(width, text);
+        wanted = wantedNumber(variable, false, 0);
+    } else if (variable.format == Format::Float) {
+        element = realElement(text, &wanted);
+    } else {
+        bool ok = false;
+        const qint64 number = text.toLongLong(&ok);
+        if (ok && takenRange(variable).holds(number))
+            element = elementOf(width, number);
+        wanted = wantedNumber(variable, ok, number);
+    }
+    if (!element)
+        *error = cannotTake(label, text, wanted);
+    return element;
+}
+
+QStringList splitValues(const Variable& variable, const QString& label, const QString& text,
+                        QString* error)
+{
+    QStringList parts = text.split(QLatin1Char(','));
+    for (QString& part : parts)
+        part = part.trimmed();
+    if (!variable.area->writable) {
+        *error = unwritable(variable, label);
+    } else if (variable.repeat == 1 && parts.size() > 1) {
+        Variable several = variable;
+        several.repeat = int(parts.size());
+        *error = QStringLiteral("%1 takes one value, not %2; that many in a row are %3")
+                     .arg(label)
+                     .arg(parts.size())
+                     .arg(several.label());
+    } else if (parts.size() != variable.repeat) {
+        *error = QStringLiteral("%1 takes %2 values, separated by commas, not %3")
+                     .arg(label)
+                     .arg(variable.repeat)
+                     .arg(parts.size());
+    }
+    return error->isEmpty() ? parts : QStringList();
+}
+
+Format formatOfTexts(const Variable& variable, const QStringList& texts)
+{
+    const Width width = variable.area->width;
+    const auto all = [&](auto belongs) { return std::all_of(texts.begin(), texts.end(), belongs); };
+    const auto any = [&](auto belongs) { return std::any_of(texts.begin(), texts.end(), belongs); };
+    const auto startsWith = [](const char* prefix) {
+        return [=](const QString& text) {
+            return text.startsWith(QLatin1String(prefix), Qt::CaseInsensitive);
+        };
+    };
+    if (variable.formatGiven || width == Width::Bit)
+        return variable.format;
+    if (width == Width::DoubleWord && any(looksLikeReal))
+        return Format::Float;
+    if (all(startsWith("0x")))
+        return Format::Hex;
+    if (all(startsWith("0b")))
+        return Format::Binary;
+    const NumberRange range = rangeOf(width, Format::Signed);
+    const auto fitsSigned = [&](const QString& text) { return range.holds(text.toLongLong()); };
+    return any(startsWith("-")) && all(fitsSigned) ? Format::Signed : Format::Unsigned;
+}
+
+bool parseAssignment(const QString& text, Variable* variable, QVector<quint32>* values,
+                     QString* error)
+{
+    values->clear();
+    error->clear();
+    const auto equals = text.indexOf(QLatin1Char('='));
+    if (equals < 0) {
+        *error = quoted(text) + QStringLiteral(": a write is VARIABLE=VALUE, as in VW100=7");
+        return false;
+    }
+    if (!parseVariable(text.left(equals).trimmed(), variable, error))
+        return false;
+    const QStringList parts =
+        splitValues(*variable, variable->label(), text.mid(equals + 1), error);
+    variable->format = formatOfTexts(*variable, parts);
+    for (const QString& part : parts) {
+        const std::optional<quint32> element =
+            parseElement(*variable, variable->text(), part, error);
+        if (!element)
+            return false;
+        values->append(*element);
+    }
+    return error->isEmpty();
+}
+
+QVector<quint32> decodeValues(const Variable& variable, const QByteArray& hostData)
+{
+    const bool bits = variable.isByteOfBits();
+    // VB takes two bytes an element in the host's encoding, the second one 0.
+    const int stride =
+        bits ? 8 : (variable.area->type == VbRegister ? 2 : bytesOf(variable.area->width));
+    const QByteArray data = hostData.leftJustified(stride * variable.repeat, '\0');
+    QVector<quint32> values;
+    values.reserve(variable.repeat);
+    for (int i = 0; i < variable.repeat; ++i) {
+        quint32 value = 0;
+        for (int k = 0; k < stride; ++k)
+            value |= quint32(uchar(data.at(i * stride + k))) << (bits ? k : 8 * k);
+        values.append(value);
+    }
+    return values;
+}
+
+QString formatValues(const Variable& variable, const QVector<quint32>& values)
+{
+    QStringList texts;
+    for (quint32 value : values)
+        texts.append(elementText(variable, value));
+    return texts.join(QLatin1Char(' '));
+}
+
+} // namespace s7200

@@ -1,0 +1,406 @@
+#include "host/link_machine.h"
+
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+namespace s7200
+{
+
+namespace
+{
+
+constexpr int LinkId = 1; // the same in all requests: a reply to another link's is not stored
+constexpr Micros PerMs = 1000;
+constexpr Micros Never = std::numeric_limits<Micros>::max();
+/// A value that has not been read for so many intervals is stale.
+constexpr int IntervalsToStale = 3;
+/// Null in a row while there are requests; one is the driver's idle call in five.
+constexpr int MostIdleCalls = 3;
+
+/// SMW0, the controller's own status: read where nothing else is, to keep up a link.
+ReadBlock probeOf(int station)
+{
+    ReadBlock probe;
+    probe.type = Type_SMW;
+    probe.station = station;
+    probe.units = 2;
+    return probe;
+}
+
+} // namespace
+
+/// What FlashLocalRegister wants: 55002 words, of which the last two are the TSAPs. The rest is
+/// never touched, so it is mapped and takes no memory.
+struct LinkMachine::LocalWords {
+    static constexpr std::size_t Count = 55002;
+    static constexpr std::size_t CalledTsap = 55000;
+    static constexpr std::size_t CallingTsap = 55001;
+
+    LocalWords()
+    {
+        void* const pages = mmap(nullptr, Count * sizeof(quint16), PROT_READ | PROT_WRITE,
+                                 MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        words = pages == MAP_FAILED ? nullptr : static_cast<quint16*>(pages);
+    }
+    ~LocalWords()
+    {
+        if (words)
+            munmap(words, Count * sizeof(quint16));
+    }
+    Q_DISABLE_COPY(LocalWords)
+
+    quint16* words; ///< Null when out of memory: then the driver uses its defaults.
+};
+
+LinkMachine::LinkMachine(DriverCopy& driver, const ControllerSettings& settings, LinkOrders& orders,
+                         quint32 seed)
+    : m_driver(driver), m_settings(settings), m_orders(orders), m_localWords(new LocalWords),
+      m_collector(settings.remoteAccess)
+{
+    QList<int> numbers = settings.stations.keys();
+    if (numbers.isEmpty())
+        numbers.append(settings.defaultStation);
+    for (int number : std::as_const(numbers))
+        m_stations[number].health = LinkHealth(seed + quint32(number));
+    if (m_localWords->words && settings.localTsap != 0 && settings.remoteTsap != 0) {
+        m_localWords->words[LocalWords::CalledTsap] = settings.remoteTsap;
+        m_localWords->words[LocalWords::CallingTsap] = settings.localTsap;
+    }
+    m_requestLimit = settings.blockLimit > 0 ? settings.blockLimit : blockLimitFor({});
+    m_comInfo.default_station = settings.defaultStation;
+    m_comInfo.retry_limit = settings.retries;
+    m_comInfo.per_variable_stations = settings.stations.isEmpty() ? 0 : 1;
+    m_comInfo.remote_access = settings.remoteAccess ? 1 : 0;
+    m_comInfo.link_id = LinkId;
+    m_comInfo.communication_mode = Mode_WriteThrough;
+}
+
+LinkMachine::~LinkMachine() = default;
+
+int LinkMachine::stationOf(const Variable& variable) const
+{
+    const bool ownStation = m_comInfo.per_variable_stations != 0 && variable.station >= 0;
+    return ownStation ? variable.station : m_settings.defaultStation;
+}
+
+// Events
+
+void LinkMachine::start(Micros now)
+{
+    m_now = m_nextCycle = now;
+    m_driver.SetComInfo(&m_comInfo);
+    m_driver.RegistCallBackFuncIntf(nullptr, 0); // what DataCom returns says as much
+    m_driver.FlashLocalRegister(nullptr, m_localWords->words, nullptr);
+    settle(true);
+}
+
+void LinkMachine::stop()
+{
+    m_stopped = true;
+    const Failure failure{Cause::Stopped, QStringLiteral("stopped")};
+    finishActive(failure);
+    for (auto& entry : m_stations) {
+        m_orders.close(entry.first);
+        failWaiting(entry.first, false, failure);
+        m_watch.linkDown(entry.first, failure);
+        tellLink(entry.first);
+    }
+    tellChanges();
+    for (const auto& tell : std::exchange(m_news, {}))
+        tell();
+}
+
+void LinkMachine::opened(int number, Micros now)
+{
+    m_now = now;
+    Station& station = m_stations.at(number);
+    if (station.phase == Phase::Connecting) {
+        ++m_statistics.connections;
+        station.phase = Phase::Handshake;
+        station.isOpen = true;
+        m_relist = true;
+        tellLink(number);
+    }
+    settle(true);
+}
+
+void LinkMachine::openFailed(int number, const QString& why, Micros now)
+{
+    m_now = now;
+    if (m_stations.at(number).phase == Phase::Connecting) {
+        countFailure(Cause::NoConnection);
+        attemptFailed(number, {Cause::NoConnection, why});
+    }
+    settle(true);
+}
+
+void LinkMachine::received(int number, const QByteArray& bytes, Micros now)
+{
+    m_now = now;
+    if (m_transaction.isOpen && m_transaction.request.station == number) {
+        m_collector.append(bytes);
+        if (const auto reply = m_collector.takeReply())
+            replied(*reply, Failure());
+        else if (m_collector.isHopeless())
+            replied(m_collector.whatCameInstead(), Failure());
+    }
+    settle(true);
+}
+
+void LinkMachine::closed(int number, Micros now)
+{
+    m_now = now;
+    Station& station = m_stations.at(number);
+    if (station.isOpen) {
+        station.isOpen = false;
+        m_relist = true; // the driver has to find out, by a request of its own
+        const Failure failure{Cause::Closed,
+                              QStringLiteral("the connection was closed by the controller")};
+        if (m_transaction.isOpen && m_transaction.request.station == number) {
+            replied(m_collector.whatCameInstead(), failure);
+        } else {
+            station.failure = failure;
+            countFailure(Cause::Closed);
+        }
+    }
+    settle(true);
+}
+
+void LinkMachine::timePassed(Micros now)
+{
+    m_now = now;
+    settle(true);
+}
+
+void LinkMachine::watch(const QVector<Variable>& variables, Micros now)
+{
+    m_now = std::max(m_now, now);
+    QVector<int> stations;
+    for (const Variable& variable : variables)
+        stations.append(stationOf(variable));
+    m_blockLimit = m_settings.blockLimit > 0 ? m_settings.blockLimit : blockLimitFor(variables);
+    m_watch.assign(variables, stations, m_blockLimit);
+    for (const auto& entry : m_stations) {
+        if (entry.second.isUp)
+            m_watch.linkUp(entry.first);
+        else if (entry.second.health.attempts() > 0)
+            m_watch.linkDown(entry.first, entry.second.health.failure());
+    }
+    m_watch.takeChanges(); // the caller knows that all is new
+    m_relist = true;
+    m_inCycle = false; // what is on its way still belongs to the old list
+    settle(false);
+}
+
+void LinkMachine::request(RequestPtr request, Micros now)
+{
+    m_now = std::max(m_now, now);
+    if (request->isWrite())
+        request->steps = writeSteps(request->variable, request->values, m_requestLimit);
+    const auto found = m_stations.find(request->station);
+    if (found == m_stations.end())
+        finish(std::move(request), {Cause::Invalid, QStringLiteral("no such station")});
+    else if (isGivenUp(found->second, *request))
+        finish(std::move(request), found->second.health.failure());
+    else
+        m_requests.add(std::move(request));
+    settle(false);
+}
+
+// The wheel
+
+/// Goes on as far as possible. `tell`: tells what is new, too; without it that is left for the next
+/// timePassed(), so that a completion that asks for more never runs into the next completion.
+void LinkMachine::settle(bool tell)
+{
+    if (m_stopped)
+        return;
+    if (m_settling) {
+        m_isDue = true;
+        return;
+    }
+    m_settling = true;
+    advance();
+    tellChanges();
+    if (tell) {
+        m_isDue = false;
+        for (const auto& news : std::exchange(m_news, {})) {
+            if (!m_stopped)
+                news();
+        }
+        if (m_isDue && !m_stopped)
+            advance();
+    }
+    m_settling = false;
+    if (!m_stopped)
+        m_orders.wakeAt(m_news.empty() ? nextWake() : m_now);
+}
+
+void LinkMachine::advance()
+{
+    int idleCalls = 0;
+    for (;;) {
+        checkDeadlines();
+        connectDue();
+        if (m_transaction.isOpen)
+            return;
+        // Not while a frame is being repeated: should it fail for good, the driver judges whose
+        // queues to drop by the first record of the list that the frame came from.
+        if (!m_repeating) {
+            if (m_relist)
+                relist();
+            beginCycleIfDue();
+            feedDriver();
+            if (!hasWork())
+                return;
+        }
+        if (const Protocol* pending = m_driver.ComCommunication()) {
+            idleCalls = 0;
+            transact(*pending);
+        } else if (++idleCalls == MostIdleCalls) {
+            m_inCycle = false;
+            finishActive({Cause::Invalid, QStringLiteral("the driver makes no request of it")});
+            return;
+        }
+    }
+}
+
+void LinkMachine::checkDeadlines()
+{
+    const Micros timeout = m_settings.timeoutMs * PerMs;
+    if (m_transaction.isOpen && m_now >= m_transaction.sentAt + timeout) {
+        const QByteArray instead = m_collector.whatCameInstead();
+        Failure failure;
+        if (instead.isEmpty())
+            failure = {Cause::TimedOut,
+                       QStringLiteral("no reply within %1 ms").arg(m_settings.timeoutMs)};
+        replied(instead, failure);
+    }
+    for (auto& entry : m_stations) {
+        if (entry.second.phase != Phase::Connecting || m_now < entry.second.deadline)
+            continue;
+        countFailure(Cause::NoConnection);
+        attemptFailed(entry.first,
+                      {Cause::NoConnection,
+                       QStringLiteral("no connection within %1 ms").arg(m_settings.timeoutMs)});
+    }
+    if (m_now >= m_nextExpiry)
+        expireValues();
+}
+
+/// An interval may be shorter than it takes to read everything once.
+void LinkMachine::expireValues()
+{
+    const Micros lifetime = IntervalsToStale * std::max(m_settings.intervalMs * PerMs, m_lastCycle);
+    m_nextExpiry = m_watch.expire(m_now - lifetime, lifetime);
+}
+
+void LinkMachine::connectDue()
+{
+    for (auto& entry : m_stations) {
+        Station& station = entry.second;
+        if (station.phase != Phase::Waiting || m_now < station.health.nextAttempt())
+            continue;
+        station.phase = Phase::Connecting;
+        station.deadline = m_now + m_settings.timeoutMs * PerMs;
+        m_orders.open(entry.first);
+        tellLink(entry.first);
+    }
+}
+
+/// Hands the driver its cyclic list, of the stations that are connected. A failed handshake does
+/// not move the driver on to the next request of that list, so the others do not belong there.
+void LinkMachine::relist()
+{
+    QVector<ReadBlock> blocks;
+    for (const auto& entry : m_stations) {
+        const Station& station = entry.second;
+        if (!isConnected(station))
+            continue;
+        const QVector<ReadBlock> wanted = m_watch.cyclicBlocks(entry.first);
+        // The driver shakes hands, and finds out that a link is lost, in the place of a request.
+        if (wanted.isEmpty() && (m_settings.probe || !isReady(station)))
+            blocks.append(probeOf(entry.first));
+        blocks += wanted;
+    }
+    m_comInfo.block_length_limit = m_blockLimit;
+    m_listed =
+        m_driver.ReCreatReadVarList(cyclicRecords(blocks, m_comInfo.per_variable_stations != 0));
+    m_watch.takeListChange();
+    m_relist = m_inCycle = false;
+    m_nextCycle = m_now;
+    m_cycleBegan = -1;
+}
+
+void LinkMachine::beginCycleIfDue()
+{
+    if (m_inCycle || m_now < m_nextCycle || !anyReady())
+        return;
+    m_watch.forgiveDue(m_now);
+    if (m_watch.takeListChange())
+        relist();
+    const Micros interval = m_settings.intervalMs * PerMs;
+    // Timers are a little late by nature.
+    if (m_cycleBegan >= 0 && m_now > m_cycleBegan + interval + interval / 10)
+        ++m_statistics.lateCycles;
+    m_cycleBegan = m_now;
+    m_nextCycle += interval;
+    if (m_nextCycle <= m_now)
+        m_nextCycle = m_now + interval; // what was missed is not made up for
+    m_inCycle = true;
+    m_cyclicLeft = m_listed;
+    m_apartLeft = 0;
+    ++m_cycleTag;
+    for (const auto& entry : m_stations) {
+        if (!isReady(entry.second))
+            continue;
+        for (const ReadBlock& block : m_watch.apartBlocks(entry.first)) {
+            queueRead(block, ApartKey, m_cycleTag);
+            ++m_apartLeft;
+        }
+    }
+    expireValues();
+    cycleProgress();
+}
+
+/// True while the driver has something to send, or must find out that a connection is gone.
+bool LinkMachine::hasWork() const
+{
+    if (m_requests.active() || m_inCycle)
+        return true;
+    return std::any_of(m_stations.begin(), m_stations.end(), [](const auto& entry) {
+        return isConnected(entry.second) && !isReady(entry.second);
+    });
+}
+
+bool LinkMachine::anyReady() const
+{
+    return std::any_of(m_stations.begin(), m_stations.end(),
+                       [](const auto& entry) { return isReady(entry.second); });
+}
+
+Micros LinkMachine::nextWake() const
+{
+    Micros next = anyReady() && !m_inCycle ? m_nextCycle : Never;
+    if (m_transaction.isOpen)
+        next = std::min(next, m_transaction.sentAt + m_settings.timeoutMs * PerMs);
+    for (const auto& entry : m_stations) {
+        if (entry.second.phase == Phase::Connecting)
+            next = std::min(next, entry.second.deadline);
+        else if (entry.second.phase == Phase::Waiting)
+            next = std::min(next, entry.second.health.nextAttempt());
+    }
+    return std::min(next, m_nextExpiry);
+}
+
+void LinkMachine::tellChanges()
+{
+    const QVector<int> changes = m_watch.takeChanges();
+    if (!changes.isEmpty())
+        m_news.push_back([this, changes] { m_orders.tellValues(changes); });
+}
+
+} // namespace s7200

@@ -1,0 +1,187 @@
+#ifndef HOST_LINK_MACHINE_H
+#define HOST_LINK_MACHINE_H
+
+#include "host/driver_copy.h"
+#include "host/link_health.h"
+#include "host/reply_collector.h"
+#include "host/request_queue.h"
+#include "host/watch_list.h"
+
+#include <s7200host/controller.h>
+
+#include <map>
+#include <optional>
+#include <vector>
+
+namespace s7200
+{
+
+/// What a LinkMachine orders and tells. None of these may call the machine back before it returns,
+/// except the last three, which come when an event has been dealt with.
+class LinkOrders
+{
+public:
+    virtual ~LinkOrders() = default;
+
+    /// Open a TCP connection to a station's controller; answered by opened() or openFailed().
+    virtual void open(int station) = 0;
+    /// Close it, or give up opening it, without an answer.
+    virtual void close(int station) = 0;
+    /// Drop what has come in, then send.
+    virtual void send(int station, const QByteArray& frame) = 0;
+    /// timePassed() is due at that time; replaces what was said before.
+    virtual void wakeAt(Micros time) = 0;
+
+    virtual void tellLink(const LinkStatus& status) = 0;
+    virtual void tellValues(const QVector<int>& indexes) = 0;
+    virtual void tellCycle() = 0;
+};
+
+/// The state machine between one driver and its connections: decides when to connect, what to send
+/// next, and what has become of everything that was asked for. Plain code: events in, orders out;
+/// it knows no socket, no thread and no clock. Every event carries the time, which must not fall.
+class LinkMachine
+{
+public:
+    /// `driver` and `orders` must outlive it. `seed`: of the jitter between attempts.
+    LinkMachine(DriverCopy& driver, const ControllerSettings& settings, LinkOrders& orders,
+                quint32 seed);
+    ~LinkMachine();
+
+    // Events.
+    void start(Micros now);
+    void stop(); ///< Ends all requests as Cause::Stopped before it returns; the last event.
+    void opened(int station, Micros now);
+    void openFailed(int station, const QString& why, Micros now);
+    void received(int station, const QByteArray& bytes, Micros now);
+    void closed(int station, Micros now);
+    void timePassed(Micros now);
+    void watch(const QVector<Variable>& variables, Micros now);
+    void request(RequestPtr request, Micros now);
+
+    // What is known. Times count back from `now`; values have no wall-clock time.
+    Value value(int index, Micros now) const;
+    LinkStatus link(int station, Micros now) const;
+    const QVector<Variable>& watched() const
+    {
+        return m_watch.variables();
+    }
+    /// A variable's own with several stations, else the default.
+    int stationOf(const Variable& variable) const;
+    const LinkStatistics& statistics() const
+    {
+        return m_statistics;
+    }
+
+private:
+    // Tags of one-shot reads and of writes; 1 to 11 also show in the driver's failure codes.
+    static constexpr int ReadKey = 1;
+    static constexpr int WriteKey = 2;
+    static constexpr int ApartKey = 3; ///< A watched variable apart, in cycle `host_index`.
+
+    enum class Phase { Waiting, Connecting, Handshake, Ready };
+    struct Station {
+        Phase phase = Phase::Waiting;
+        LinkHealth health;
+        Failure failure;      ///< Of the last transaction.
+        Micros deadline = 0;  ///< Connecting: until when.
+        bool isOpen = false;  ///< The TCP connection.
+        bool isUp = false;    ///< As told.
+        bool wasUp = false;   ///< Ever.
+        bool hurries = false; ///< Waits after a refusal: reads need not be given up.
+        std::optional<LinkState> toldState;
+        Cause toldCause = Cause::None;
+    };
+    /// A frame that was sent and awaits its reply.
+    struct Transaction {
+        bool isOpen = false;
+        SentFrame frame;
+        RW_VAR request;
+        Micros sentAt = 0;
+    };
+
+    // The wheel.
+    void settle(bool tell);
+    void advance();
+    void checkDeadlines();
+    void expireValues();
+    void connectDue();
+    void relist();
+    void beginCycleIfDue();
+    void cycleProgress();
+    bool hasWork() const;
+    bool anyReady() const;
+    Micros nextWake() const;
+    void tellChanges();
+
+    // Requests.
+    void feedDriver();
+    void startRead(Request& request);
+    void continueWrite(Request& request);
+    int queueRead(const ReadBlock& block, int key, int tag);
+    void finish(RequestPtr request, const Failure& failure);
+    void finishActive(const Failure& failure);
+    void dropActive(const RW_VAR& culprit, const Failure& failure);
+    void failWaiting(int station, bool writesOnly, const Failure& failure);
+    QByteArray fetch(const Variable& variable, int station) const;
+
+    // Transactions.
+    void transact(const Protocol& pending);
+    void replied(const QByteArray& reply, const Failure& failure);
+    void handshakeAnswered(int station, const Transaction& transaction, const QByteArray& reply,
+                           bool good);
+    void requestAnswered(const Transaction& transaction);
+    void readAnswered(const RW_VAR& request);
+    void writeAnswered(const RW_VAR& request, const Failure& refusal);
+    void countFailure(Cause cause);
+
+    // Links.
+    static bool isConnected(const Station& station);
+    static bool isReady(const Station& station);
+    static bool isGivenUp(const Station& station, const Request& request);
+    void ready(int station);
+    void up(int station);
+    void attemptFailed(int station, const Failure& failure);
+    void linkLost(const RW_VAR& request);
+    void closeStation(int station, const Failure& failure, bool news);
+    LinkState stateOf(const Station& station) const;
+    void tellLink(int station);
+
+    DriverCopy& m_driver;
+    const ControllerSettings m_settings;
+    LinkOrders& m_orders;
+    COM_INFO m_comInfo = {};
+    struct LocalWords;
+    std::unique_ptr<LocalWords> m_localWords;
+
+    Micros m_now = 0;
+    bool m_stopped = false;
+    bool m_settling = false;
+    bool m_isDue = false; ///< Something has happened since advance() looked.
+    std::map<int, Station> m_stations;
+    WatchList m_watch;
+    RequestQueue m_requests;
+    ReplyCollector m_collector;
+    Transaction m_transaction;
+    bool m_repeating = false; ///< The driver holds a frame that failed and goes out again.
+
+    bool m_relist = true;                  ///< The driver's cyclic list is no longer the right one.
+    int m_blockLimit = SmallestBlockLimit; ///< Of cyclic reads.
+    int m_requestLimit;                    ///< Of single requests.
+    int m_listed = 0;                      ///< Requests in the driver's cyclic list.
+    bool m_inCycle = false;                ///< Between a cycle's begin and its end.
+    int m_cycleTag = 0;
+    int m_cyclicLeft = 0; ///< Of m_listed, not yet read in this cycle.
+    int m_apartLeft = 0;  ///< The same of the variables that are read apart.
+    Micros m_cycleBegan = -1;
+    Micros m_nextCycle = 0;
+    Micros m_lastCycle = 0; ///< How long it took.
+    Micros m_nextExpiry = 0;
+
+    LinkStatistics m_statistics;
+    std::vector<std::function<void()>> m_news; ///< To be told when the event has been dealt with.
+};
+
+} // namespace s7200
+
+#endif

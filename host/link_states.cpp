@@ -1,0 +1,163 @@
+// The part of LinkMachine that keeps account of the stations' links.
+
+#include "host/link_machine.h"
+
+#include <algorithm>
+
+namespace s7200
+{
+
+bool LinkMachine::isConnected(const Station& station)
+{
+    return station.phase == Phase::Handshake || station.phase == Phase::Ready;
+}
+
+bool LinkMachine::isReady(const Station& station)
+{
+    return station.phase == Phase::Ready && station.isOpen;
+}
+
+/// Before the next attempt requests end at once, except reads when it is known to come soon.
+bool LinkMachine::isGivenUp(const Station& station, const Request& request)
+{
+    const bool waits = station.phase == Phase::Waiting && station.health.attempts() > 0;
+    return waits && (request.isWrite() || !station.hurries);
+}
+
+/// The handshake is done. After failures the link counts as up only once a request was answered:
+/// there are controllers that shake hands and then answer nothing.
+void LinkMachine::ready(int number)
+{
+    Station& station = m_stations.at(number);
+    station.phase = Phase::Ready;
+    const bool asksNothing = !m_settings.probe && m_watch.cyclicBlocks(number).isEmpty() &&
+                             m_watch.apartBlocks(number).isEmpty();
+    if (asksNothing)
+        m_relist = true; // without the request in whose place it shook hands
+    if (!m_inCycle)
+        m_nextCycle = m_now;
+    if (asksNothing || station.health.attempts() == 0)
+        up(number);
+}
+
+void LinkMachine::up(int number)
+{
+    Station& station = m_stations.at(number);
+    if (station.isUp)
+        return;
+    station.isUp = true;
+    if (station.wasUp)
+        ++m_statistics.reconnects;
+    station.wasUp = true;
+    station.health.up();
+    m_watch.linkUp(number);
+    // Had a refusal brought the last link down, trying again would bring this one down as well.
+    if (!station.hurries)
+        m_watch.forgive(number);
+    station.hurries = false;
+    tellLink(number);
+}
+
+void LinkMachine::attemptFailed(int number, const Failure& failure)
+{
+    closeStation(number, failure, false);
+    failWaiting(number, false, failure);
+}
+
+/// The driver has given up a request, and with it all that was queued for the station.
+void LinkMachine::linkLost(const RW_VAR& request)
+{
+    const int number = request.station;
+    Station& station = m_stations.at(number);
+    const Failure failure = station.failure;
+    const bool refused = failure.cause == Cause::Refused;
+    if (station.isUp)
+        ++m_statistics.linkLosses;
+    bool news = false;
+    if (refused && request.host_key == ReadKey)
+        news = true; // somebody else's wish, which ends here
+    else if (refused)
+        news = m_watch.refused(blockOf(request), request.host_key == ApartKey, failure, m_now);
+    dropActive(request, failure);
+    closeStation(number, failure, news);
+    const Failure dropped{Cause::Dropped,
+                          QStringLiteral("dropped with the link: ") + failure.detail};
+    failWaiting(number, news, dropped);
+}
+
+/// `news`: the failure will not repeat itself, since what was refused is not asked for again.
+void LinkMachine::closeStation(int number, const Failure& failure, bool news)
+{
+    Station& station = m_stations.at(number);
+    m_orders.close(number);
+    station.phase = Phase::Waiting;
+    station.isOpen = station.isUp = false;
+    station.hurries = news;
+    if (news)
+        station.health.failedWithNews(failure, m_now);
+    else
+        station.health.failed(failure, m_now);
+    m_watch.linkDown(number, failure);
+    m_relist = true;
+    m_inCycle = false;
+    tellLink(number);
+}
+
+LinkState LinkMachine::stateOf(const Station& station) const
+{
+    if (m_stopped)
+        return LinkState::Stopped;
+    switch (station.phase) {
+    case Phase::Connecting:
+        return LinkState::Connecting;
+    case Phase::Handshake:
+        return LinkState::Handshake;
+    case Phase::Ready:
+        return station.isUp ? LinkState::Up : LinkState::Handshake;
+    case Phase::Waiting:
+        break;
+    }
+    if (station.health.attempts() == 0)
+        return LinkState::Connecting;
+    return station.health.attempts() > m_settings.retries ? LinkState::Down : LinkState::Waiting;
+}
+
+LinkStatus LinkMachine::link(int number, Micros now) const
+{
+    LinkStatus status;
+    status.station = number;
+    const auto found = m_stations.find(number);
+    if (found == m_stations.end())
+        return status;
+    const Station& station = found->second;
+    status.state = stateOf(station);
+    status.cause = station.health.failure().cause;
+    status.detail = station.health.failure().detail;
+    status.attempts = station.health.attempts();
+    if (station.phase == Phase::Waiting)
+        status.nextAttemptMs = std::max<qint64>(0, station.health.nextAttempt() - now) / 1000;
+    return status;
+}
+
+/// Each trouble is told once: further attempts that fail for the same reason only count.
+void LinkMachine::tellLink(int number)
+{
+    Station& station = m_stations.at(number);
+    const LinkStatus status = link(number, m_now);
+    LinkState shown = status.state;
+    const bool attempting = shown == LinkState::Connecting || shown == LinkState::Handshake;
+    if (attempting && status.attempts > 0)
+        shown = status.attempts > m_settings.retries ? LinkState::Down : LinkState::Waiting;
+    if (shown == station.toldState && status.cause == station.toldCause)
+        return;
+    station.toldState = shown;
+    station.toldCause = status.cause;
+    m_news.push_back([this, status] { m_orders.tellLink(status); });
+}
+
+Value LinkMachine::value(int index, Micros now) const
+{
+    return m_watch.value(index, now);
+}
+
+} // namespace s7200

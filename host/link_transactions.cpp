@@ -1,0 +1,267 @@
+// The half of LinkMachine that talks to the driver: requests in, frames out, replies in.
+
+#include "host/link_machine.h"
+
+#include "wire/s7_fields.h"
+
+#include <utility>
+
+namespace s7200
+{
+
+namespace
+{
+
+bool isWrite(const RW_VAR& request)
+{
+    return request.origin != 0;
+}
+
+Failure dropped(const Failure& failure)
+{
+    return {Cause::Dropped, QStringLiteral("dropped with the link: ") + failure.detail};
+}
+
+} // namespace
+
+// Requests
+
+/// Hands over one request at a time: what is in the driver's queues would be carried out whenever
+/// the link comes back.
+void LinkMachine::feedDriver()
+{
+    Request* const request =
+        m_requests.activate([this](int station) { return isReady(m_stations.at(station)); });
+    if (!request || request->unanswered > 0)
+        return;
+    if (request->isWrite())
+        continueWrite(*request);
+    else
+        startRead(*request);
+}
+
+void LinkMachine::startRead(Request& request)
+{
+    int queued = 0;
+    for (const ReadBlock& block : readBlocks(request.variable, request.station, m_requestLimit)) {
+        queued = queueRead(block, ReadKey, request.id);
+        ++request.unanswered;
+    }
+    if (queued == 0)
+        finishActive({Cause::Invalid, QStringLiteral("the driver cannot read it")});
+}
+
+int LinkMachine::queueRead(const ReadBlock& block, int key, int tag)
+{
+    RW_VAR record = oneShotRecord(block);
+    record.host_key = key;
+    record.host_index = tag;
+    record.remote = m_comInfo.remote_access;
+    record.link_id = m_comInfo.link_id; // any other and the reply is not stored
+    m_comInfo.block_length_limit = m_requestLimit;
+    return m_driver.AddListOnceReadVar(&record, List_Merge);
+}
+
+/// The next step, or the end.
+void LinkMachine::continueWrite(Request& request)
+{
+    if (request.steps.isEmpty()) {
+        finishActive(Failure());
+        return;
+    }
+    WriteStep step = request.steps.takeFirst();
+    request.unanswered = step.requests;
+    // The driver puts the value into its image when it makes the frame, or at once while its last
+    // reply was a bad one.
+    m_watch.blockWritten(extentOf(request.variable, request.station));
+    m_comInfo.block_length_limit = m_requestLimit;
+    const int queued = m_driver.SetRegisterData(QLatin1String(request.variable.area->name),
+                                                step.type, step.address, request.station,
+                                                &step.data, step.count, WriteKey, request.id);
+    if (queued == 0)
+        finishActive({Cause::Invalid, QStringLiteral("the driver cannot write it")});
+}
+
+void LinkMachine::finish(RequestPtr request, const Failure& failure)
+{
+    if (!request->done)
+        return;
+    Result result;
+    result.cause = failure.cause;
+    result.detail = failure.detail;
+    if (!failure && !request->isWrite()) {
+        result.value.elements =
+            decodeValues(request->variable, fetch(request->variable, request->station));
+        result.value.ageMs = 0;
+        result.value.quality = Quality::Good;
+    }
+    const Controller::Done done = request->done;
+    m_news.push_back([done, result] { done(result); });
+}
+
+void LinkMachine::finishActive(const Failure& failure)
+{
+    if (m_requests.active())
+        finish(m_requests.takeActive(), failure);
+}
+
+/// What the driver held is gone with the link. The culprit is told what happened to it.
+void LinkMachine::dropActive(const RW_VAR& culprit, const Failure& failure)
+{
+    const Request* const active = m_requests.active();
+    if (!active || active->station != culprit.station)
+        return;
+    const bool own = culprit.host_key == (active->isWrite() ? WriteKey : ReadKey);
+    const bool guilty = own && culprit.host_index == active->id;
+    finishActive(guilty ? failure : dropped(failure));
+}
+
+void LinkMachine::failWaiting(int station, bool writesOnly, const Failure& failure)
+{
+    for (RequestPtr& request : m_requests.takeWaiting(station, writesOnly))
+        finish(std::move(request), failure);
+}
+
+QByteArray LinkMachine::fetch(const Variable& variable, int station) const
+{
+    QByteArray data;
+    m_driver.GetRegisterData(QString(), variable.area->type, variable.driverAddress(), station,
+                             data, variable.driverCount());
+    return data;
+}
+
+// Transactions
+
+void LinkMachine::transact(const Protocol& pending)
+{
+    // DataCom removes the record.
+    m_transaction.frame = {pending.frame, pending.reply_len, m_settings.remoteAccess};
+    m_transaction.request = pending.var;
+    m_transaction.sentAt = m_now;
+    // From now on the image shows the written value, whatever becomes of the frame.
+    if (isWrite(pending.var))
+        m_watch.blockWritten(writtenBlock(pending.var));
+    const Station& station = m_stations.at(pending.var.station);
+    if (!station.isOpen) {
+        replied(QByteArray(), station.failure);
+        return;
+    }
+    m_transaction.isOpen = true;
+    ++m_statistics.requests;
+    m_collector.begin(m_transaction.frame.bytes);
+    m_orders.send(pending.var.station, m_transaction.frame.bytes);
+}
+
+/// Gives the driver what came for the frame that it handed out. `failure`: why nothing else came;
+/// none for a reply, which is judged.
+void LinkMachine::replied(const QByteArray& reply, const Failure& failure)
+{
+    const bool wasSent = std::exchange(m_transaction.isOpen, false);
+    const Transaction transaction = m_transaction;
+    const int number = transaction.request.station;
+    Station& station = m_stations.at(number);
+    station.failure = failure ? failure : judgeReply(transaction.frame, reply);
+    // Nothing received is an empty array and not a null pointer: the driver judges a reply to its
+    // handshake by its bytes alone.
+    QByteArray bytes = reply;
+    const int result = m_driver.DataCom(&bytes, int(bytes.size()))->result;
+    const bool good = result == Result_Good || result == Result_RemoteStored;
+    if (!good && !station.failure)
+        station.failure = judgeBadReply(transaction.frame, reply);
+    if (wasSent && station.failure)
+        countFailure(station.failure.cause);
+    if (good)
+        m_statistics.roundTrip.add(m_now - transaction.sentAt);
+    const bool handshake = isHandshake(transaction.frame);
+    m_repeating = result == Result_WillRetry && !handshake;
+    if (handshake)
+        handshakeAnswered(number, transaction, reply, good);
+    else if (good)
+        requestAnswered(transaction);
+    else if (!m_repeating)
+        linkLost(transaction.request);
+    else if (wasSent)
+        ++m_statistics.retries;
+}
+
+void LinkMachine::handshakeAnswered(int number, const Transaction& transaction,
+                                    const QByteArray& reply, bool good)
+{
+    if (!good) {
+        attemptFailed(number, m_stations.at(number).failure);
+    } else if (!isConnectionRequest(transaction.frame)) {
+        m_statistics.grantedPdu = wire::wordAt(reply, wire::AckPduLengthOffset);
+        ready(number);
+    }
+}
+
+void LinkMachine::requestAnswered(const Transaction& transaction)
+{
+    const int number = transaction.request.station;
+    Station& station = m_stations.at(number);
+    if (station.phase == Phase::Handshake)
+        ready(number); // of a remote link, which has no handshake
+    up(number);
+    if (isWrite(transaction.request))
+        writeAnswered(transaction.request, station.failure);
+    else
+        readAnswered(transaction.request);
+}
+
+void LinkMachine::readAnswered(const RW_VAR& request)
+{
+    m_watch.blockRead(blockOf(request), m_now, [this](const Variable& variable, int station) {
+        return fetch(variable, station);
+    });
+    Request* const active = m_requests.active();
+    if (request.host_key == ReadKey) {
+        if (active && !active->isWrite() && active->id == request.host_index &&
+            --active->unanswered == 0)
+            finishActive(Failure());
+        return;
+    }
+    if (!m_inCycle)
+        return;
+    if (request.host_key == ApartKey)
+        m_apartLeft -= request.host_index == m_cycleTag ? 1 : 0;
+    else if (m_cyclicLeft > 0)
+        --m_cyclicLeft;
+    cycleProgress();
+}
+
+/// The driver takes a write that was refused for a good one.
+void LinkMachine::writeAnswered(const RW_VAR& request, const Failure& refusal)
+{
+    Request* const active = m_requests.active();
+    if (!active || !active->isWrite() || active->id != request.host_index)
+        return;
+    if (refusal.cause == Cause::Refused && !active->refusal) {
+        active->refusal = refusal;
+        active->steps.clear();
+    }
+    // Of a refused step the driver still carries out what it holds.
+    if (--active->unanswered == 0 && active->steps.isEmpty())
+        finishActive(Failure(active->refusal));
+}
+
+void LinkMachine::cycleProgress()
+{
+    if (!m_inCycle || m_cyclicLeft > 0 || m_apartLeft > 0)
+        return;
+    m_inCycle = false;
+    m_lastCycle = m_now - m_cycleBegan;
+    ++m_statistics.cycles;
+    for (auto& entry : m_stations) {
+        if (isReady(entry.second))
+            entry.second.health.goodCycle();
+    }
+    tellChanges();
+    m_news.push_back([this] { m_orders.tellCycle(); });
+}
+
+void LinkMachine::countFailure(Cause cause)
+{
+    ++m_statistics.failures[std::size_t(cause)];
+}
+
+} // namespace s7200

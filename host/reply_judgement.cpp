@@ -1,0 +1,132 @@
+#include "host/reply_judgement.h"
+
+#include "wire/s7_fields.h"
+
+namespace s7200
+{
+
+using wire::byteAt;
+using wire::Function;
+using wire::wordAt;
+
+namespace
+{
+
+constexpr int RemoteTrailingBytes = 2;
+constexpr int AckHeaderEnd = 19; ///< Parameters begin here.
+
+Failure failure(Cause cause, const QString& detail)
+{
+    return {cause, detail};
+}
+
+Failure notS7(const QByteArray& reply)
+{
+    constexpr int Shown = 8;
+    return failure(Cause::NotS7, QStringLiteral("not an S7 reply: %1%2")
+                                     .arg(QString::fromLatin1(reply.left(Shown).toHex(' ')),
+                                          QLatin1String(reply.size() > Shown ? " ..." : "")));
+}
+
+Failure wrongLength(int length, int wanted)
+{
+    return failure(Cause::WrongLength,
+                   QStringLiteral("a reply of %1 bytes in place of %2").arg(length).arg(wanted));
+}
+
+Failure judgeConfirm(const SentFrame& frame, const QByteArray& reply)
+{
+    const auto type = wire::tpduType(reply);
+    if (type == wire::Tpdu::DisconnectRequest)
+        return failure(Cause::ConnectionRefused,
+                       QStringLiteral("the connection was refused, %1 (are the TSAPs right?)")
+                           .arg(describe(wire::DisconnectReason(
+                               byteAt(reply, wire::DisconnectReasonOffset)))));
+    if (byteAt(reply, 0) != 3 || type != wire::Tpdu::ConnectionConfirm)
+        return notS7(reply);
+    return reply.size() == frame.replyLength ? Failure()
+                                             : wrongLength(int(reply.size()), frame.replyLength);
+}
+
+/// TPKT, data TPDU and S7 header, whatever it carries.
+bool isS7Reply(const QByteArray& reply)
+{
+    const auto rosctr = wire::Rosctr(byteAt(reply, wire::RosctrOffset));
+    return byteAt(reply, 0) == 3 && byteAt(reply, wire::CotpLengthOffset) == 2 &&
+           wire::isS7Pdu(reply) && reply.size() >= AckHeaderEnd &&
+           (rosctr == wire::Rosctr::Ack || rosctr == wire::Rosctr::AckData);
+}
+
+bool lengthsAgree(const QByteArray& reply, int trailing)
+{
+    const int tpkt = wordAt(reply, wire::TpktLengthOffset);
+    return tpkt + trailing == reply.size() &&
+           tpkt == AckHeaderEnd + wordAt(reply, wire::ParameterLengthOffset) +
+                       wordAt(reply, wire::DataLengthOffset);
+}
+
+Failure judgeFunction(const SentFrame& frame, const QByteArray& reply)
+{
+    const int function = byteAt(reply, wire::AckFunctionOffset);
+    if (!frame.remote && function != byteAt(frame.bytes, wire::JobFunctionOffset))
+        return failure(Cause::WrongReference, QStringLiteral("a reply to another request"));
+    if (function != int(Function::Read) && function != int(Function::Write))
+        return Failure();
+    const auto code = wire::ItemCode(byteAt(reply, wire::ItemCodeOffset));
+    if (reply.size() > wire::ItemCodeOffset && code != wire::ItemCode::Success)
+        return failure(Cause::Refused, describe(code));
+    return Failure();
+}
+
+} // namespace
+
+bool isConnectionRequest(const SentFrame& frame)
+{
+    return !frame.remote && wire::tpduType(frame.bytes) == wire::Tpdu::ConnectionRequest;
+}
+
+bool isHandshake(const SentFrame& frame)
+{
+    return isConnectionRequest(frame) ||
+           (!frame.remote &&
+            byteAt(frame.bytes, wire::JobFunctionOffset) == int(Function::SetupCommunication));
+}
+
+Failure judgeReply(const SentFrame& frame, const QByteArray& reply)
+{
+    if (isConnectionRequest(frame))
+        return judgeConfirm(frame, reply);
+    if (!isS7Reply(reply))
+        return notS7(reply);
+    if (!lengthsAgree(reply, frame.remote ? RemoteTrailingBytes : 0))
+        return failure(
+            Cause::WrongLength,
+            QStringLiteral("a reply whose lengths do not agree, %1 bytes").arg(reply.size()));
+    const bool setup = isHandshake(frame);
+    if (!setup && !frame.remote &&
+        wordAt(reply, wire::PduReferenceOffset) != wordAt(frame.bytes, wire::PduReferenceOffset))
+        return failure(Cause::WrongReference, QStringLiteral("a reply to another request"));
+    const auto error = wire::JobError(wordAt(reply, wire::ErrorClassOffset));
+    if (error != wire::JobError::None)
+        return failure(setup ? Cause::SetupRefused : Cause::Refused, describe(error));
+    const Failure wrong = judgeFunction(frame, reply);
+    if (wrong || frame.remote)
+        return wrong;
+    return reply.size() == frame.replyLength ? Failure()
+                                             : wrongLength(int(reply.size()), frame.replyLength);
+}
+
+Failure judgeBadReply(const SentFrame& frame, const QByteArray& reply)
+{
+    const Failure found = judgeReply(frame, reply);
+    if (found)
+        return found;
+    if (isHandshake(frame))
+        return failure(Cause::SetupRefused, QStringLiteral("a wrong reply to the handshake"));
+    // A remote peer's reference is known to the driver alone, and its length is not told to us.
+    if (frame.remote && reply.size() == frame.replyLength)
+        return failure(Cause::WrongReference, QStringLiteral("a reply to another request"));
+    return wrongLength(int(reply.size()), frame.replyLength);
+}
+
+} // namespace s7200

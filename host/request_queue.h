@@ -1,0 +1,71 @@
+#ifndef HOST_REQUEST_QUEUE_H
+#define HOST_REQUEST_QUEUE_H
+
+#include "host/reply_judgement.h"
+#include "host/request_plan.h"
+
+#include <s7200host/controller.h>
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace s7200
+{
+
+/// One read or write that somebody has asked for.
+struct Request {
+    int id = 0;
+    Variable variable;
+    int station = 0;
+    QVector<quint32> values; ///< Empty: a read.
+    Controller::Done done;
+    QVector<WriteStep> steps; ///< Of a write, not yet given to the driver.
+    int unanswered = 0;       ///< Of what was given to the driver.
+    Failure refusal;          ///< Of a part of a write.
+
+    bool isWrite() const
+    {
+        return !values.isEmpty();
+    }
+};
+using RequestPtr = std::unique_ptr<Request>;
+
+/// Open requests in the order given. One at a time is the driver's, since what is in its queues
+/// would be carried out whenever the link comes back.
+class RequestQueue
+{
+public:
+    void add(RequestPtr request)
+    {
+        request->id = ++m_lastId;
+        m_waiting.push_back(std::move(request));
+    }
+
+    /// The request that the driver carries out, or null.
+    Request* active() const
+    {
+        return m_active.get();
+    }
+
+    /// Makes the first one whose station `isReady` the active one, if there is none yet.
+    Request* activate(const std::function<bool(int station)>& isReady);
+
+    RequestPtr takeActive()
+    {
+        return std::move(m_active);
+    }
+
+    /// Those that wait for a station; all, or writes only.
+    std::vector<RequestPtr> takeWaiting(int station, bool writesOnly);
+
+private:
+    std::deque<RequestPtr> m_waiting;
+    RequestPtr m_active;
+    int m_lastId = 0;
+};
+
+} // namespace s7200
+
+#endif

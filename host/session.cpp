@@ -1,0 +1,125 @@
+#include "host/session.h"
+
+#include <QRandomGenerator>
+
+#include <limits>
+
+namespace s7200
+{
+
+Session::Session(const ControllerSettings& settings)
+    : m_settings(settings),
+      m_machine(m_driver, settings, *this, QRandomGenerator::global()->generate())
+{
+    m_clock.start();
+    m_timer.setSingleShot(true);
+    m_timer.setTimerType(Qt::PreciseTimer);
+    connect(&m_timer, &QTimer::timeout, this, &Session::woken);
+    for (auto it = settings.stations.begin(); it != settings.stations.end(); ++it)
+        addSocket(it.key(), it.value());
+    if (settings.stations.isEmpty())
+        addSocket(settings.defaultStation, settings.endpoint);
+}
+
+Session::~Session() = default;
+
+void Session::addSocket(int station, const Endpoint& endpoint)
+{
+    auto* const socket = new LinkSocket(endpoint, m_settings.trace, nullptr);
+    m_sockets[station].reset(socket);
+    connect(socket, &LinkSocket::opened, this,
+            [=] { happened([=] { m_machine.opened(station, now()); }); });
+    connect(socket, &LinkSocket::openFailed, this, [=](const QString& why) {
+        happened([&] { m_machine.openFailed(station, why, now()); });
+    });
+    connect(socket, &LinkSocket::received, this, [=](const QByteArray& bytes) {
+        happened([&] { m_machine.received(station, bytes, now()); });
+    });
+    connect(socket, &LinkSocket::closed, this,
+            [=] { happened([=] { m_machine.closed(station, now()); }); });
+}
+
+bool Session::start(const QVector<Variable>& watched, QString* error)
+{
+    const QString file = findDriver(m_settings.driverFile, error);
+    if (file.isEmpty() || !m_driver.load(file, error))
+        return false;
+    happened([&] {
+        m_machine.start(now());
+        m_machine.watch(watched, now());
+    });
+    return true;
+}
+
+void Session::stop()
+{
+    m_timer.stop();
+    happened([this] { m_machine.stop(); });
+}
+
+void Session::watch(const QVector<Variable>& variables)
+{
+    happened([&] { m_machine.watch(variables, now()); });
+}
+
+void Session::request(RequestPtr request)
+{
+    happened([&] { m_machine.request(std::move(request), now()); });
+}
+
+template <typename Event>
+void Session::happened(const Event& event)
+{
+    ++m_depth;
+    event();
+    --m_depth;
+}
+
+void Session::open(int station)
+{
+    m_sockets.at(station)->open();
+}
+
+void Session::close(int station)
+{
+    m_sockets.at(station)->close();
+}
+
+void Session::send(int station, const QByteArray& frame)
+{
+    m_sockets.at(station)->send(frame);
+}
+
+/// A timer that fires too early costs less than setting it anew with every frame.
+void Session::wakeAt(Micros time)
+{
+    if (time == std::numeric_limits<Micros>::max() || (m_wakeAt >= 0 && m_wakeAt <= time))
+        return;
+    constexpr Micros Longest = Micros(3600) * 1000 * 1000;
+    const Micros delay = qBound(Micros(0), time - now(), Longest);
+    m_wakeAt = time;
+    m_timer.start(int((delay + 999) / 1000));
+}
+
+void Session::woken()
+{
+    m_wakeAt = -1;
+    happened([this] { m_machine.timePassed(now()); });
+}
+
+void Session::tellLink(const LinkStatus& status)
+{
+    Q_EMIT linkChanged(status);
+}
+
+void Session::tellValues(const QVector<int>& indexes)
+{
+    Q_EMIT valuesChanged(indexes);
+}
+
+void Session::tellCycle()
+{
+    Q_EMIT cycleDone();
+}
+
+} // namespace s7200

@@ -1,0 +1,77 @@
+#ifndef HOST_SESSION_H
+#define HOST_SESSION_H
+
+#include "host/link_machine.h"
+#include "host/link_socket.h"
+
+#include <QElapsedTimer>
+#include <QObject>
+#include <QTimer>
+
+#include <map>
+
+namespace s7200
+{
+
+/// One run of a controller from start to stop: joins a driver's copy, the machine, its sockets and
+/// a timer, and gives the machine the time.
+class Session : public QObject, private LinkOrders
+{
+    Q_OBJECT
+public:
+    explicit Session(const ControllerSettings& settings);
+    ~Session() override;
+
+    bool start(const QVector<Variable>& watched, QString* error);
+    void stop();
+
+    /// Not while one of its functions is running further up; then deleteLater().
+    bool mayBeDeleted() const
+    {
+        return m_depth == 0;
+    }
+
+    void watch(const QVector<Variable>& variables);
+    void request(RequestPtr request);
+
+    const LinkMachine& machine() const
+    {
+        return m_machine;
+    }
+    Micros now() const
+    {
+        return m_clock.nsecsElapsed() / 1000;
+    }
+
+Q_SIGNALS:
+    void linkChanged(const s7200::LinkStatus& status);
+    void valuesChanged(const QVector<int>& indexes);
+    void cycleDone();
+
+private:
+    void open(int station) override;
+    void close(int station) override;
+    void send(int station, const QByteArray& frame) override;
+    void wakeAt(Micros time) override;
+    void tellLink(const LinkStatus& status) override;
+    void tellValues(const QVector<int>& indexes) override;
+    void tellCycle() override;
+
+    void addSocket(int station, const Endpoint& endpoint);
+    void woken();
+    template <typename Event>
+    void happened(const Event& event);
+
+    const ControllerSettings m_settings;
+    QElapsedTimer m_clock;
+    QTimer m_timer;
+    Micros m_wakeAt = -1; ///< When the timer fires; -1: not at all.
+    DriverCopy m_driver;
+    LinkMachine m_machine;
+    std::map<int, std::unique_ptr<LinkSocket>> m_sockets;
+    int m_depth = 0;
+};
+
+} // namespace s7200
+
+#endif

@@ -1,0 +1,120 @@
+#include <s7200host/tag.h>
+
+#include "host/csv.h"
+#include "host/element_text.h"
+#include "host/tag_rows.h"
+
+#include <QRegularExpression>
+
+#include <algorithm>
+
+namespace s7200
+{
+
+namespace
+{
+
+/// A pattern with * and ? for whole names.
+QRegularExpression globOf(const QString& pattern)
+{
+    QString expression = QRegularExpression::escape(pattern);
+    expression.replace(QStringLiteral("\\*"), QStringLiteral(".*"));
+    expression.replace(QStringLiteral("\\?"), QStringLiteral("."));
+    return QRegularExpression(QRegularExpression::anchoredPattern(expression),
+                              QRegularExpression::CaseInsensitiveOption);
+}
+
+} // namespace
+
+std::optional<TagTable> TagTable::load(const QString& file, const QStringList* controllers,
+                                       QStringList* errors)
+{
+    const std::optional<QByteArray> csv = readWholeFile(file, errors);
+    return csv ? parse(*csv, file, controllers, errors) : std::nullopt;
+}
+
+std::optional<TagTable> TagTable::parse(const QByteArray& csv, const QString& file,
+                                        const QStringList* controllers, QStringList* errors)
+{
+    QStringList faults;
+    TagTable table;
+    for (const TagRow& row : readTagRows(csv, file, controllers, false, &faults)) {
+        table.m_byName[row.tag.name.toLower()].append(int(table.m_tags.size()));
+        table.m_tags.append(row.tag);
+    }
+    *errors += faults;
+    return faults.isEmpty() ? std::optional<TagTable>(table) : std::nullopt;
+}
+
+const QVector<Tag>& TagTable::tags() const
+{
+    return m_tags;
+}
+
+QVector<Tag> TagTable::named(const QString& name, const QString* controller) const
+{
+    QVector<Tag> found;
+    const auto take = [&](const Tag& tag) {
+        if (!controller || tag.controller.compare(*controller, Qt::CaseInsensitive) == 0)
+            found.append(tag);
+    };
+    for (const int index : m_byName.value(name.toLower()))
+        take(m_tags.at(index));
+    if (!found.isEmpty() || (!name.contains(QLatin1Char('*')) && !name.contains(QLatin1Char('?'))))
+        return found;
+    const QRegularExpression glob = globOf(name);
+    for (const Tag& tag : m_tags) {
+        if (glob.match(tag.name).hasMatch())
+            take(tag);
+    }
+    return found;
+}
+
+QVector<Tag> TagTable::lookup(const QString& text, QString* error) const
+{
+    const QString wanted = text.trimmed();
+    const auto colon = wanted.indexOf(QLatin1Char(':'));
+    const QString controller = wanted.left(std::max<int>(0, int(colon))).trimmed();
+    const QString name = wanted.mid(colon + 1).trimmed();
+    const QVector<Tag> found = named(name, colon < 0 ? nullptr : &controller);
+    if (!found.isEmpty())
+        return found;
+    Tag tag;
+    tag.controller = controller;
+    if (parseVariable(name, &tag.variable, error))
+        return {tag};
+    if (!m_tags.isEmpty())
+        *error = QStringLiteral("%1 is no tag; as a variable, %2").arg(quoted(wanted), *error);
+    return {};
+}
+
+bool TagTable::parseAssignment(const QString& text, Tag* tag, QVector<quint32>* elements,
+                               QString* error) const
+{
+    const auto equals = text.indexOf(QLatin1Char('='));
+    if (equals < 0) {
+        *error = quoted(text) + QStringLiteral(": a write is VARIABLE=VALUE, as in VW100=7");
+        return false;
+    }
+    const QString what = text.left(equals).trimmed();
+    const QString values = text.mid(equals + 1);
+    const QVector<Tag> found = lookup(what, error);
+    if (found.size() > 1)
+        *error = QStringLiteral("%1 means %2 tags, of which only one can be written: %3, %4 ...")
+                     .arg(quoted(what))
+                     .arg(found.size())
+                     .arg(labelsOf(found).at(0), labelsOf(found).at(1));
+    if (found.size() != 1)
+        return false;
+    *tag = found.first();
+    Variable& variable = tag->variable;
+    if (tag->scaling.isIdentity() && tag->decimals < 0) {
+        QStringList parts = values.split(QLatin1Char(','));
+        for (QString& part : parts)
+            part = part.trimmed();
+        variable.format = formatOfTexts(variable, parts);
+    }
+    return tag->parseValues(values, elements, error);
+}
+
+} // namespace s7200

@@ -1,0 +1,349 @@
+#include "panel/command_line.h"
+
+#include <s7200host/controller_file.h>
+
+#include <algorithm>
+
+namespace s7200::panel
+{
+
+namespace
+{
+
+constexpr int HighestStation = 255;
+constexpr int LongestMs = 24 * 60 * 60 * 1000; // three times that is still an int
+constexpr int LargestBlock = 222;              // what a reply of 240 bytes has room for
+
+const char* const ExitStatuses =
+    "Exit status: 0 good, 2 wrong usage, 3 no connection, 4 no answer, 5 refused,\n"
+    "invalid or not verified, 6 some of several failed, 7 output cannot be written,\n"
+    "8 time was up before --until was met.\n";
+
+QList<QCommandLineOption> controllerOptions()
+{
+    return {
+        {"controller",
+         "Where the controller is; port 102 if not given. NAME= gives it a name, or a station "
+         "number for variables with @STATION; then the option may be repeated.",
+         "[NAME=]HOST[:PORT]"},
+        {"controllers",
+         "A file of controllers, CSV: name, host, port, local_tsap, remote_tsap, timeout, "
+         "retries, interval. What it leaves empty is taken from the options.",
+         "file"},
+        {"local-tsap", "This side's transport access point, two hex bytes (default 10.00).",
+         "tsap"},
+        {"remote-tsap", "The controller's, kind and place of the module (default 11.00).", "tsap"},
+        {"timeout", "How long a connection or a reply may take (default 1000).", "ms"},
+        {"retries", "Failed replies before the link counts as down (default 3).", "n"},
+        {"block-limit", "Most bytes of one read (default: as many as fit a reply).", "bytes"},
+        {"remote", "Use forwarding records of remote access in place of S7 jobs."},
+        {"one-driver",
+         "All stations behind one driver, in turn. A dead one then costs the others time."},
+        {"trace", "Record every frame: as a capture file, or for - as hex lines on standard error.",
+         "file"},
+        {"force", "Overwrite a file that exists."},
+    };
+}
+
+QList<QCommandLineOption> commonOptions(unsigned takes)
+{
+    QList<QCommandLineOption> options;
+    if ((takes & TakesControllers) != 0)
+        options += controllerOptions();
+    if ((takes & TakesTags) != 0)
+        options.append({"tags",
+                        "A file of tags, CSV: name, controller, address, format, unit, scale, "
+                        "offset, decimals, deadband, low, high, comment.",
+                        "file"});
+    if ((takes & TakesInterval) != 0)
+        options.append({"interval", "From one reading to the next (default 500).", "ms"});
+    if ((takes & (TakesControllers | TakesDriver)) != 0)
+        options.append({"driver", "The driver library to load.", "file"});
+    options.append({{"h", "help"}, "Show this help."});
+    return options;
+}
+
+QString helpText(const Command& command, const QCommandLineParser& parser)
+{
+    // Qt's text begins with a usage line of its own, which does not know of commands.
+    QString options = parser.helpText();
+    options.remove(0, options.indexOf(QLatin1String("Options:")));
+    options.truncate(options.indexOf(QLatin1String("\nArguments:")) >= 0
+                         ? options.indexOf(QLatin1String("\nArguments:"))
+                         : options.size());
+    const QString variables =
+        (command.takes & TakesVariables) != 0 ? variableHelp() + QLatin1Char('\n') : QString();
+    return QStringLiteral("Usage: s7200-panel %1 [options] %2\n\n%3\n\n%4%5\n%6")
+        .arg(QLatin1String(command.name), QLatin1String(command.operands),
+             QString::fromUtf8(command.description), variables, options,
+             QLatin1String(ExitStatuses));
+}
+
+/// The station that a controller's name says, -1 if it is no number of one.
+int stationNamed(const QString& name)
+{
+    bool ok = false;
+    const int station = name.toInt(&ok);
+    return ok && station >= 0 && station <= HighestStation ? station : -1;
+}
+
+} // namespace
+
+bool parseEndpoint(const QString& text, Endpoint* endpoint)
+{
+    QString host = text;
+    QString port;
+    const auto bracket = text.indexOf(QLatin1Char(']'));
+    if (text.startsWith(QLatin1Char('[')) && bracket > 0) {
+        host = text.mid(1, bracket - 1);
+        port = text.mid(bracket + 1);
+    } else if (text.count(QLatin1Char(':')) == 1) {
+        host = text.section(QLatin1Char(':'), 0, 0);
+        port = text.mid(host.size());
+    }
+    endpoint->host = host;
+    if (!port.isEmpty()) {
+        bool ok = false;
+        endpoint->port = port.mid(1).toUShort(&ok);
+        if (!ok || endpoint->port == 0 || !port.startsWith(QLatin1Char(':')))
+            return false;
+    }
+    return !host.isEmpty() && !host.contains(QLatin1Char(' '));
+}
+
+bool CommandLine::parse(const Command& command, const QStringList& arguments, QString* help,
+                        QString* error)
+{
+    error->clear();
+    m_takes = command.takes;
+    m_parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    m_parser.addOptions(command.options);
+    m_parser.addOptions(commonOptions(command.takes));
+    const bool parsed = m_parser.parse(arguments);
+    if (m_parser.isSet(QStringLiteral("help"))) {
+        *help = helpText(command, m_parser);
+        return false;
+    }
+    if (!parsed) {
+        *error = m_parser.errorText().simplified() + QStringLiteral(" --help lists the options.");
+        return false;
+    }
+    if ((m_takes & TakesInterval) != 0 &&
+        !number("interval", 0, LongestMs, &m_defaults.intervalMs, error))
+        return false;
+    if ((m_takes & TakesControllers) != 0 &&
+        (!readSettings(&m_defaults, error) || !readControllers(m_defaults, error)))
+        return false;
+    if ((m_takes & NeedsController) != 0 && m_controllers.isEmpty()) {
+        *error = QStringLiteral("%1 needs a controller: --controller HOST[:PORT]")
+                     .arg(QLatin1String(command.name));
+        return false;
+    }
+    return readTags(error);
+}
+
+const QCommandLineParser& CommandLine::options() const
+{
+    return m_parser;
+}
+
+QStringList CommandLine::operands() const
+{
+    return m_parser.positionalArguments();
+}
+
+bool CommandLine::number(const char* option, int lowest, int highest, int* value,
+                         QString* error) const
+{
+    const QString name = QLatin1String(option);
+    if (!m_parser.isSet(name))
+        return true;
+    bool ok = false;
+    const int given = m_parser.value(name).toInt(&ok);
+    if (ok && given >= lowest && given <= highest) {
+        *value = given;
+        return true;
+    }
+    *error = QStringLiteral("--%1 takes a whole number from %2 to %3, not %4")
+                 .arg(name)
+                 .arg(lowest)
+                 .arg(highest)
+                 .arg(quoted(m_parser.value(name)));
+    return false;
+}
+
+bool CommandLine::seconds(const char* option, int* milliseconds, QString* error) const
+{
+    const QString name = QLatin1String(option);
+    if (!m_parser.isSet(name))
+        return true;
+    bool ok = false;
+    const double given = m_parser.value(name).toDouble(&ok);
+    if (ok && given >= 0.001 && given <= LongestMs / 1000) {
+        *milliseconds = int(given * 1000);
+        return true;
+    }
+    *error = QStringLiteral("--%1 takes seconds, 0.001 to %2, not %3")
+                 .arg(name)
+                 .arg(LongestMs / 1000)
+                 .arg(quoted(m_parser.value(name)));
+    return false;
+}
+
+bool CommandLine::readTsap(const char* option, quint16* tsap, QString* error) const
+{
+    const QString name = QLatin1String(option);
+    if (!m_parser.isSet(name))
+        return true;
+    const std::optional<quint16> given = parseTsap(m_parser.value(name));
+    if (given && *given != 0) {
+        *tsap = *given;
+        return true;
+    }
+    *error = QStringLiteral("--%1 takes two hexadecimal bytes, 10.00 or 1000, not 0 and not %2")
+                 .arg(name, quoted(m_parser.value(name)));
+    return false;
+}
+
+bool CommandLine::readSettings(ControllerSettings* settings, QString* error) const
+{
+    settings->remoteAccess = m_parser.isSet(QStringLiteral("remote"));
+    settings->driverFile = driverFile();
+    return readTsap("local-tsap", &settings->localTsap, error) &&
+           readTsap("remote-tsap", &settings->remoteTsap, error) &&
+           number("timeout", 1, LongestMs, &settings->timeoutMs, error) &&
+           number("retries", 0, 1000, &settings->retries, error) &&
+           number("block-limit", 1, LargestBlock, &settings->blockLimit, error);
+}
+
+bool CommandLine::addController(const QString& text, const ControllerSettings& defaults,
+                                QString* error)
+{
+    ControllerSettings settings = defaults;
+    const auto equals = text.indexOf(QLatin1Char('='));
+    if (equals >= 0)
+        settings.name = text.left(equals);
+    if (equals == 0 || settings.name.contains(QLatin1Char(':')) ||
+        settings.name.contains(QLatin1Char(' ')) ||
+        !parseEndpoint(text.mid(equals + 1), &settings.endpoint)) {
+        *error = QStringLiteral("--controller takes [NAME=]HOST[:PORT], not ") + quoted(text);
+        return false;
+    }
+    m_controllers.append(settings);
+    return true;
+}
+
+bool CommandLine::readControllers(const ControllerSettings& defaults, QString* error)
+{
+    for (const QString& text : m_parser.values(QStringLiteral("controller"))) {
+        if (!addController(text, defaults, error))
+            return false;
+    }
+    for (const QString& file : m_parser.values(QStringLiteral("controllers"))) {
+        QStringList errors;
+        const auto loaded = loadControllers(file, defaults, &errors);
+        *error = errors.join(QLatin1Char('\n'));
+        if (!loaded)
+            return false;
+        m_controllers += *loaded;
+    }
+    if (!indexControllers(error))
+        return false;
+    return !oneDriver() || joinStations(error);
+}
+
+bool CommandLine::indexControllers(QString* error)
+{
+    for (int i = 0; i < int(m_controllers.size()); ++i) {
+        const QString& name = m_controllers.at(i).name;
+        if (m_byName.contains(name.toLower())) {
+            *error = name.isEmpty() ? QStringLiteral("several controllers need names: --controller "
+                                                     "NAME=HOST")
+                                    : QStringLiteral("two controllers are named ") + quoted(name);
+            return false;
+        }
+        m_byName.insert(name.toLower(), i);
+    }
+    return true;
+}
+
+/// All controllers become stations of one.
+bool CommandLine::joinStations(QString* error)
+{
+    if (m_controllers.isEmpty())
+        return true;
+    ControllerSettings joined = m_controllers.first();
+    for (const ControllerSettings& settings : std::as_const(m_controllers)) {
+        const int station =
+            settings.name.isEmpty() ? settings.defaultStation : stationNamed(settings.name);
+        if (station < 0 || joined.stations.contains(station)) {
+            *error = QStringLiteral("with --one-driver each controller is a station of its own, "
+                                    "0 to 255: --controller 3=HOST, not %1")
+                         .arg(quoted(settings.name));
+            return false;
+        }
+        joined.stations.insert(station, settings.endpoint);
+    }
+    joined.name.clear();
+    if (!joined.stations.contains(joined.defaultStation))
+        joined.defaultStation = joined.stations.firstKey();
+    m_controllers = {joined};
+    return true;
+}
+
+bool CommandLine::readTags(QString* error)
+{
+    const QString file =
+        m_parser.isSet(QStringLiteral("tags")) ? m_parser.value(QStringLiteral("tags")) : QString();
+    if ((m_takes & TakesTags) == 0 || file.isEmpty())
+        return true;
+    // A file of controllers lists all that there are; an option may name just the one of interest.
+    QStringList names;
+    for (const ControllerSettings& settings : std::as_const(m_controllers))
+        names.append(settings.name);
+    const bool complete = m_parser.isSet(QStringLiteral("controllers")) && !oneDriver();
+    QStringList errors;
+    const auto loaded = TagTable::load(file, complete ? &names : nullptr, &errors);
+    *error = errors.join(QLatin1Char('\n'));
+    if (loaded)
+        m_tags = *loaded;
+    return loaded.has_value();
+}
+
+const QVector<ControllerSettings>& CommandLine::controllers() const
+{
+    return m_controllers;
+}
+
+bool CommandLine::simulated() const
+{
+    return (m_takes & SimulatesIfNone) != 0 && !m_parser.isSet(QStringLiteral("controller")) &&
+           !m_parser.isSet(QStringLiteral("controllers"));
+}
+
+bool CommandLine::oneDriver() const
+{
+    return m_parser.isSet(QStringLiteral("one-driver"));
+}
+
+QString CommandLine::driverFile() const
+{
+    return m_parser.value(QStringLiteral("driver"));
+}
+
+QString CommandLine::traceFile() const
+{
+    return m_parser.value(QStringLiteral("trace"));
+}
+
+bool CommandLine::force() const
+{
+    return m_parser.isSet(QStringLiteral("force"));
+}
+
+const TagTable& CommandLine::tags() const
+{
+    return m_tags;
+}
+
+} // namespace s7200::panel

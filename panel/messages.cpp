@@ -1,0 +1,172 @@
+#include "panel/messages.h"
+
+#include <QCoreApplication>
+
+#include <cerrno>
+#include <clocale>
+#include <cstdio>
+#include <cstring>
+#include <langinfo.h>
+#include <poll.h>
+#include <unistd.h>
+
+namespace s7200::panel
+{
+
+namespace
+{
+
+bool utf8Locale = false;
+int endStatus = -1;  ///< Not ended: -1.
+int outputError = 0; ///< errno of the first write that failed.
+
+bool writeAll(int descriptor, const QByteArray& bytes)
+{
+    for (qsizetype at = 0; at < bytes.size();) {
+        const ssize_t written =
+            ::write(descriptor, bytes.constData() + at, size_t(bytes.size() - at));
+        if (written >= 0) {
+            at += written;
+        } else if (errno == EAGAIN) {
+            // Another program has made the shared terminal non-blocking.
+            pollfd room = {descriptor, POLLOUT, 0};
+            ::poll(&room, 1, -1);
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+ExitStatus exitStatusOf(Cause cause)
+{
+    switch (cause) {
+    case Cause::None:
+        return ExitGood;
+    case Cause::NoConnection:
+    case Cause::Closed:
+    case Cause::ConnectionRefused:
+        return ExitNoConnection;
+    case Cause::TimedOut:
+    case Cause::Dropped:
+    case Cause::Stopped:
+        return ExitNoAnswer;
+    default:
+        return ExitRefused;
+    }
+}
+
+ExitStatus exitStatusOf(const QVector<Cause>& causes)
+{
+    ExitStatus first = ExitGood;
+    for (auto it = causes.rbegin(); it != causes.rend(); ++it) {
+        if (*it != Cause::None)
+            first = exitStatusOf(*it);
+    }
+    return first != ExitGood && causes.contains(Cause::None) ? ExitSomeFailed : first;
+}
+
+QString describeFailure(Cause cause, const QString& detail, const QString& controller)
+{
+    switch (cause) {
+    case Cause::NoConnection:
+        return QStringLiteral("no connection to %1: %2").arg(controller, detail);
+    case Cause::Refused:
+        return QStringLiteral("refused by %1: %2").arg(controller, detail);
+    default:
+        return QStringLiteral("%1: %2").arg(controller,
+                                            detail.isEmpty() ? describe(cause) : detail);
+    }
+}
+
+QString counted(quint64 count, const char* one, const char* many)
+{
+    const QString number = QString::number(count) + QLatin1Char(' ');
+    if (count == 1)
+        return number + QLatin1String(one);
+    return number + (many ? QLatin1String(many) : QLatin1String(one) + QLatin1Char('s'));
+}
+
+int runEventLoop()
+{
+    return endStatus >= 0 ? endStatus : QCoreApplication::exec();
+}
+
+void end(int status)
+{
+    if (endStatus < 0)
+        endStatus = status;
+    QCoreApplication::exit(endStatus);
+}
+
+void readLocale()
+{
+    std::setlocale(LC_CTYPE, "");
+    utf8Locale = std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0;
+}
+
+bool isUtf8Locale()
+{
+    return utf8Locale;
+}
+
+QByteArray encoded(const QString& text)
+{
+    if (utf8Locale)
+        return text.toUtf8();
+    QByteArray ascii;
+    for (const QChar letter : text) {
+        if (!letter.isLowSurrogate())
+            ascii += letter.unicode() < 0x80 ? char(letter.unicode()) : '?';
+    }
+    return ascii;
+}
+
+void complain(const QString& text)
+{
+    // Nobody can be told if this fails.
+    writeAll(STDERR_FILENO, encoded(QStringLiteral("s7200-panel: ") + text) + '\n');
+}
+
+int usageError(const QString& text)
+{
+    complain(text);
+    return ExitUsage;
+}
+
+void print(const QString& line)
+{
+    printBytes(encoded(line) + '\n');
+}
+
+bool printBytes(const QByteArray& bytes)
+{
+    if (outputError == 0 && !writeAll(STDOUT_FILENO, bytes)) {
+        outputError = errno;
+        end(ExitOutput);
+    }
+    return outputError == 0;
+}
+
+QString outputFailure()
+{
+    if (outputError == 0)
+        return QString();
+    return QStringLiteral("cannot write to standard output: ") +
+           QString::fromLocal8Bit(std::strerror(outputError));
+}
+
+bool outputIsClosed()
+{
+    pollfd output = {STDOUT_FILENO, 0, 0};
+    if (::poll(&output, 1, 0) != 1 || (output.revents & POLLERR) == 0)
+        return false;
+    if (outputError == 0)
+        outputError = EPIPE;
+    end(ExitOutput);
+    return true;
+}
+
+} // namespace s7200::panel

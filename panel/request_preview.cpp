@@ -1,0 +1,98 @@
+#include "panel/request_preview.h"
+
+#include "host/request_plan.h"
+#include "panel/driver_desk.h"
+#include "panel/frame_text.h"
+
+#include "wire/s7_fields.h"
+
+#include <algorithm>
+
+namespace s7200::panel
+{
+
+namespace
+{
+
+constexpr int HandshakeFrames = 2;
+
+/// Which bytes, timers or counters of a read somebody wants, and who.
+void serve(const ReadBlock& block, const QVector<ReadBlock>& wanted, PlannedRead* read)
+{
+    QVector<bool> used(block.units, false);
+    for (int i = 0; i < int(wanted.size()); ++i) {
+        const ReadBlock& one = wanted.at(i);
+        if (!block.overlaps(one))
+            continue;
+        read->variables.append(i);
+        const int first = std::max(one.start, block.start) - block.start;
+        const int end = std::min(one.start + one.units, block.start + block.units) - block.start;
+        std::fill(used.begin() + first, used.begin() + end, true);
+    }
+    const int unused = int(std::count(used.begin(), used.end(), false));
+    read->wastedBytes = unused * read->dataBytes / std::max(1, block.units);
+}
+
+} // namespace
+
+int RequestPlan::dataBytes() const
+{
+    int sum = 0;
+    for (const PlannedRead& read : reads)
+        sum += read.dataBytes;
+    return sum;
+}
+
+int RequestPlan::wastedBytes() const
+{
+    int sum = 0;
+    for (const PlannedRead& read : reads)
+        sum += read.wastedBytes;
+    return sum;
+}
+
+double RequestPlan::cycleMs(double roundTripMs) const
+{
+    return double(reads.size()) * roundTripMs;
+}
+
+std::optional<RequestPlan> planRequests(const ControllerSettings& settings,
+                                        const QVector<Variable>& variables, QString* error)
+{
+    const std::unique_ptr<DriverDesk> desk = DriverDesk::open(settings, error);
+    if (!desk)
+        return std::nullopt;
+    RequestPlan plan;
+    const int listed = desk->watch(variables);
+    plan.blockLimit = desk->comInfo.block_length_limit;
+    QVector<ReadBlock> wanted;
+    for (const Variable& variable : variables)
+        wanted.append(extentOf(variable, variable.station >= 0 && !settings.stations.isEmpty()
+                                             ? variable.station
+                                             : settings.defaultStation));
+    // Each station shakes hands first.
+    const int most = listed + HandshakeFrames * std::max(1, int(settings.stations.size()));
+    for (int i = 0; i < most && int(plan.reads.size()) < listed; ++i) {
+        const Protocol* pending = desk->pending();
+        if (pending == nullptr)
+            break;
+        if (!isConnectionRequest(pending->frame) && !isSetup(pending->frame)) {
+            PlannedRead read;
+            read.frame = pending->frame;
+            read.replyLength = pending->reply_len;
+            read.pduLength = pending->reply_len - wire::ProtocolIdOffset;
+            read.dataBytes = pending->data_len;
+            serve(blockOf(pending->var), wanted, &read);
+            plan.reads.append(read);
+        }
+        desk->reply(DriverDesk::perfectReply(*pending));
+    }
+    if (int(plan.reads.size()) == listed)
+        return plan;
+    *error = QStringLiteral("the driver sends only %1 of its %2 requests")
+                 .arg(plan.reads.size())
+                 .arg(listed);
+    return std::nullopt;
+}
+
+} // namespace s7200::panel
