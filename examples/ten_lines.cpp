@@ -12,6 +12,7 @@ int main(int argc, char** argv)
     controller.watch(QStringList{"VW0", "Q0.0"});
     QObject::connect(&controller, &s7200::Controller::cycleDone,
                      [&] { qInfo() << "VW0 =" << controller.value(0).elements.value(0); });
+    controller.start();
     controller.write("VW102=7");
-    return controller.start() ? application.exec() : 1;
+    return application.exec();
 }

@@ -35,12 +35,9 @@ if(NOT S7200_SANITIZE AND NOT S7200_COVERAGE AND NOT CMAKE_CROSSCOMPILING)
     add_test(NAME documents
         COMMAND ${PROJECT_SOURCE_DIR}/tools/check-documents $<TARGET_FILE_DIR:s7200-panel>)
     set_tests_properties(documents PROPERTIES TIMEOUT 300)
-    get_target_property(host_type s7200host TYPE)
-    if(host_type STREQUAL SHARED_LIBRARY)
-        s7200_program(ten_lines examples/ten_lines.cpp)
-        target_link_libraries(ten_lines PRIVATE s7200host)
-        add_test(NAME installed_hosts
-            COMMAND ${PROJECT_SOURCE_DIR}/packaging/try-installation ${PROJECT_BINARY_DIR})
-        set_tests_properties(installed_hosts PROPERTIES TIMEOUT 300)
-    endif()
+    s7200_program(ten_lines examples/ten_lines.cpp)
+    target_link_libraries(ten_lines PRIVATE s7200host)
+    add_test(NAME installed_hosts
+        COMMAND ${PROJECT_SOURCE_DIR}/packaging/try-installation ${PROJECT_BINARY_DIR})
+    set_tests_properties(installed_hosts PROPERTIES TIMEOUT 300)
 endif()
