@@ -41,10 +41,7 @@ const QVector<CsvColumn>& controllerColumns()
 class RowReader
 {
 public:
-    RowReader(const CsvRow& row, const QString& file, QStringList* errors)
-        : m_row(row), m_file(file), m_errors(errors)
-    {
-    }
+    RowReader(const CsvRow& row, Faults* faults) : m_row(row), m_faults(faults) {}
 
     ControllerSettings read(const ControllerSettings& defaults)
     {
@@ -77,7 +74,7 @@ public:
 private:
     void fault(const QString& text)
     {
-        m_errors->append(lineError(m_file, m_row.line, text));
+        m_faults->add(m_row.line, text);
     }
 
     void number(Column column, int lowest, int highest, int* value)
@@ -113,8 +110,7 @@ private:
     }
 
     const CsvRow& m_row;
-    const QString& m_file;
-    QStringList* m_errors;
+    Faults* m_faults;
 };
 
 } // namespace
@@ -131,24 +127,23 @@ std::optional<QVector<ControllerSettings>> parseControllers(const QByteArray& cs
                                                             const ControllerSettings& defaults,
                                                             QStringList* errors)
 {
-    QStringList faults;
+    Faults faults(file);
     QVector<ControllerSettings> controllers;
     QHash<QString, int> lines;
-    for (const CsvRow& row : readCsv(csv, file, controllerColumns(), &faults)) {
-        controllers.append(RowReader(row, file, &faults).read(defaults));
+    for (const CsvRow& row : readCsv(csv, controllerColumns(), &faults)) {
+        controllers.append(RowReader(row, &faults).read(defaults));
         const QString& name = controllers.last().name;
         int& line = lines[name.toLower()];
         if (line != 0 && !name.isEmpty())
-            faults.append(lineError(
-                file, row.line,
-                QStringLiteral("%1 is already the name of line %2").arg(quoted(name)).arg(line)));
+            faults.add(
+                row.line,
+                QStringLiteral("%1 is already the name of line %2").arg(quoted(name)).arg(line));
         line = row.line;
     }
-    if (faults.isEmpty() && controllers.isEmpty())
-        faults.append(file + QStringLiteral(": there is no controller in it"));
-    *errors += faults;
-    return faults.isEmpty() ? std::optional<QVector<ControllerSettings>>(controllers)
-                            : std::nullopt;
+    if (faults.count() == 0 && controllers.isEmpty())
+        faults.addFile(QStringLiteral("there is no controller in it"));
+    return faults.report(errors) ? std::optional<QVector<ControllerSettings>>(controllers)
+                                 : std::nullopt;
 }
 
 std::optional<quint16> parseTsap(const QString& text)

@@ -18,8 +18,7 @@ namespace
 class Parser
 {
 public:
-    Parser(char delimiter, const QString& file, QStringList* errors)
-        : m_delimiter(delimiter), m_file(file), m_errors(errors)
+    Parser(char delimiter, Faults* faults) : m_delimiter(delimiter), m_faults(faults)
     {
         begin();
     }
@@ -60,10 +59,8 @@ private:
     /// The next line begins a row again.
     void restart()
     {
-        m_errors->append(
-            lineError(m_file, m_row.line,
-                      QStringLiteral("the quotes do not match; a field with a quote in "
-                                     "it is \"written \"\"so\"\"\"")));
+        m_faults->add(m_row.line, QStringLiteral("the quotes do not match; a field with a quote in "
+                                                 "it is \"written \"\"so\"\"\""));
         csv_free(&m_parser);
         begin();
         m_row = CsvRow();
@@ -76,10 +73,9 @@ private:
         const QByteArray bytes(static_cast<const char*>(data), int(length));
         const QString field = QString::fromUtf8(bytes);
         if (field.contains(QChar::ReplacementCharacter) && !bytes.contains("\xEF\xBF\xBD"))
-            parser->m_errors->append(
-                lineError(parser->m_file, parser->m_row.line,
-                          QStringLiteral("%1 is not UTF-8; save the table as \"CSV UTF-8\"")
-                              .arg(quoted(field))));
+            parser->m_faults->add(parser->m_row.line,
+                                  QStringLiteral("%1 is not UTF-8; save the table as \"CSV UTF-8\"")
+                                      .arg(quoted(field)));
         parser->m_row.fields.append(field.trimmed());
     }
 
@@ -96,8 +92,7 @@ private:
 
     csv_parser m_parser;
     const char m_delimiter;
-    const QString m_file;
-    QStringList* m_errors;
+    Faults* m_faults;
     int m_line = 0;
     bool m_open = false; ///< Within a row, whose quoted field may go on over several lines.
     CsvRow m_row;
@@ -115,12 +110,12 @@ QString plainName(const QString& name)
 }
 
 /// For each field of the header the index of its column; -1: none, which only an empty field is.
-QVector<int> columnsOf(const CsvRow& header, const QString& file, const QVector<CsvColumn>& columns,
-                       QStringList* errors)
+QVector<int> columnsOf(const CsvRow& header, const QVector<CsvColumn>& columns, Faults* faults)
 {
     QStringList names;
     for (const CsvColumn& column : columns)
         names.append(QLatin1String(column.name));
+    const QString all = names.join(QStringLiteral(", "));
     QVector<int> indexes;
     for (const QString& field : header.fields) {
         int index = -1;
@@ -129,22 +124,20 @@ QVector<int> columnsOf(const CsvRow& header, const QString& file, const QVector<
                 index = i;
         }
         if (index < 0 && !field.isEmpty())
-            errors->append(lineError(file, header.line,
-                                     QStringLiteral("unknown column %1; the columns are %2")
-                                         .arg(quoted(field), names.join(QStringLiteral(", ")))));
+            faults->add(
+                header.line,
+                QStringLiteral("unknown column %1; the columns are %2").arg(quoted(field), all));
         if (index >= 0 && indexes.contains(index))
-            errors->append(
-                lineError(file, header.line,
-                          QStringLiteral("column %1 is there twice").arg(names.at(index))));
+            faults->add(header.line,
+                        QStringLiteral("column %1 is there twice").arg(names.at(index)));
         indexes.append(index);
     }
     for (int i = 0; i < int(columns.size()); ++i) {
         if (columns.at(i).required && !indexes.contains(i))
-            errors->append(
-                lineError(file, header.line,
-                          QStringLiteral("column %1 is missing; the first line names the "
-                                         "columns: %2")
-                              .arg(names.at(i), names.join(QStringLiteral(", ")))));
+            faults->add(header.line,
+                        QStringLiteral("column %1 is missing; the first line names the "
+                                       "columns: %2")
+                            .arg(names.at(i), all));
     }
     return indexes;
 }
@@ -164,11 +157,11 @@ char delimiterOf(const QByteArray& csv)
     return ',';
 }
 
-QVector<CsvRow> rawRows(QByteArray csv, const QString& file, QStringList* errors)
+QVector<CsvRow> rawRows(QByteArray csv, Faults* faults)
 {
     if (csv.startsWith("\xEF\xBB\xBF"))
         csv.remove(0, 3);
-    Parser parser(delimiterOf(csv), file, errors);
+    Parser parser(delimiterOf(csv), faults);
     for (int from = 0; from < int(csv.size());) {
         const int end = int(csv.indexOf('\n', from));
         const int next = end < 0 ? int(csv.size()) : end + 1;
@@ -180,15 +173,44 @@ QVector<CsvRow> rawRows(QByteArray csv, const QString& file, QStringList* errors
 
 } // namespace
 
-QVector<CsvRow> readCsv(const QByteArray& csv, const QString& file,
-                        const QVector<CsvColumn>& columns, QStringList* errors)
+Faults::Faults(const QString& file) : m_file(file) {}
+
+void Faults::add(int line, const QString& text)
 {
-    QVector<CsvRow> rows = rawRows(csv, file, errors);
+    m_faults.append({line, text});
+}
+
+void Faults::addFile(const QString& text)
+{
+    add(0, text);
+}
+
+int Faults::count() const
+{
+    return int(m_faults.size());
+}
+
+bool Faults::report(QStringList* errors) const
+{
+    QVector<Fault> inOrder = m_faults;
+    std::stable_sort(inOrder.begin(), inOrder.end(),
+                     [](const Fault& a, const Fault& b) { return a.line < b.line; });
+    for (const Fault& fault : std::as_const(inOrder)) {
+        const QString place =
+            fault.line == 0 ? m_file : QStringLiteral("%1 line %2").arg(m_file).arg(fault.line);
+        errors->append(place + QStringLiteral(": ") + fault.text);
+    }
+    return m_faults.isEmpty();
+}
+
+QVector<CsvRow> readCsv(const QByteArray& csv, const QVector<CsvColumn>& columns, Faults* faults)
+{
+    QVector<CsvRow> rows = rawRows(csv, faults);
     if (rows.isEmpty()) {
-        errors->append(file + QStringLiteral(": the header line is missing"));
+        faults->addFile(QStringLiteral("the header line is missing"));
         return {};
     }
-    const QVector<int> indexes = columnsOf(rows.takeFirst(), file, columns, errors);
+    const QVector<int> indexes = columnsOf(rows.takeFirst(), columns, faults);
     for (CsvRow& row : rows) {
         QStringList fields;
         for (int i = 0; i < int(columns.size()); ++i)
@@ -198,11 +220,9 @@ QVector<CsvRow> readCsv(const QByteArray& csv, const QString& file,
             if (index >= 0)
                 fields[index] = row.fields.at(i);
             else if (i >= int(indexes.size()) && !row.fields.at(i).isEmpty())
-                errors->append(
-                    lineError(file, row.line,
-                              QStringLiteral("%1 stands in no column; quote a field that "
-                                             "holds a separator")
-                                  .arg(quoted(row.fields.at(i)))));
+                faults->add(row.line, QStringLiteral("%1 stands in no column; quote a field that "
+                                                     "holds a separator")
+                                          .arg(quoted(row.fields.at(i))));
         }
         row.fields = fields;
     }
@@ -239,11 +259,6 @@ QByteArray csvLine(const QStringList& fields)
     }
     line.chop(1);
     return line + '\n';
-}
-
-QString lineError(const QString& file, int line, const QString& text)
-{
-    return QStringLiteral("%1 line %2: %3").arg(file).arg(line).arg(text);
 }
 
 } // namespace s7200

@@ -26,19 +26,37 @@ struct CsvRow {
     QStringList fields; ///< One for each CsvColumn; empty where the file has none.
 };
 
-/// The rows of a table, with a line for each fault in `errors`: no text in UTF-8, an unknown
-/// column, one twice, a required one missing, fields without a column, quotes that do not match.
-QVector<CsvRow> readCsv(const QByteArray& csv, const QString& file,
-                        const QVector<CsvColumn>& columns, QStringList* errors);
+/// What is wrong with a file, each with its line.
+class Faults
+{
+public:
+    explicit Faults(const QString& file);
+
+    void add(int line, const QString& text);
+    void addFile(const QString& text); ///< Of the file as a whole.
+    int count() const;
+
+    /// Appends "FILE line 7: ..." for each, in the order of the lines. True if there is none.
+    bool report(QStringList* errors) const;
+
+private:
+    struct Fault {
+        int line;
+        QString text;
+    };
+    const QString m_file;
+    QVector<Fault> m_faults;
+};
+
+/// The rows of a table. Faults are: no text in UTF-8, an unknown column, one twice, a required one
+/// missing, fields without a column, quotes that do not match.
+QVector<CsvRow> readCsv(const QByteArray& csv, const QVector<CsvColumn>& columns, Faults* faults);
 
 /// The whole file; nothing, with a line in `errors`, if it cannot be read.
 std::optional<QByteArray> readWholeFile(const QString& file, QStringList* errors);
 
 /// One line, separated by commas and ended by LF, with quotes where they are needed.
 QByteArray csvLine(const QStringList& fields);
-
-/// "FILE line 7: ..."
-QString lineError(const QString& file, int line, const QString& text);
 
 } // namespace s7200
 

@@ -321,8 +321,9 @@ void LinkMachine::relist()
         if (!isConnected(station))
             continue;
         const QVector<ReadBlock> wanted = m_watch.cyclicBlocks(entry.first);
+        const bool probes = m_settings.probe && m_watch.apartBlocks(entry.first).isEmpty();
         // The driver shakes hands, and finds out that a link is lost, in the place of a request.
-        if (wanted.isEmpty() && (m_settings.probe || !isReady(station)))
+        if (wanted.isEmpty() && (probes || !isReady(station)))
             blocks.append(probeOf(entry.first));
         blocks += wanted;
     }
@@ -384,7 +385,8 @@ bool LinkMachine::anyReady() const
 
 Micros LinkMachine::nextWake() const
 {
-    Micros next = anyReady() && !m_inCycle ? m_nextCycle : Never;
+    const bool waitsForCycle = anyReady() && !m_inCycle && !m_transaction.isOpen;
+    Micros next = waitsForCycle ? m_nextCycle : Never;
     if (m_transaction.isOpen)
         next = std::min(next, m_transaction.sentAt + m_settings.timeoutMs * PerMs);
     for (const auto& entry : m_stations) {

@@ -121,7 +121,7 @@ private:
     int queueRead(const ReadBlock& block, int key, int tag);
     void finish(RequestPtr request, const Failure& failure);
     void finishActive(const Failure& failure);
-    void dropActive(const RW_VAR& culprit, const Failure& failure);
+    void dropActive(const RW_VAR& culprit, const Failure& failure, bool keepReads);
     void failWaiting(int station, bool writesOnly, const Failure& failure);
     QByteArray fetch(const Variable& variable, int station) const;
 

@@ -30,9 +30,10 @@ void LinkMachine::ready(int number)
 {
     Station& station = m_stations.at(number);
     station.phase = Phase::Ready;
-    const bool asksNothing = !m_settings.probe && m_watch.cyclicBlocks(number).isEmpty() &&
-                             m_watch.apartBlocks(number).isEmpty();
-    if (asksNothing)
+    const bool listsNothing = m_watch.cyclicBlocks(number).isEmpty();
+    const bool asksNothing =
+        listsNothing && m_watch.apartBlocks(number).isEmpty() && !m_settings.probe;
+    if (listsNothing)
         m_relist = true; // without the request in whose place it shook hands
     if (!m_inCycle)
         m_nextCycle = m_now;
@@ -78,7 +79,7 @@ void LinkMachine::linkLost(const RW_VAR& request)
         news = true; // somebody else's wish, which ends here
     else if (refused)
         news = m_watch.refused(blockOf(request), request.host_key == ApartKey, failure, m_now);
-    dropActive(request, failure);
+    dropActive(request, failure, news);
     closeStation(number, failure, news);
     const Failure dropped{Cause::Dropped,
                           QStringLiteral("dropped with the link: ") + failure.detail};
@@ -99,7 +100,6 @@ void LinkMachine::closeStation(int number, const Failure& failure, bool news)
         station.health.failed(failure, m_now);
     m_watch.linkDown(number, failure);
     m_relist = true;
-    m_inCycle = false;
     tellLink(number);
 }
 

@@ -105,15 +105,20 @@ void LinkMachine::finishActive(const Failure& failure)
         finish(m_requests.takeActive(), failure);
 }
 
-/// What the driver held is gone with the link. The culprit is told what happened to it.
-void LinkMachine::dropActive(const RW_VAR& culprit, const Failure& failure)
+/// What the driver held is gone with the link. The culprit is told what happened to it; with
+/// `keepReads` a read that was not to blame waits for the next link.
+void LinkMachine::dropActive(const RW_VAR& culprit, const Failure& failure, bool keepReads)
 {
     const Request* const active = m_requests.active();
     if (!active || active->station != culprit.station)
         return;
     const bool own = culprit.host_key == (active->isWrite() ? WriteKey : ReadKey);
-    const bool guilty = own && culprit.host_index == active->id;
-    finishActive(guilty ? failure : dropped(failure));
+    if (own && culprit.host_index == active->id)
+        finishActive(failure);
+    else if (keepReads && !active->isWrite())
+        m_requests.putBack();
+    else
+        finishActive(dropped(failure));
 }
 
 void LinkMachine::failWaiting(int station, bool writesOnly, const Failure& failure)

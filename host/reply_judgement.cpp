@@ -48,6 +48,12 @@ Failure judgeConfirm(const SentFrame& frame, const QByteArray& reply)
                                              : wrongLength(int(reply.size()), frame.replyLength);
 }
 
+bool isCutShort(const QByteArray& reply)
+{
+    return byteAt(reply, 0) == 3 && byteAt(reply, 1) == 0 &&
+           reply.size() < wordAt(reply, wire::TpktLengthOffset);
+}
+
 /// TPKT, data TPDU and S7 header, whatever it carries.
 bool isS7Reply(const QByteArray& reply)
 {
@@ -96,6 +102,10 @@ Failure judgeReply(const SentFrame& frame, const QByteArray& reply)
 {
     if (isConnectionRequest(frame))
         return judgeConfirm(frame, reply);
+    if (isCutShort(reply))
+        return failure(Cause::WrongLength, QStringLiteral("a reply cut short: %1 of %2 bytes")
+                                               .arg(reply.size())
+                                               .arg(wordAt(reply, wire::TpktLengthOffset)));
     if (!isS7Reply(reply))
         return notS7(reply);
     if (!lengthsAgree(reply, frame.remote ? RemoteTrailingBytes : 0))

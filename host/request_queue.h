@@ -57,6 +57,13 @@ public:
         return std::move(m_active);
     }
 
+    /// Lets the active one, a read, wait again.
+    void putBack()
+    {
+        m_active->unanswered = 0;
+        m_waiting.push_front(std::move(m_active));
+    }
+
     /// Those that wait for a station; all, or writes only.
     std::vector<RequestPtr> takeWaiting(int station, bool writesOnly);
 

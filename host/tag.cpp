@@ -141,7 +141,9 @@ std::optional<quint32> parseTagElement(const Tag& tag, const QString& text, QStr
 
 QString Tag::label() const
 {
-    return name.isEmpty() ? variable.text() : name;
+    if (!name.isEmpty())
+        return name;
+    return variable.formatGiven ? variable.text() : variable.label();
 }
 
 QString Tag::address() const

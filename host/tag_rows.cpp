@@ -1,6 +1,5 @@
 #include "host/tag_rows.h"
 
-#include "host/csv.h"
 #include "host/element_text.h"
 
 #include <QHash>
@@ -53,10 +52,8 @@ bool hasControl(const QString& text)
 class RowReader
 {
 public:
-    RowReader(const CsvRow& row, const QString& file, const QStringList* controllers,
-              bool withValues, QStringList* errors)
-        : m_row(row), m_file(file), m_controllers(controllers), m_withValues(withValues),
-          m_errors(errors)
+    RowReader(const CsvRow& row, const QStringList* controllers, bool withValues, Faults* faults)
+        : m_row(row), m_controllers(controllers), m_withValues(withValues), m_faults(faults)
     {
     }
 
@@ -91,7 +88,7 @@ private:
 
     void fault(const QString& text)
     {
-        m_errors->append(lineError(m_file, m_row.line, text));
+        m_faults->add(m_row.line, text);
     }
 
     void readName()
@@ -192,10 +189,9 @@ private:
     }
 
     const CsvRow& m_row;
-    const QString& m_file;
     const QStringList* m_controllers;
     const bool m_withValues;
-    QStringList* m_errors;
+    Faults* m_faults;
     Tag m_tag;
     QVector<quint32> m_elements;
     bool m_hasAddress = false;
@@ -210,22 +206,21 @@ QString keyOf(const Tag& tag)
 
 } // namespace
 
-QVector<TagRow> readTagRows(const QByteArray& csv, const QString& file,
-                            const QStringList* controllers, bool withValues, QStringList* errors)
+QVector<TagRow> readTagRows(const QByteArray& csv, const QStringList* controllers, bool withValues,
+                            Faults* faults)
 {
     QVector<TagRow> rows;
     QHash<QString, int> lines;
-    for (const CsvRow& csvRow : readCsv(csv, file, tagColumns(withValues), errors)) {
-        const auto faults = errors->size();
-        const TagRow row = RowReader(csvRow, file, controllers, withValues, errors).read();
-        if (errors->size() > faults)
+    for (const CsvRow& csvRow : readCsv(csv, tagColumns(withValues), faults)) {
+        const int before = faults->count();
+        const TagRow row = RowReader(csvRow, controllers, withValues, faults).read();
+        if (faults->count() > before)
             continue;
         int& line = lines[keyOf(row.tag)];
         if (line != 0)
-            errors->append(lineError(file, row.line,
-                                     QStringLiteral("%1 is already that of line %2")
-                                         .arg(quoted(row.tag.label()))
-                                         .arg(line)));
+            faults->add(row.line, QStringLiteral("%1 is already that of line %2")
+                                      .arg(quoted(row.tag.label()))
+                                      .arg(line));
         line = row.line;
         rows.append(row);
     }

@@ -1,10 +1,11 @@
 #ifndef HOST_TAG_ROWS_H
 #define HOST_TAG_ROWS_H
 
+#include "host/csv.h"
+
 #include <s7200host/tag.h>
 
 #include <QByteArray>
-#include <QString>
 #include <QStringList>
 #include <QVector>
 
@@ -18,10 +19,9 @@ struct TagRow {
     QVector<quint32> elements; ///< The value, if there is one.
 };
 
-/// The good rows, with a line for each fault in `errors`. In a file with values a name may be
-/// missing.
-QVector<TagRow> readTagRows(const QByteArray& csv, const QString& file,
-                            const QStringList* controllers, bool withValues, QStringList* errors);
+/// The good rows. In a file with values a name may be missing.
+QVector<TagRow> readTagRows(const QByteArray& csv, const QStringList* controllers, bool withValues,
+                            Faults* faults);
 
 } // namespace s7200
 

@@ -36,14 +36,13 @@ std::optional<TagTable> TagTable::load(const QString& file, const QStringList* c
 std::optional<TagTable> TagTable::parse(const QByteArray& csv, const QString& file,
                                         const QStringList* controllers, QStringList* errors)
 {
-    QStringList faults;
+    Faults faults(file);
     TagTable table;
-    for (const TagRow& row : readTagRows(csv, file, controllers, false, &faults)) {
+    for (const TagRow& row : readTagRows(csv, controllers, false, &faults)) {
         table.m_byName[row.tag.name.toLower()].append(int(table.m_tags.size()));
         table.m_tags.append(row.tag);
     }
-    *errors += faults;
-    return faults.isEmpty() ? std::optional<TagTable>(table) : std::nullopt;
+    return faults.report(errors) ? std::optional<TagTable>(table) : std::nullopt;
 }
 
 const QVector<Tag>& TagTable::tags() const

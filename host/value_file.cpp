@@ -31,12 +31,11 @@ QStringList fieldsOf(const TagValue& value)
 std::optional<QVector<TagValue>> parseValueFile(const QByteArray& csv, const QString& file,
                                                 const QStringList* controllers, QStringList* errors)
 {
-    QStringList faults;
+    Faults faults(file);
     QVector<TagValue> values;
-    for (const TagRow& row : readTagRows(csv, file, controllers, true, &faults))
+    for (const TagRow& row : readTagRows(csv, controllers, true, &faults))
         values.append({row.tag, row.elements});
-    *errors += faults;
-    return faults.isEmpty() ? std::optional<QVector<TagValue>>(values) : std::nullopt;
+    return faults.report(errors) ? std::optional<QVector<TagValue>>(values) : std::nullopt;
 }
 
 std::optional<QVector<TagValue>> loadValueFile(const QString& file, const QStringList* controllers,

@@ -293,10 +293,9 @@ bool CommandLine::joinStations(QString* error)
 
 bool CommandLine::readTags(QString* error)
 {
-    const QString file =
-        m_parser.isSet(QStringLiteral("tags")) ? m_parser.value(QStringLiteral("tags")) : QString();
-    if ((m_takes & TakesTags) == 0 || file.isEmpty())
+    if ((m_takes & TakesTags) == 0 || !m_parser.isSet(QStringLiteral("tags")))
         return true;
+    const QString file = m_parser.value(QStringLiteral("tags"));
     // A file of controllers lists all that there are; an option may name just the one of interest.
     QStringList names;
     for (const ControllerSettings& settings : std::as_const(m_controllers))
@@ -323,7 +322,7 @@ bool CommandLine::simulated() const
 
 bool CommandLine::oneDriver() const
 {
-    return m_parser.isSet(QStringLiteral("one-driver"));
+    return (m_takes & TakesControllers) != 0 && m_parser.isSet(QStringLiteral("one-driver"));
 }
 
 QString CommandLine::driverFile() const

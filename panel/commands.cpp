@@ -5,7 +5,8 @@ namespace s7200::panel
 
 QVector<Command> allCommands()
 {
-    return {watchCommand()};
+    return {watchCommand(), readCommand(), writeCommand(),   saveCommand(),  diffCommand(),
+            applyCommand(), pingCommand(), explainCommand(), replayCommand()};
 }
 
 } // namespace s7200::panel

@@ -6,7 +6,7 @@
 namespace s7200::panel
 {
 
-// Each is made by a function in the file of the command: NAME_command.cpp.
+// Each is made by a function in the file of the command: NAME_command.cpp, or value_sets.cpp.
 Command watchCommand();
 Command readCommand();
 Command writeCommand();

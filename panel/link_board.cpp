@@ -7,6 +7,17 @@
 namespace s7200::panel
 {
 
+namespace
+{
+
+/// Not a matter of chance: the same will happen in a moment.
+bool isDefinite(Cause cause)
+{
+    return cause == Cause::NoConnection || cause == Cause::ConnectionRefused;
+}
+
+} // namespace
+
 void LinkBoard::add(int controller, int station, const QString& name)
 {
     m_links.append({controller, station, name, LinkReport(name), LinkStatus(), 0, false, false});
@@ -28,8 +39,8 @@ QString LinkBoard::hear(int controller, const LinkStatus& status, qint64 nowMs)
         link.status = status;
         link.heardMs = nowMs;
         link.wasUp = link.wasUp || status.state == LinkState::Up;
-        link.failed =
-            link.failed || status.state == LinkState::Waiting || status.state == LinkState::Down;
+        link.failed = link.failed || status.state == LinkState::Down ||
+                      (status.state == LinkState::Waiting && isDefinite(status.cause));
         const QString said = link.report.hear(status, nowMs);
         m_said = m_said || (!said.isEmpty() && status.state != LinkState::Up);
         return said;

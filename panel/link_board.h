@@ -27,7 +27,8 @@ public:
     int up() const;
     bool isUp(int controller) const; ///< With stations: one of them.
 
-    /// None of the links was ever up and each has failed: there is nothing to wait for.
+    /// None of the links was ever up and each has failed, for a reason that will stay or after all
+    /// retries.
     bool isHopeless() const;
 
     /// What happened to a link last. Cause::TimedOut if nothing did.

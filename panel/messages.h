@@ -14,7 +14,7 @@ namespace s7200::panel
 enum ExitStatus {
     ExitGood = 0,
     ExitDiffers = 1, ///< Of diff.
-    ExitUsage = 2, ///< Also a file that cannot be opened; nothing was sent.
+    ExitUsage = 2,   ///< Also a file that cannot be opened; nothing was sent.
     ExitNoConnection = 3,
     ExitNoAnswer = 4,
     ExitRefused = 5,    ///< Refused by the controller, an invalid reply, or not verified.

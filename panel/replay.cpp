@@ -181,14 +181,15 @@ const Protocol* Replay::next(int index)
 /// sent, since there was no connection.
 bool Replay::loseLink(int index)
 {
-    if (!m_variables.isEmpty() && !m_repeats)
-        m_desk.watch(m_variables); // a controller object begins its list again
     for (int i = 0; i <= m_desk.comInfo.retry_limit + 2; ++i) {
         const Protocol* pending = next(index);
         if (pending == nullptr)
             return false;
-        if (isConnectionRequest(pending->frame))
+        if (isConnectionRequest(pending->frame)) {
+            if (!m_variables.isEmpty())
+                m_desk.watch(m_variables); // a controller object begins its list again
             return true;
+        }
         ReplayStep step;
         step.kind = ReplayStep::NotSent;
         step.number = m_conversation.exchanges.at(index).number;

@@ -99,6 +99,16 @@ QString Session::name(int index) const
     return settings.name.isEmpty() ? place : QStringLiteral("%1 (%2)").arg(settings.name, place);
 }
 
+QString Session::recordName(int index, int station) const
+{
+    const ControllerSettings& settings = controller(index).settings();
+    if (!settings.stations.isEmpty())
+        return QString::number(station < 0 ? settings.defaultStation : station);
+    if (!settings.name.isEmpty())
+        return settings.name;
+    return m_simulated ? QStringLiteral("simulated") : settings.endpoint.text();
+}
+
 bool Session::start(QString* error)
 {
     for (const auto& each : m_controllers) {

@@ -28,6 +28,9 @@ public:
     Controller& controller(int index) const;
     /// For messages: "press1 (192.168.0.5:102)", "192.168.0.5:102", "simulated controller".
     QString name(int index) const;
+    /// For records: the name given, the station of several behind one driver, or the endpoint;
+    /// "simulated" for the simulated one without a name.
+    QString recordName(int index, int station = -1) const;
 
     /// Starts all controllers. False with a one-line `error`.
     bool start(QString* error);

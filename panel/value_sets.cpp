@@ -14,7 +14,7 @@ namespace s7200::panel
 namespace
 {
 
-constexpr unsigned Takes = TakesControllers | NeedsController;
+constexpr unsigned TakesHere = TakesControllers | NeedsController;
 
 /// The tag as it is to be found again from the file alone.
 Tag selfDescribing(const Item& item, const CommandLine& line)
@@ -237,7 +237,7 @@ Command saveCommand()
         "Reads the tags of --tags, or the variables named, and writes a file of values that diff\n"
         "and apply take: CSV, with all that is needed to write each value again. Nothing is\n"
         "written unless everything could be read.",
-        Takes | TakesTags | TakesVariables,
+        TakesHere | TakesTags | TakesVariables,
         {},
         runSave};
 }
@@ -247,9 +247,9 @@ Command diffCommand()
     return {"diff",
             "values.csv",
             "compare controllers with a set of values",
-            "Reads what a file of values names and prints each value that differs: what was saved\n"
-            "and what it is now. Exit status 1 if any differs.",
-            Takes,
+            "Reads what a file of values names and prints each value that differs: what was\n"
+            "saved and what it is now. Exit status 1 if any differs.",
+            TakesHere,
             {},
             runDiff};
 }
@@ -263,7 +263,7 @@ Command applyCommand()
         "Writes those values of a file that differ from what the controllers hold, and says of\n"
         "each line what has become of it. Nothing is written if any line of the file is wrong\n"
         "or any of its variables cannot be read.",
-        Takes,
+        TakesHere,
         {{QStringLiteral("verify"),
           QStringLiteral("Read each value back; exit status 0 only if all are as saved.")}},
         runApply};

@@ -4,6 +4,7 @@
 
 #include <QDateTime>
 
+#include <algorithm>
 #include <csignal>
 #include <unistd.h>
 
@@ -165,7 +166,10 @@ void WatchRun::hearLink(int controller, const LinkStatus& status)
 
 void WatchRun::hearValues(int controller, const QVector<int>& indexes)
 {
-    for (const int index : indexes) {
+    // In the order of the operands, whatever was read first.
+    QVector<int> sorted = indexes;
+    std::sort(sorted.begin(), sorted.end());
+    for (const int index : std::as_const(sorted)) {
         const int row = m_targets.at(controller).rows.value(index, -1);
         if (row >= 0)
             take(row, false);

@@ -34,6 +34,9 @@ void WatchScreen::leave()
 {
     if (!m_terminal.isEntered())
         return;
+    m_message.clear();
+    m_keyboard.clear();
+    refresh();
     m_terminal.leave();
     // The screen is gone; the values on it may still be of use.
     for (const ScreenLine& line : m_drawing.lines.mid(m_drawing.body, m_drawing.page)) {

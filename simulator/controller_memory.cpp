@@ -108,8 +108,9 @@ QByteArray ControllerMemory::read(SimulatorArea area, int offset, int bytes) con
     const QByteArray& from = m_areas[size_t(area)];
     QByteArray result(std::max(bytes, 0), '\0');
     const int end = int(std::min<qint64>(qint64(offset) + bytes, from.size()));
-    for (int i = std::max(offset, 0); i < end; ++i)
-        result[i - offset] = from.at(i);
+    const int begin = std::max(offset, 0);
+    if (begin < end)
+        std::copy(from.begin() + begin, from.begin() + end, result.begin() + (begin - offset));
     return result;
 }
 
@@ -119,8 +120,10 @@ void ControllerMemory::write(SimulatorArea area, int offset, const QByteArray& b
     stopLiveValues(area, offset, int(bytes.size()), -1);
     QByteArray& to = m_areas[size_t(area)];
     const int end = int(std::min<qint64>(qint64(offset) + bytes.size(), to.size()));
-    for (int i = std::max(offset, 0); i < end; ++i)
-        to[i] = bytes.at(i - offset);
+    const int begin = std::max(offset, 0);
+    if (begin < end)
+        std::copy(bytes.begin() + (begin - offset), bytes.begin() + (end - offset),
+                  to.begin() + begin);
 }
 
 void ControllerMemory::writeBit(SimulatorArea area, int offset, int bit, bool on)

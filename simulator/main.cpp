@@ -4,6 +4,8 @@
 #include "simulator/simulator_thread.h"
 #include "wire/frame_trace.h"
 
+#include <s7200_version.h>
+
 #include <QCommandLineParser>
 #include <QCoreApplication>
 
@@ -134,6 +136,13 @@ int main(int argc, char** argv)
     }
     if (commandLine.help) {
         printLine(stdout, helpText());
+        return Good;
+    }
+    if (commandLine.version) {
+        const QString commit = QStringLiteral(S7200_COMMIT);
+        printLine(stdout, QStringLiteral("s7200-sim " S7200_VERSION ", Qt ") +
+                              QLatin1String(qVersion()) +
+                              (commit.isEmpty() ? commit : QStringLiteral(", commit ") + commit));
         return Good;
     }
     if (parser.isSet(QStringLiteral("verbose")))

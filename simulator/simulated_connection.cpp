@@ -105,9 +105,14 @@ SimulatedConnection::~SimulatedConnection()
 void SimulatedConnection::tick()
 {
     const bool mayTakeItsTime = m_silent || m_handler->isServing();
-    const int limitMs = mayTakeItsTime ? m_options.idleMs : std::min(m_options.idleMs, HandshakeMs);
-    if (++m_quietTicks * TickMs <= limitMs || m_closing)
+    const int limitMs =
+        mayTakeItsTime ? m_options.idleMs : std::min(m_options.idleMs, m_options.handshakeMs);
+    if (++m_quietTicks * TickMs <= limitMs)
         return;
+    if (m_closing) { // and the client takes nothing
+        m_socket->abort();
+        return;
+    }
     log(mayTakeItsTime ? QStringLiteral("idle: connection closed")
                        : QStringLiteral("no handshake in time: connection closed"));
     close();
@@ -205,10 +210,8 @@ void SimulatedConnection::send(const QByteArray& bytes)
         return;
     }
     const int jitter = int(m_state->jitter() % quint32(m_options.jitterMs + 1));
-    qint64 dueMs = m_clock.elapsed() + m_options.latencyMs + jitter;
-    if (!m_delayed.empty())
-        dueMs = std::max(dueMs, m_delayed.back().dueMs);
-    m_delayed.push_back({dueMs, bytes});
+    const qint64 dueMs = m_clock.elapsed() + m_options.latencyMs + jitter;
+    m_delayed.push_back({dueMs, bytes}); // goes out behind what is there, even if due earlier
     m_delayedBytes += bytes.size();
     if (m_delayed.size() == 1)
         m_dueTimer.start(int(dueMs - m_clock.elapsed()));

@@ -38,9 +38,6 @@ class SimulatedConnection : public QObject
 public:
     static constexpr int TickMs = 100;
 
-    /// Time for connection request and setup communication, unless the idle limit is shorter.
-    static constexpr int HandshakeMs = 5000;
-
     /// Takes the socket over; `options` and `state` must outlive the connection.
     SimulatedConnection(QTcpSocket* socket, int number, const SimulatorOptions& options,
                         SimulatorState* state, QObject* parent);

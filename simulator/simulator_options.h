@@ -24,10 +24,10 @@ struct SimulatorOptions {
     bool liveValues = true;        ///< False: memory changes by writes only.
     int largestPdu = 240;          ///< Most that setup communication grants.
     std::optional<quint16> tsap;   ///< The only called TSAP that is let in; nothing: any.
-    int idleMs = 60000;  ///< A connection on which nothing is said for so long is closed; one that
-                         ///< has not completed its handshake earlier, see SimulatedConnection.
-    int latencyMs = 0;   ///< Delay of each reply,
-    int jitterMs = 0;    ///< and the most that is added to it at random.
+    int handshakeMs = 5000;        ///< A connection that is not set up by then is closed,
+    int idleMs = 60000;            ///< and so is one on which nothing is said for so long.
+    int latencyMs = 0;             ///< Delay of each reply,
+    int jitterMs = 0;              ///< and the most that is added to it at random.
     QStringList faults;  ///< As on the command line: KIND[:PROBABILITY|:every N|:address A].
     int firstFaulty = 1; ///< The faults strike these controllers only, counted from 1.
     int lastFaulty = 65535;

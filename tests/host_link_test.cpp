@@ -1,10 +1,12 @@
 // Controllers end to end: over TCP, each with its own copy of the driver, against simulated
 // controllers that come and go and spoil their replies.
 
+#include "host/driver_copy.h"
 #include "simulator/simulator_thread.h"
 
 #include <s7200host/controller.h>
 
+#include <QDir>
 #include <QSignalSpy>
 #include <QtTest>
 
@@ -17,27 +19,106 @@ namespace
 {
 
 constexpr int LongMs = 30000; ///< For what must happen; not reached unless something is wrong.
+constexpr int ShortTimeoutMs = 50;
+
+Variable parsed(const QString& text)
+{
+    Variable variable;
+    QString error;
+    if (!parseVariable(text, &variable, &error))
+        qFatal("%s", qPrintable(error));
+    return variable;
+}
+
+SimulatorOptions plainSimulator(bool remote = false)
+{
+    SimulatorOptions options;
+    options.liveValues = false;
+    options.remote = remote;
+    return options;
+}
 
 /// A controller with its simulator.
 struct Rig {
-    explicit Rig(bool remote = false)
+    explicit Rig(bool remote = false) : simulator(plainSimulator(remote))
     {
-        SimulatorOptions options;
-        options.liveValues = false;
-        options.remote = remote;
-        simulator.reset(new SimulatorThread(options));
-        QString error;
-        if (!simulator->start(&error))
-            qFatal("%s", qPrintable(error));
-        settings.endpoint = {"127.0.0.1", simulator->port()};
+        startSimulator();
+        settings.endpoint = {"127.0.0.1", simulator.port()};
         settings.remoteAccess = remote;
         settings.intervalMs = 20;
         settings.timeoutMs = LongMs;
     }
 
-    std::unique_ptr<SimulatorThread> simulator;
+    void startSimulator()
+    {
+        QString error;
+        if (!simulator.start(&error))
+            qFatal("%s", qPrintable(error));
+    }
+
+    void start(const QString& watched)
+    {
+        controller.reset(new Controller(settings));
+        QString error;
+        if (!controller->watch(watched.split(' ', Qt::SkipEmptyParts), &error) ||
+            !controller->start(&error))
+            qFatal("%s", qPrintable(error));
+    }
+
+    void setFaults(const QStringList& faults)
+    {
+        QString error;
+        if (!simulator.setFaults(faults, &error))
+            qFatal("%s", qPrintable(error));
+    }
+
+    /// Reads a variable, or writes an assignment; what became of it, in words.
+    QString ask(const QString& text)
+    {
+        QString answer;
+        const Variable variable = parsed(text.section('=', 0, 0));
+        const auto done = [&](const Result& result) {
+            answer = result ? formatValues(variable, result.value.elements)
+                            : describe(result.cause) + ": " + result.detail;
+            answer = answer.isEmpty() ? "done" : answer;
+        };
+        QString error;
+        if (!text.contains('='))
+            controller->read(variable, done);
+        else if (!controller->write(text, done, &error))
+            qFatal("%s", qPrintable(error));
+        if (!QTest::qWaitFor([&] { return !answer.isEmpty(); }, LongMs))
+            return "nothing came";
+        return answer;
+    }
+
+    QString shown(int index) const
+    {
+        const Value value = controller->value(index);
+        return value.quality == Quality::Good
+                   ? formatValues(controller->watched().at(index), value.elements)
+                   : describe(value.quality);
+    }
+
+    /// Whether everything that is watched is fresh and what the controller's memory holds.
+    bool isFreshAndEqual(const QStringList& values) const
+    {
+        for (int i = 0; i < int(values.size()); ++i) {
+            if (shown(i) != values.at(i))
+                return false;
+        }
+        return controller->link().state == LinkState::Up;
+    }
+
+    SimulatorThread simulator;
     ControllerSettings settings;
+    std::unique_ptr<Controller> controller;
 };
+
+int countOpenFiles()
+{
+    return int(QDir("/proc/self/fd").entryList(QDir::Files | QDir::System).size());
+}
 
 } // namespace
 
@@ -46,22 +127,217 @@ class HostLinkTest : public QObject
     Q_OBJECT
 
 private slots:
-    void tenLines()
+    // Each kind of variable in both modes: what is watched comes, and what is written comes back.
+    void valuesOfEveryKind_data()
+    {
+        QTest::addColumn<bool>("remote");
+        QTest::newRow("local") << false;
+        QTest::newRow("remote") << true;
+    }
+
+    void valuesOfEveryKind()
+    {
+        QFETCH(bool, remote);
+        Rig rig(remote);
+        rig.simulator.poke(SimulatorArea::V, 100, QByteArray::fromHex("0102030441AC0000"));
+        rig.simulator.poke(SimulatorArea::M, 10, QByteArray::fromHex("8F"));
+        rig.simulator.poke(SimulatorArea::AIW, 62, QByteArray::fromHex("7D00"));
+        rig.simulator.poke(SimulatorArea::Timer, 37, QByteArray::fromHex("000000012C"));
+        rig.simulator.poke(SimulatorArea::Counter, 5, QByteArray::fromHex("000007"));
+        rig.start("VW100/hex VB103 V100.0x2 VD104/f M10.7 MB10 AIW62 AIW0x2 TV37 CV5 I0.0");
+        const QStringList wanted = {"0x0102", "4",     "1 0", "21.5", "1", "143",
+                                    "32000",  "0 0", "300", "7",    "0"};
+        QTRY_VERIFY_WITH_TIMEOUT(rig.isFreshAndEqual(wanted), LongMs);
+        QStringList writes = QString("Q1.3=1 M3.6x5=1,0,1,1,0 S0.7=1 SM40.0=1 V8.1=1 QB4=165 "
+                                     "QW10=4660 MW12x3=1,2,65535 SW14=7 SMW42=513 VB31=200 "
+                                     "VB41x5=1,2,3,4,5 QD20=305419896 MD20=1 SD20=4294967295 "
+                                     "SMD50=305419896 AQW6=32000")
+                                 .split(' ');
+        for (const char* value :
+             {"VW200x250=51966", "VD3000x110=3735928559", "TV5x60=299", "CV3x80=298"}) {
+            const QString name = QString(value).section('=', 0, 0);
+            const QString element = ',' + QString(value).section('=', 1);
+            writes.append(name + '=' + element.repeated(name.section('x', 1).toInt()).mid(1));
+        }
+        for (const QString& write : std::as_const(writes)) {
+            QCOMPARE(rig.ask(write), QString("done"));
+            const QString name = write.section('=', 0, 0);
+            QCOMPARE(name + ' ' + rig.ask(name),
+                     name + ' ' + write.section('=', 1).replace(',', ' '));
+        }
+    }
+
+    void comesAndGoes_data()
+    {
+        valuesOfEveryKind_data();
+    }
+
+    void comesAndGoes()
+    {
+        QFETCH(bool, remote);
+        Rig rig(remote);
+        rig.start("VW0");
+        QSignalSpy links(rig.controller.get(), &Controller::linkChanged);
+        QTRY_COMPARE_WITH_TIMEOUT(rig.shown(0), QString("0"), LongMs);
+        rig.simulator.stop();
+        QTRY_COMPARE_WITH_TIMEOUT(rig.shown(0), QString("link down"), LongMs);
+        // Nothing is kept for later.
+        QVERIFY(!rig.ask("VW50=7").startsWith("done"));
+        rig.simulator.poke(SimulatorArea::V, 0, QByteArray::fromHex("1234"));
+        rig.startSimulator();
+        QTRY_COMPARE_WITH_TIMEOUT(rig.shown(0), QString::number(0x1234), LongMs);
+        QCOMPARE(rig.simulator.peek(SimulatorArea::V, 50, 2), QByteArray(2, '\0'));
+        const LinkStatistics& statistics = rig.controller->statistics();
+        QCOMPARE(statistics.linkLosses, quint64(1));
+        QCOMPARE(statistics.reconnects, quint64(1));
+        QCOMPARE(statistics.grantedPdu, remote ? 0 : 240);
+        QVERIFY(statistics.roundTrip.count() > 0);
+        QVERIFY(links.size() < 10);
+        rig.controller->stop();
+        QCOMPARE(rig.controller->link().state, LinkState::Stopped);
+        QCOMPARE(rig.ask("VW0").section(':', 0, 0), QString("stopped"));
+    }
+
+    // In one thread; who is dead, or has no name, holds nobody up.
+    void manyControllers()
+    {
+        SimulatorOptions options = plainSimulator();
+        options.count = 10;
+        SimulatorThread simulators(options);
+        QString error;
+        QVERIFY2(simulators.start(&error), qPrintable(error));
+        std::vector<std::unique_ptr<Controller>> controllers;
+        for (int i = 0; i < 12; ++i) {
+            ControllerSettings settings;
+            settings.endpoint = {i % 2 == 0 ? "127.0.0.1" : "localhost",
+                                 quint16(simulators.port() + i)};
+            if (i >= 10)
+                settings.endpoint = {i == 10 ? "192.0.2.1" : "nowhere.invalid", 1};
+            settings.intervalMs = 20;
+            controllers.emplace_back(new Controller(settings));
+            QVERIFY2(controllers.back()->watch(QStringList{"VW0"}, &error), qPrintable(error));
+            QVERIFY2(controllers.back()->start(&error), qPrintable(error));
+            if (i < 10)
+                simulators.poke(SimulatorArea::V, 0, QByteArray(1, '\0') + char(i), i);
+        }
+        for (int i = 0; i < 10; ++i)
+            QTRY_COMPARE_WITH_TIMEOUT(controllers[std::size_t(i)]->value(0).elements,
+                                      QVector<quint32>{quint32(i)}, LongMs);
+        for (int i = 10; i < 12; ++i)
+            QTRY_COMPARE_WITH_TIMEOUT(controllers[std::size_t(i)]->link().cause,
+                                      Cause::NoConnection, LongMs);
+        // A completion may stop its own controller, and end it later.
+        Controller* const first = controllers.front().release();
+        first->read(parsed("VW2"), [first](const Result&) {
+            first->stop();
+            first->deleteLater();
+        });
+        QSignalSpy gone(first, &QObject::destroyed);
+        QVERIFY(gone.wait(LongMs));
+    }
+
+    void severalStations()
+    {
+        SimulatorThread second(plainSimulator());
+        QString error;
+        QVERIFY2(second.start(&error), qPrintable(error));
+        second.poke(SimulatorArea::V, 0, QByteArray::fromHex("0007"));
+        Rig rig;
+        rig.settings.stations = {{2, rig.settings.endpoint}, {5, {"127.0.0.1", second.port()}}};
+        rig.start("VW0 VW0@5 VB300x300@5");
+        QTRY_COMPARE_WITH_TIMEOUT(rig.shown(1), QString("7"), LongMs);
+        QCOMPARE(rig.ask("VW20x150@5=" + QString("3,").repeated(150).chopped(1)), QString("done"));
+        QCOMPARE(second.peek(SimulatorArea::V, 318, 2), QByteArray::fromHex("0003"));
+        QCOMPARE(rig.ask("VW20@2"), QString("0"));
+        QCOMPARE(rig.ask("VW20@9").section(':', 0, 0), QString("invalid"));
+        second.stop();
+        QTRY_COMPARE_WITH_TIMEOUT(rig.shown(1), QString("link down"), LongMs);
+        QCOMPARE(rig.controller->link(5).state == LinkState::Up, false);
+        QSignalSpy cycles(rig.controller.get(), &Controller::cycleDone);
+        QTRY_VERIFY_WITH_TIMEOUT(cycles.size() >= 3, LongMs);
+        QCOMPARE(rig.shown(0), QString("0"));
+        QVERIFY2(second.start(&error), qPrintable(error));
+        QTRY_COMPARE_WITH_TIMEOUT(rig.shown(1), QString("7"), LongMs);
+    }
+
+    // Whatever the line does: what is shown as good was held by the controller, nothing hangs, and
+    // afterwards everything is fresh and equal.
+    void faults_data()
+    {
+        QTest::addColumn<QString>("fault");
+        QTest::addColumn<bool>("onConnect");
+        for (const char* fault :
+             {"lost:0.05", "late:0.05", "doubled:0.2", "truncated:0.05", "wrong-reference:0.05",
+              "wrong-length:0.1", "error-class:0.1", "item-error:0.1", "empty-tpdu-first:0.3",
+              "split:0.1", "coalesced:0.3", "close-mid-frame:0.1"})
+            QTest::newRow(fault) << fault << false;
+        for (const char* fault : {"refuse-connection:0.5", "silent-accept:0.5",
+                                  "garbage-confirm:0.5", "banner:0.5", "refuse-setup:0.5",
+                                  "disconnect:0.5"})
+            QTest::newRow(fault) << fault << true;
+    }
+
+    void faults()
+    {
+        QFETCH(QString, fault);
+        QFETCH(bool, onConnect);
+        Rig rig;
+        rig.settings.timeoutMs = ShortTimeoutMs;
+        rig.settings.intervalMs = 1;
+        for (int i = 0; i < 40; ++i)
+            rig.simulator.poke(SimulatorArea::V, 20 * i, QByteArray::fromHex("0807"));
+        rig.start("VW0 VW200 MW0 VW400 VW600 SMW40");
+        const QStringList values{"2055", "2055", "0", "2055", "2055", "0"};
+        QTRY_VERIFY_WITH_TIMEOUT(rig.isFreshAndEqual(values), LongMs);
+        const QString kind = fault.section(':', 0, 0);
+        rig.setFaults(onConnect ? QStringList{fault, "close-mid-frame:0.2"} : QStringList{fault});
+        int wrong = 0;
+        connect(rig.controller.get(), &Controller::valuesChanged, this,
+                [&](const QVector<int>& indexes) {
+                    for (int i : indexes)
+                        wrong += rig.controller->value(i).quality == Quality::Good &&
+                                 rig.shown(i) != values.at(i);
+                });
+        QTRY_VERIFY_WITH_TIMEOUT(rig.simulator.faultCounts().value(kind) >= (onConnect ? 1 : 4),
+                                 LongMs);
+        const QString answer = rig.ask("VW20=9");
+        rig.setFaults({});
+        QTRY_VERIFY_WITH_TIMEOUT(rig.isFreshAndEqual(values), LongMs);
+        QCOMPARE(wrong, 0);
+        if (answer == "done")
+            QCOMPARE(rig.simulator.peek(SimulatorArea::V, 20, 2), QByteArray::fromHex("0009"));
+    }
+
+    void refusedVariable()
     {
         Rig rig;
-        rig.simulator->poke(SimulatorArea::V, 100, QByteArray::fromHex("0102"));
-        Controller controller(rig.settings);
-        QString error;
-        QVERIFY2(controller.watch(QStringList{"VW100", "M0.3"}, &error), qPrintable(error));
-        QVERIFY2(controller.start(&error), qPrintable(error));
-        QSignalSpy cycles(&controller, &Controller::cycleDone);
-        QVERIFY(cycles.wait(LongMs));
-        QCOMPARE(controller.value(0).elements, QVector<quint32>{0x0102});
-        QCOMPARE(controller.value(0).quality, Quality::Good);
-        bool written = false;
-        controller.write("VW100=7", [&](const Result& result) { written = bool(result); });
-        QTRY_VERIFY_WITH_TIMEOUT(written, LongMs);
-        QTRY_COMPARE_WITH_TIMEOUT(controller.value(0).elements, QVector<quint32>{7}, LongMs);
+        rig.start("VW0 MW0 MW4000");
+        QTRY_COMPARE_WITH_TIMEOUT(rig.shown(2), QString("refused"), LongMs);
+        QTRY_COMPARE_WITH_TIMEOUT(rig.shown(1), QString("0"), LongMs);
+        QCOMPARE(rig.ask("SM0.0=0").section(':', 0, 0), QString("refused"));
+        QCOMPARE(rig.ask("MW4000").section(':', 0, 0), QString("refused"));
+        QTRY_COMPARE_WITH_TIMEOUT(rig.ask("VW4"), QString("0"), LongMs);
+    }
+
+    void nothingIsLeftBehind()
+    {
+        Rig rig;
+        rig.start("VW0");
+        const int before = countOpenFiles();
+        for (int i = 0; i < 5; ++i) {
+            Controller controller(rig.settings);
+            QVERIFY(controller.start());
+            QSignalSpy cycles(&controller, &Controller::cycleDone);
+            QVERIFY(cycles.wait(LongMs));
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(countOpenFiles(), before, LongMs);
+        QFile maps("/proc/self/maps");
+        QVERIFY(maps.open(QIODevice::ReadOnly));
+        const QStringList lines = QString(maps.readAll()).split('\n').filter("s7200-driver");
+        QSet<QString> copies;
+        for (const QString& line : lines)
+            copies.insert(line.section(' ', -2));
+        QCOMPARE(int(copies.size()), 1);
     }
 };
 

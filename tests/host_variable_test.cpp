@@ -1,9 +1,9 @@
-// How the panel reads variables and options, and what requests it makes of them. The requests are
+// How variables are read and written as text, and what requests are made of them. The requests are
 // put to the real driver, whose own cutting and merging they have to get through unharmed.
 
 #include "core/siemens_s7_200.h"
 #include "host/request_plan.h"
-#include "panel/options.h"
+#include "tests/text_table.h"
 #include <s7200host/variable.h>
 
 #include <QtTest>
@@ -18,25 +18,6 @@ namespace
 constexpr int MostReplyData = 222;
 constexpr int MostJobData = 212;
 constexpr int LargestLimit = 106;
-constexpr int LongestMessage = 250;
-
-/// Cases as text, "GIVEN -> WANTED", one to a line or several with | between them: compares what
-/// `body` makes of each. A message needs only to name what is wanted, on one short line.
-enum class Match { Whole, Message };
-void check(const QByteArray& table, QString (*body)(const QString& given),
-           Match match = Match::Whole)
-{
-    for (const QString& text : QString::fromUtf8(table).replace('\n', '|').split('|')) {
-        const QString given = text.section("->", 0, 0).trimmed();
-        const QString wanted = text.section("->", 1).trimmed();
-        if (text.trimmed().isEmpty())
-            continue;
-        const QString got = body(given);
-        const bool named = got.contains(wanted) && got.isEmpty() == wanted.isEmpty() &&
-                           !got.contains('\n') && got.size() < LongestMessage;
-        QVERIFY2(match == Match::Whole ? got == wanted : named, qPrintable(given + ": " + got));
-    }
-}
 
 /// What an area has and what the driver must be told of it.
 struct Area {

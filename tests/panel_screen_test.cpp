@@ -1,4 +1,5 @@
-// What the panel's screen shows, and what its keys mean: pure text, without a terminal.
+// What the panel's screen shows, what its keys mean, and what is said of links: pure text, without
+// a terminal or a controller.
 
 #include "panel/keyboard.h"
 #include "panel/link_board.h"
@@ -15,21 +16,16 @@ namespace
 {
 
 constexpr qint64 Now = 1700000000000;
+using Readings = QVector<QVector<quint32>>;
 
-WatchedRow row(const QString& address, const QVector<QVector<quint32>>& readings,
-               Quality quality = Quality::Good, qint64 ageMs = 200)
+/// A row with one reading a second, the last one now.
+WatchedRow row(const Tag& tag, const Readings& readings, Quality quality = Quality::Good,
+               qint64 ageMs = 200)
 {
-    Item item;
-    QString error;
-    const QVector<Tag> tags = TagTable().lookup(address, &error);
-    if (tags.size() != 1)
-        qFatal("%s", qPrintable(error));
-    item.tag = tags.first();
-    item.label = item.tag.label();
-    WatchedRow made(item);
-    Value value;
-    value.quality = quality;
+    WatchedRow made({0, tag, tag.label()});
     for (int i = 0; i < int(readings.size()); ++i) {
+        Value value;
+        value.quality = Quality::Good;
         value.elements = readings.at(i);
         value.ageMs = ageMs;
         made.update(value, Now - 1000 * (int(readings.size()) - 1 - i), true);
@@ -38,39 +34,65 @@ WatchedRow row(const QString& address, const QVector<QVector<quint32>>& readings
     return made;
 }
 
-WatchedRow tag(const QString& csv, const QVector<QVector<quint32>>& readings)
+Tag address(const QString& text)
+{
+    QString error;
+    return TagTable().lookup(text, &error).value(0);
+}
+
+Tag tankLevel()
 {
     QStringList errors;
-    const auto table = TagTable::parse(
-        "name,address,unit,scale,low,high\n" + csv.toUtf8() + "\n", "t", nullptr, &errors);
-    if (!table)
-        qFatal("%s", qPrintable(errors.join(' ')));
-    WatchedRow made = row(table->tags().first().variable.label(), readings);
-    made.item.tag = table->tags().first();
-    made.item.label = made.item.tag.name;
-    return made;
+    const QByteArray csv = "name,address,unit,scale,low,high\ntank.level,VW10,mm,0.1,10,90\n";
+    return TagTable::parse(csv, "tags", nullptr, &errors)->tags().first();
 }
 
-QStringList texts(const Drawing& drawing)
-{
-    QStringList lines;
-    for (const ScreenLine& line : drawing.lines) {
-        QString text = line.text();
-        while (text.endsWith(' '))
-            text.chop(1);
-        lines.append(text);
-    }
-    return lines;
-}
-
+/// One of each kind: changed, beyond its limit, lost, never read, two elements, a dump.
 QVector<WatchedRow> plant()
 {
-    return {row("VW0", {{5}, {6}, {7}}),
-            tag("tank.level,VW10,mm,0.1,10,90", {{950}, {955}}),
-            row("VD4/float", {{0x41ac0000}}, Quality::LinkDown, 75000),
-            row("VW20", {}, Quality::NeverRead),
-            row("VW30x2", {{1, 2}, {1, 3}}),
-            row("VB40x20/hex", {QVector<quint32>(20, 0xab), QVector<quint32>(19, 0xab) + QVector<quint32>{0xac}})};
+    QVector<quint32> dump(20, 0xab);
+    const Readings dumps = {dump, dump << 0xac};
+    return {row(address("VW0"), {{5}, {6}, {7}, {7}}),
+            row(tankLevel(), {{950}, {955}}),
+            row(address("VD4/float"), {{0x41ac0000}}, Quality::LinkDown, 75000),
+            row(address("VW20"), {}, Quality::NeverRead),
+            row(address("VW30x2"), {{1, 2}, {1, 3}}),
+            row(address("VB40x20/hex"), {dumps[0], dumps[1].mid(1)})};
+}
+
+QString textOf(const Drawing& drawing)
+{
+    QString text;
+    for (const ScreenLine& line : drawing.lines) {
+        QString part = line.text();
+        while (part.endsWith(' '))
+            part.chop(1);
+        text += part + '\n';
+    }
+    return text;
+}
+
+Drawing drawPlant(const QVector<WatchedRow>& rows, const ScreenShape& shape, int top = 0)
+{
+    ScreenContents contents;
+    contents.status =
+        QStringList{"1 of 2 links up | 12 cycles | 3.0 requests/s | 0 retries",
+                    "no connection to b (10.0.0.2:102): connection refused; again in 3 s"};
+    contents.rows = &rows;
+    contents.nowMs = Now;
+    contents.top = top;
+    contents.message = "VW100=7: not written: no connection to b (10.0.0.2:102)";
+    contents.typed = "VW1";
+    return draw(contents, shape);
+}
+
+LinkStatus link(LinkState state, Cause cause = Cause::None, const QString& detail = QString())
+{
+    LinkStatus status;
+    status.state = state;
+    status.cause = cause;
+    status.detail = detail;
+    return status;
 }
 
 } // namespace
@@ -80,28 +102,172 @@ class PanelScreenTest : public QObject
     Q_OBJECT
 
 private slots:
-    void screens_data()
+    void wholeScreens()
     {
-        QTest::addColumn<int>("columns");
-        QTest::addColumn<int>("lines");
-        QTest::addColumn<int>("top");
-        QTest::addColumn<bool>("utf8");
-        QTest::addColumn<QStringList>("status");
-        QTest::addColumn<QString>("message");
-        QTest::addColumn<QStringList>("expected");
+        const QVector<WatchedRow> rows = plant();
+        const QString large =
+            "1 of 2 links up | 12 cycles | 3.0 requests/s | 0 retries\n"
+            "no connection to b (10.0.0.2:102): connection refused; again in 3 s\n"
+            "name               value unit  age  history\n"
+            "VW0          *         7      0.2s  \u2581\u2585\u2588\u2588\n"
+            "tank.level  H*      95.5 mm   0.2s  \u2581\u2588\n"
+            "VD4/float     ? was 21.5        1m  link down\n"
+            "VW20                   ?         -  never read\n"
+            "VW30                   1      0.2s  \u2581\u2581\n"
+            "VW32         *         3      0.2s  \u2581\u2588\n"
+            "VB40x20/hex                   0.2s\n"
+            "  +0     AB AB AB AB AB AB AB AB AB AB AB AB AB AB AB AB\n"
+            "  +16    AB AB AB*AC\n" +
+            QString(10, '\n') +
+            "VW100=7: not written: no connection to b (10.0.0.2:102)\n"
+            "write> VW1                                                              q quits\n";
+        QCOMPARE(textOf(drawPlant(rows, {80, 24, true, true, true})), large);
+        // Small, without UTF-8, and scrolled further than there is.
+        const QString small = "1 of 2 links up | 12 cycles\n"
+                              "no connection to b (10.0.0.2:102):\n"
+                              "connection refused; again in 3 s\n"
+                              "VW32        *     3 0.2s  _#\n"
+                              "VB40x20/hex         0.2s\n"
+                              "  +0     AB AB AB AB AB AB AB AB\n"
+                              "  +8     AB AB AB AB AB AB AB AB\n"
+                              "VW100=7: not written: no connection to\n"
+                              "b (10.0.0.2:102)\n"
+                              "write> VW1           6-9 of 10  q quits\n";
+        QCOMPARE(textOf(drawPlant(rows, {40, 10, false, false, true}, 5)), small);
     }
 
-    void screens()
+    // Whatever the size, no line is too wide, none is missing, and the scrolling stays inside.
+    void everySize()
     {
-        for (QSize size : {QSize(80,24), QSize(40,10), QSize(20,5)}) {
-            const auto rows = plant();
-            ScreenContents c; c.rows = &rows; c.nowMs = Now; c.typed="VW1"; c.message="VW100=7: written, and a rather long text that has to be wrapped somewhere in between";
-            c.status = QStringList{"1 of 2 links up | 12 cycles | 3.0 requests/s | 0 retries", "no connection to press2 (127.0.0.1:10200): Connection refused; again in 3 s"};
-            ScreenShape shape; shape.columns=size.width(); shape.lines=size.height();
-            Drawing d = draw(c, shape);
-            for (auto l : texts(d)) fprintf(stderr, "|%s\n", qPrintable(l));
-            fprintf(stderr, "%d %d %d %d %d\n", int(d.lines.size()), d.cursorColumn, d.top, d.page, d.total);
+        const QVector<WatchedRow> rows = plant();
+        for (int columns = 1; columns <= 100; columns += 3) {
+            for (int lines = 1; lines <= 30; ++lines) {
+                const Drawing drawing = drawPlant(rows, {columns, lines, true, true, true}, 99);
+                QCOMPARE(int(drawing.lines.size()), lines);
+                QVERIFY(drawing.cursorColumn < qMax(2, columns));
+                QVERIFY(drawing.top <= qMax(0, drawing.total - drawing.page));
+                for (const ScreenLine& line : drawing.lines)
+                    QVERIFY(line.text().size() < qMax(2, columns));
+            }
         }
+    }
+
+    // Colour says nothing that a letter does not say as well, and may be switched off.
+    void styles()
+    {
+        const QVector<WatchedRow> rows = plant();
+        const Drawing drawing = drawPlant(rows, {80, 24, true, true, true});
+        const ScreenLine& alarm = drawing.lines.at(4);
+        QVERIFY(alarm.forTerminal(true).contains("\x1b[1;31mH*"));
+        QVERIFY(!alarm.forTerminal(false).contains("31m"));
+        QVERIFY(drawing.lines.at(3).forTerminal(true).contains("\x1b[1m *"));
+        QVERIFY(!drawing.lines.at(7).forTerminal(true).contains("\x1b"));
+        // A change is marked for two seconds only.
+        QVERIFY(textOf(drawPlant({row(address("VW0"), {{5}, {6}, {6}, {6}})}, {80, 24}))
+                    .contains("VW0       6"));
+    }
+
+    void agesAndSparklines()
+    {
+        const QPair<qint64, const char*> ages[] = {
+            {-1, "-"},     {0, "0.0s"},      {9999, "9.9s"},  {10000, "10s"},    {59999, "59s"},
+            {60000, "1m"}, {3599999, "59m"}, {3600000, "1h"}, {86399999, "23h"}, {86400000, "1d"}};
+        for (const auto& age : ages)
+            QCOMPARE(ageText(age.first), QString(age.second));
+        const QVector<float> numbers = {99, -1, 0, std::nanf(""), 1, 0.5};
+        QCOMPARE(sparkline(numbers, 5, false), QString("_+ #*"));
+        QCOMPARE(sparkline({3, 3}, 9, false), QString("__"));
+        QCOMPARE(clipped("a\x1b[2Jb", 4, false), QString("a?[~"));
+    }
+
+    void keys()
+    {
+        Keyboard keyboard;
+        QString seen;
+        const auto feed = [&](const QByteArray& bytes) {
+            seen.clear();
+            for (const Key& key : keyboard.feed(bytes)) {
+                seen += QString("L.RudUDHE-").at(key.kind);
+                if (key.kind == Key::Line)
+                    seen += '(' + key.line + ')';
+            }
+            return seen;
+        };
+        QCOMPARE(feed("\x1b[A\x1bOB\x1b[5~ \x1b[6~\x1b[1~\x1b[F"), QString("udUDDHE"));
+        // A sequence in pieces, one that means nothing, and ESC alone.
+        feed("\x1b");
+        feed("[");
+        QCOMPARE(feed("A"), QString("u"));
+        QCOMPARE(feed("\x1b[1;5C\x1b[200~"), QString());
+        QCOMPARE(feed("\x1b\x1b[A"), QString("u"));
+        QCOMPARE(feed("VW1 0\x7f\x7f"
+                      "00 \r"),
+                 QString("----------L(VW100)"));
+        QCOMPARE(feed("\x04"), QString("."));
+        QCOMPARE(feed("x\x04y\x15"), QString("---"));
+        // A letter of two bytes, cut.
+        QCOMPARE(feed("\xc3"), QString());
+        QCOMPARE(feed("\xa4\n"), QString("-L(\u00e4)"));
+        QCOMPARE(keyboard.typed(), QString());
+    }
+
+    // A trouble is said once however often it comes; staying down is said, and the rest counted.
+    void linksThatComeAndGo()
+    {
+        LinkBoard board;
+        board.add(0, -1, "press");
+        QStringList said;
+        qint64 now = 0;
+        const auto hear = [&](LinkState state, Cause cause = Cause::None) {
+            const QString text = board.hear(0, link(state, cause, "why"), now);
+            if (!text.isEmpty())
+                said.append(text);
+            now += 100;
+        };
+        for (int i = 0; i < 100; ++i) {
+            hear(LinkState::Handshake);
+            hear(LinkState::Up);
+            hear(LinkState::Waiting, Cause::TimedOut);
+        }
+        QCOMPARE(said, QStringList({"link up: press", "link down: press: why", "link up: press"}));
+        hear(LinkState::Waiting, Cause::NoConnection);
+        QCOMPARE(said.last(), QString("link down: no connection to press: why"));
+        hear(LinkState::Up);
+        QCOMPARE(said.last(), QString("link up: press"));
+        hear(LinkState::Down, Cause::TimedOut);
+        QCOMPARE(said.last(), QString("link up: press"));
+        QCOMPARE(board.tick(now), QStringList());
+        now += 5000;
+        QCOMPARE(board.tick(now), QStringList({"link down: press: why (100 times)"}));
+        QCOMPARE(board.tick(now), QStringList());
+        hear(LinkState::Up);
+        hear(LinkState::Down, Cause::TimedOut);
+        QCOMPARE(board.finish(),
+                 QStringList({"press: link down 1 time more: " + describe(Cause::TimedOut)}));
+    }
+
+    void linesOfLinks()
+    {
+        LinkBoard board;
+        board.add(0, -1, "a");
+        QCOMPARE(board.screenLines(0), QStringList({"connecting to a ..."}));
+        board.add(1, -1, "b");
+        QVERIFY(!board.isHopeless());
+        LinkStatus waiting = link(LinkState::Waiting, Cause::NoConnection, "refused");
+        waiting.nextAttemptMs = 2500;
+        board.hear(0, waiting, 1000);
+        QVERIFY(!board.isHopeless());
+        board.hear(1, link(LinkState::Waiting, Cause::TimedOut, "silent"), 1000);
+        QVERIFY(!board.isHopeless());
+        board.hear(1, link(LinkState::Down, Cause::TimedOut, "silent"), 1000);
+        QVERIFY(board.isHopeless());
+        QCOMPARE(board.screenLines(1200),
+                 QStringList({"0 of 2 links up", "no connection to a: refused; again in 3 s",
+                              "b: silent"}));
+        board.hear(1, link(LinkState::Up), 1000);
+        QVERIFY(!board.isHopeless() && board.isUp(1) && !board.isUp(0));
+        QCOMPARE(board.troubles(), QStringList({"no connection to a: refused"}));
+        QCOMPARE(board.screenLines(1200).value(0), QString("1 of 2 links up"));
     }
 };
 

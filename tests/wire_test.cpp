@@ -88,6 +88,7 @@ class WireTest : public QObject
     Q_OBJECT
 
 private slots:
+    // HOLDS(21)
     void reassembly()
     {
         QByteArray longest(65535, '\x03');
@@ -102,7 +103,7 @@ private slots:
             {Nine + Nine.left(8), 0, {Nine}, MidFrame},
             {Nine + "ab" + Shortest + "cd", 2, {Nine + "ab", Shortest + "cd"}, Whole},
             {Nine + "a", 2, {}, MidFrame}, {longest, 0, {longest}, Whole},
-            {hex("04"), 0, {}, Broken}, {hex("03000006"), 0, {}, Broken},
+            {hex("04"), 0, {}, Broken}, {hex("02"), 0, {}, Broken}, {hex("03000006"), 0, {}, Broken},
             {Nine + hex("00") + Nine, 0, {Nine}, Broken}};
         // clang-format on
         for (const auto& [stream, trailing, frames, end] : rows) {
@@ -122,6 +123,7 @@ private slots:
         }
     }
 
+    // HOLDS(20)
     void unreadInputIsBounded()
     {
         TpktReassembler reassembler;
@@ -129,21 +131,54 @@ private slots:
         reassembler.append(Shortest.repeated(most / 7) + Nine.left(most % 7));
         QVERIFY(!reassembler.isBroken());
         reassembler.append("x");
-        QVERIFY(reassembler.isBroken());
-        QVERIFY(takeAll(reassembler).isEmpty());
+        QVERIFY(reassembler.isBroken() && takeAll(reassembler).isEmpty());
         reassembler.clear();
         QVERIFY(!reassembler.isBroken());
         reassembler.append(Shortest);
         QCOMPARE(takeAll(reassembler), Frames{Shortest});
     }
 
-    void emptyDataTpdu()
+    void floodCostsNoMoreAFrame()
+    {
+        // 200 kB of the shortest frames, in parts, while a backlog of a half and of none waits.
+        const QByteArray flood = Shortest.repeated(30000);
+        for (int backlog : {0, int(flood.size()) / 2}) {
+            ByteQueue queue;
+            QByteArray taken;
+            for (int at = 0; at < flood.size(); at += 1000) {
+                queue.append(flood.mid(at, 1000));
+                while (queue.size() > backlog)
+                    taken += queue.take(7);
+            }
+            taken += queue.take(backlog + 1000);
+            QVERIFY(taken == flood && queue.isEmpty() && queue.at(0) == 0);
+            QVERIFY2(queue.movedBytes() <= flood.size(), qPrintable(QString::number(backlog)));
+        }
+        TpktReassembler reassembler;
+        reassembler.append(flood);
+        QCOMPARE(takeAll(reassembler).size(), 30000);
+    }
+
+    void fields()
     {
         // The third is one on a remote link.
         for (const char* empty : {"0300000702F000", "0300000702F080", "0300000702F0000000"})
             QVERIFY2(isEmptyDataTpdu(hex(empty)), empty);
         for (const char* other : {"0300000702F0", "0300000702D000", "0300000902F0803203"})
             QVERIFY2(!isEmptyDataTpdu(hex(other)), other);
+        QCOMPARE(parseTsap("10.0A"), std::optional<quint16>(0x100A));
+        QCOMPARE(parseTsap("4d57"), std::optional<quint16>(0x4D57));
+        for (const char* wrong : {"", "10", "10.0", "100.0", "+100", "10.00 ", "1 00", "10-00"})
+            QVERIFY2(!parseTsap(wrong), wrong);
+        QCOMPARE(tsapText(0x100A), QString("10.0A"));
+        const QByteArray parameters = hex("C00109C1021000C2021100");
+        QCOMPARE(tsapParameter(parameters, CalledTsap), std::optional<quint16>(0x1100));
+        QVERIFY(!tsapParameter(parameters.left(10), CalledTsap) &&
+                !tsapParameter("\xC2", CalledTsap));
+        QVERIFY(tpduType(hex("0300000B06D5")) == Tpdu::ConnectionConfirm &&
+                !tpduType(Nine.left(5)));
+        QCOMPARE(describe(ItemCode(0x42)) + describe(JobError(0x8301)),
+                 QString("return code 0x42error class 0x83, code 0x01"));
     }
 
     void captureFile()

@@ -8,6 +8,10 @@
 /// come first; debug builds assert it. Without FlashLocalRegister, or with null words, the default
 /// TSAPs are used. The list and value functions may be called from any thread, AddListReadVar
 /// excepted.
+///
+/// No exception leaves an entry point. When memory runs out the call ends as said at each, with
+/// lists and mutexes sound; ComCommunication then returns null and DataCom reports a failed reply,
+/// so that the request comes again.
 
 #include <siemens_s7_200_cp243/export.h>
 #include <siemens_s7_200_cp243/register_types.h>
@@ -115,7 +119,8 @@ CP243_EXPORT void RegistCallBackFuncIntf(CallBackFunc callback, int arg);
 CP243_EXPORT void FlashLocalRegister(void* bits, void* words, void* third);
 
 /// Replaces the cyclic read list by one built from `variables`; variables that cannot be read are
-/// skipped. Returns the number of read requests. Takes the list mutex.
+/// skipped, and of each at most 2^20 bytes or elements are listed. Returns the number of read
+/// requests, 0 with an empty list when memory runs out. Takes the list mutex.
 CP243_EXPORT int ReCreatReadVarList(QList<VAR_INFO> variables);
 
 /// Appends a copy of a ready-made request (address and count in bytes) to the cyclic list and
@@ -125,13 +130,13 @@ CP243_EXPORT int AddListReadVar(RW_VAR* var);
 /// Queues a one-shot read. `link_id` must be that of COM_INFO, else its reply is not stored and the
 /// callback does not come. Mode 1 appends `var` as it is; any other mode parses its address_text,
 /// normalises it in place and splits it by the block length limit; duplicates and what exceeds
-/// 1024 entries are skipped. Returns the size of the one-shot list, or 0 for an address that
-/// cannot be parsed and for a null pointer. Takes the list mutex.
+/// 1024 entries are skipped. Returns the size of the one-shot list, or 0, with nothing queued, for
+/// an address that cannot be parsed, a null pointer and when memory runs out. Takes the list mutex.
 CP243_EXPORT int AddListOnceReadVar(RW_VAR* var, int mode);
 
 /// Queues a write. Mode 1 appends; any other mode lets it replace an equal pending write (never
-/// the first) and drops it when 1024 are pending. Returns the size of the write queue (0 for a
-/// null pointer). Takes the list mutex.
+/// the first) and drops it when 1024 are pending. Returns the size of the write queue, or 0 for a
+/// null pointer and when memory runs out. Takes the list mutex.
 CP243_EXPORT int AddListWriteVar(RW_VAR* var, int mode);
 
 /// Converts an address text as the driver does: byte * 8 + bit for types 0 to 5, else the number.
@@ -150,14 +155,16 @@ CP243_EXPORT RW_VAR* DataCom(QByteArray* reply, int len);
 
 /// Reads a value out of the image into `data` from index 0 on, growing it where needed, in host
 /// encoding (least significant byte first; VB two bytes each; `count` of double words in 16-bit
-/// words). `name` is not used. Returns 0 for an invalid address, else 1. Takes the data mutex.
+/// words). `name` is not used. Returns 0 for an invalid address and when memory runs out, else 1.
+/// Takes the data mutex.
 CP243_EXPORT int GetRegisterData(QString name, int reg_type, QString address_text, int station,
                                  QByteArray& data, int count);
 
 /// Writes a value in host encoding. In communication mode 2 it is queued for the controller in
 /// pieces and the size of the write queue is returned; in any other mode only the image changes
-/// and 1 is returned. Returns 0 for an invalid address, a type that cannot be written (mode 2)
-/// and a null pointer. Takes the list and the data mutex, one after the other.
+/// and 1 is returned. Returns 0 for an invalid address, a type that cannot be written (mode 2),
+/// a null pointer, and when memory runs out (pieces queued by then stay queued). Takes the list and
+/// the data mutex, one after the other.
 CP243_EXPORT int SetRegisterData(QString name, int reg_type, QString address_text, int station,
                                  QByteArray* data, int count, int host_key, int host_index);
 

@@ -32,7 +32,7 @@ struct S7200HOST_EXPORT Tag {
     std::optional<Decimal> high;     ///< More than this is too much.
     QString comment;
 
-    QString label() const;   ///< The name, or the variable's own text with its format.
+    QString label() const;   ///< The name, or the variable's with a format that was given.
     QString address() const; ///< "VW100x4@3/hex".
 
     /// One element, scaled and with the decimals shown; without the unit.

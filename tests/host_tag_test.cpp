@@ -1,0 +1,364 @@
+// Tags: files of them as spreadsheets write them, names, exact scaling, and sets of values.
+
+#include "tests/text_table.h"
+#include <s7200host/controller_file.h>
+#include <s7200host/tag.h>
+#include <s7200host/value_file.h>
+
+#include <QtTest>
+
+#include <cmath>
+
+using namespace s7200;
+
+namespace
+{
+
+const QByteArray Header =
+    "name,controller,address,format,unit,scale,offset,decimals,deadband,low,high,comment\n";
+
+/// A tag from the fields of its line from the address on.
+Tag tagOf(const QString& fields)
+{
+    QStringList errors;
+    const auto table = TagTable::parse(Header + "t,," + fields.toUtf8(), "f", nullptr, &errors);
+    return table ? table->tags().first() : Tag();
+}
+
+/// Elements in hexadecimal, separated by blanks.
+QVector<quint32> elementsOf(const QString& hex)
+{
+    QVector<quint32> elements;
+    for (const QString& element : hex.split(' '))
+        elements.append(element.toUInt(nullptr, 16));
+    return elements;
+}
+
+/// The faults of a tag file, without its name, one to a line.
+QString tagFaults(const QByteArray& csv)
+{
+    QStringList errors;
+    const QStringList controllers = {"press1"};
+    const auto table = TagTable::parse(csv, "tags", &controllers, &errors);
+    if (table.has_value() != errors.isEmpty())
+        return "a table and faults, or neither";
+    return errors.join('\n').remove("tags line ");
+}
+
+/// A decimal text made without the code under test: `number` in units of 10^-places.
+QString decimalText(qint64 number, int places)
+{
+    QString digits = QString::number(std::abs(number)).rightJustified(places + 1, '0');
+    if (places > 0)
+        digits.insert(digits.size() - places, '.');
+    return (number < 0 ? "-" : "") + digits;
+}
+
+} // namespace
+
+class HostTagTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    // Every word, both ways; what lies between two is refused with both.
+    void wordsScaleExactly_data()
+    {
+        QTest::addColumn<QString>("fields");
+        QTest::addColumn<int>("scale"); // and offset, in units of 10^-places
+        QTest::addColumn<int>("offset");
+        QTest::addColumn<int>("places");
+        QTest::newRow("1") << "VW0,u,,1,0" << 1 << 0 << 0;
+        QTest::newRow("0.1") << "VW0,s,,0.1" << 1 << 0 << 1;
+        QTest::newRow("0.01") << "VW0,u,,0.01,-100" << 1 << -10000 << 2;
+        QTest::newRow("-0.3") << "VW0,s,,-0.3,0.05" << -30 << 5 << 2;
+    }
+
+    void wordsScaleExactly()
+    {
+        QFETCH(QString, fields);
+        QFETCH(int, scale);
+        QFETCH(int, offset);
+        QFETCH(int, places);
+        const Tag tag = tagOf(fields);
+        QVector<quint32> back;
+        QString error;
+        for (int bits = 0; bits <= 0xFFFF; ++bits) {
+            const bool isSigned = tag.variable.format == Format::Signed;
+            const qint64 number = isSigned ? qint16(bits) : bits;
+            const QString text = decimalText(number * scale + offset, places);
+            QCOMPARE(tag.text(quint32(bits)), text);
+            QVERIFY2(tag.parseValues(text, &back, &error) && back.first() == quint32(bits),
+                     qPrintable(text + error));
+            // A tenth of a unit beside it.
+            const qint64 beside = 10 * (number * scale + offset) + 1;
+            const Scaling::Inverse between = tag.scaling.invert(Decimal{beside, places + 1});
+            QVERIFY(!between.exact && between.lower == number - (scale < 0 ? 1 : 0) &&
+                    between.upper == between.lower + 1);
+        }
+    }
+
+    // Fields, elements: what is shown, what is saved (which reads back as the same bits), the
+    // first one's number, and where it stands against the limits.
+    void shown()
+    {
+        const char* const table = R"(
+            VW0 ; FFFF -> 65535 ; 65535 ; 65535 ; 0    | VW0,s,,0.1,,0 ; FFF1 -> -2 ; -1.5 ; -2 ; 0
+            VW0,u,,0.01,,1 ; 7CF 4 -> 20.0 ; 19.99 ; 20 ; 0 | VW0,,,,,2 ; 7 -> 7.00 ; 7 ; 7 ; 0
+            VW0x2,u,,0.5 ; 3 4 -> 1.5 2.0 ; 1.5,2.0 ; 1.5 ; 0 | VW0,h ; A -> 0x000A ; 0x000A ; 10 ; 0
+            M0.0 ; 1 -> 1 ; 1 ; 1 ; 0                  | VB0,b ; 5 -> 0b00000101 ; 0b00000101 ; 5 ; 0
+            VD0,f ; 41AC0000 -> 21.5 ; 21.5 ; 21.5 ; 0 | VD0,f ; 7FC00000 -> nan ; 0x7FC00000 ; nan ; 0
+            VD0,f,,,,1 ; 3DCCCCCE -> 0.1 ; 0.10000001 ; 0.1 ; 0
+            VD0,f,,0.1,2 ; 41AC0000 -> 4.15 ; 4.15 ; 4.15 ; 0 | VD0,f ; 80000000 -> 0 ; 0x80000000 ; 0 ; 0
+            VD0,f,,0.001 ; 3F800001 -> 0.001 ; 0.0010000001 ; 0.001 ; 0
+            VD0,s,,1e-9 ; 80000000 -> -2.147483648 ; -2.147483648 ; -2.147483648 ; 0
+            VD0,u,,1 ; FFFFFFFF -> 4294967295 ; 4294967295 ; 4294967295 ; 0
+            TV5,,s,0.01 ; 7FFF -> 327.67 ; 327.67 ; 327.67 ; 0
+            VW0,u,,0.1,,,,1,2 ; 9 -> 0.9 ; 0.9 ; 0.9 ; 1 | VW0,u,,0.1,,,,1,2 ; A -> 1.0 ; 1.0 ; 1 ; 0
+            VW0,u,,0.1,,,,1,2 ; 14 -> 2.0 ; 2.0 ; 2 ; 0  | VW0,u,,0.1,,,,1,2 ; 15 -> 2.1 ; 2.1 ; 2.1 ; 2
+            VD0,f,,,,,,-1 ; C0000000 -> -2 ; -2 ; -2 ; 1)";
+        check(table, [](const QString& given) {
+            const Tag tag = tagOf(given.section(';', 0, 0).trimmed());
+            QVector<quint32> elements = elementsOf(given.section(';', 1).trimmed());
+            elements.resize(tag.variable.repeat);
+            const QString exact = tag.exactText(elements);
+            QVector<quint32> back;
+            QString error;
+            if (!tag.parseValues(exact, &back, &error) || back != elements)
+                return exact + " is not read back: " + error;
+            return QStringList{tag.text(elements), exact,
+                               QString::number(tag.number(elements.first()), 'g', 10),
+                               QString::number(int(tag.limit(elements.first())))}
+                .join(" ; ");
+        });
+    }
+
+    // Fields, and a text that the tag does not take, with what would be right.
+    void refusedValues()
+    {
+        const char* const table = R"(
+            VW0,s,,0.1 ; 12.34 -> nearest that can be written are 12.3 and 12.4
+            VW0,u,,-0.5 ; -0.6 -> -1.0 and -0.5     | VW0,s,,0.1 ; 3276.8 -> -3276.8 to 3276.7
+            VW0,u,,0.1,-5 ; 6548.6 -> -5.0 to 6548.5 | VW0,u,,0.1 ; -0.05 -> 0.0 to 6553.5
+            VW0,u,,0.1 ; 1e30 -> 0.0 to 6553.5      | VW0,u,,0.1 ; x -> t cannot take 'x'
+            VW0,s,,0.1 ;  -> takes                  | VW0,,,,,2 ; 7.5 -> 7 and 8
+            VD0,f,,2 ; 33554434 -> 33554432 and 33554436 | VD0,f,,2 ; 1e39 -> finite
+            VW0,u,,0.1 ; 1;2 -> cannot take         | VW0x2,u,,0.1 ; 1 -> 2 values)";
+        check(
+            table,
+            [](const QString& given) {
+                QVector<quint32> elements;
+                QString error;
+                tagOf(given.section(';', 0, 0).trimmed())
+                    .parseValues(given.section(';', 1).trimmed(), &elements, &error);
+                return error;
+            },
+            Match::Message);
+    }
+
+    // Fields, two values: is the second a change?
+    void deadBand()
+    {
+        const char* const table = R"(
+            VW0 ; 1 ; 1 -> no          | VW0 ; 1 ; 2 -> yes         | VW0,,,,,,2 ; 1 ; 3 -> no
+            VW0,,,,,,2 ; 4 ; 1 -> yes  | VW0,u,,0.1,,,0.1 ; 7 ; 8 -> no | VW0,u,,0.1,,,0.1 ; 9 ; 7 -> yes
+            VW0,s,,0.1,,,0.2 ; FFFF ; 1 -> no | VW0,s,,0.1,,,0.2 ; FFFE ; 1 -> yes
+            VD0,f,,,,,1 ; 3F800000 ; 40000000 -> no | VD0,f,,,,,1 ; 3F800000 ; 7FC00000 -> yes
+            VW0x2,,,,,,2 ; 1 1 ; 1 9 -> yes | VW0,h,,,,,2 ; 1 ; 2 -> yes | VW0x2 ; 1 2 ; 1 -> yes)";
+        check(table, [](const QString& given) -> QString {
+            const Tag tag = tagOf(given.section(';', 0, 0).trimmed());
+            return tag.hasChanged(elementsOf(given.section(';', 1, 1).trimmed()),
+                                  elementsOf(given.section(';', 2).trimmed()))
+                       ? "yes"
+                       : "no";
+        });
+    }
+
+    // Files that say the same thing in different spelling.
+    void spellings()
+    {
+        const QByteArray files[] = {
+            "name,address,unit,comment,scale\r\na.b,VW10/s,\xC2\xB0"
+            "C,\"one; \"\"two\"\"\nthree\",0.1\r\n",
+            "\xEF\xBB\xBFName;ADDRESS;Dead Band;Unit;Scale;comment;;\n\na.b;vw10/signed;;\xC2\xB0"
+            "C;0,1;\"one; \"\"two\"\"\nthree\";;\n;;;;\n",
+            "comment\tscale\tunit\taddress\tformat\tname\n\"one; "
+            "\"\"two\"\"\nthree\"\t1e-1\t\xC2\xB0"
+            "C\tVW10\tS\ta.b"};
+        for (const QByteArray& file : files) {
+            QStringList errors;
+            const auto table = TagTable::parse(file, "f", nullptr, &errors);
+            QVERIFY2(table && table->tags().size() == 1, qPrintable(errors.join('\n')));
+            const Tag tag = table->tags().first();
+            QCOMPARE(QStringList({tag.name, tag.address(), tag.unit, tag.comment, tag.text(15)}),
+                     QStringList({"a.b", "VW10/signed",
+                                  QString::fromUtf8("\xC2\xB0"
+                                                    "C"),
+                                  "one; \"two\"\nthree", "1.5"}));
+        }
+    }
+
+    // Every bad line of a file is named at once, each with its number and what is wrong.
+    void faults()
+    {
+        const QByteArray csv = Header + "a,press1,VW0\n"
+                                        "b,press9,VX3,octal\n" // 3
+                                        "A,PRESS1,VW2\n"
+                                        ",,VW4\n"
+                                        "c=d,,\n" // 6
+                                        "\n"
+                                        "e,,VW0,s,,0,x,12\n"
+                                        "f,,VW0,h,,0.1\n" // 9
+                                        "g,,M0.0,,,,,1\n"
+                                        "h,,VW0,,,,,,-1,5,4\n"
+                                        "i,,VW0,,,1.5,0.123456789\n" // 12
+                                        "j,,VW0,,,,,,,,,,much\n"
+                                        "k,,VW0,,,,,,,,,\"two\nlines\"x\n"
+                                        "l,,VW0,,\xFF\n" // 16
+                                        "m,,VW0,,,,,,,,,\"open\n";
+        const char* const wanted = R"(3: no controller is called 'press9'
+3: 'VX3/octal': no such variable
+4: 'A' is already that of line 2
+5: the name is missing
+6: 'c=d' cannot be a name
+6: the address is missing
+8: offset is a number
+8: the scale cannot be 0
+8: decimals is 0 to 9, not '12'
+9: scale, offset and decimals go with the formats unsigned, signed and float, not with hex
+10: a bit takes no scale
+11: a dead band is 0 or more, not -1
+11: the low limit 5 is above the high limit 4
+12: scale and offset have more digits
+13: 'much' stands in no column
+14: the quotes do not match
+16: '\ufffd' is not UTF-8
+17: the quotes do not match)";
+        const QStringList got = tagFaults(csv).split('\n');
+        const QStringList texts = QString(wanted).replace("\\ufffd", QChar(0xFFFD)).split('\n');
+        for (int i = 0; i < int(qMax(got.size(), texts.size())); ++i)
+            QVERIFY2(i < got.size() && i < texts.size() && got.at(i).startsWith(texts.at(i)),
+                     qPrintable(got.value(i) + " / " + texts.value(i)));
+    }
+
+    void headerFaults()
+    {
+        const char* const table = R"(
+            name,adress -> 1: unknown column 'adress'; the columns are name, controller, address
+            name -> 1: column address is missing | name,address,Name -> 1: column name is there twice
+             -> tags: the header line is missing)";
+        check(
+            table,
+            [](const QString& given) { return tagFaults(given.toUtf8()).section('\n', 0, 0); },
+            Match::Message);
+        QStringList errors;
+        QVERIFY(!TagTable::load("/nowhere/tags.csv", nullptr, &errors));
+        QVERIFY(errors.value(0).startsWith("/nowhere/tags.csv: "));
+    }
+
+    // What stands where a variable may, among these tags: CONTROLLER:LABEL=ADDRESS of what is
+    // meant.
+    void lookups()
+    {
+        const QByteArray csv = "name,controller,address\n"
+                               "press.temp,p1,VW0\npress.speed,p1,VW2\npress.temp,p2,VW4/s\n"
+                               "VW100,,VB7\n[x].y,,T37\n";
+        const TagTable table = TagTable::parse(csv, "f", nullptr, nullptr).value();
+        const auto meant = [&](const QString& text) {
+            QString error;
+            QStringList found;
+            const QVector<Tag> tags = table.lookup(text, &error);
+            const QStringList labels = labelsOf(tags);
+            for (int i = 0; i < int(tags.size()); ++i)
+                found.append(labels.at(i) + '=' + tags.at(i).controller + ':' +
+                             tags.at(i).address());
+            return found.join(' ') + error;
+        };
+        QCOMPARE(meant("press.Speed"), QString("press.speed=p1:VW2"));
+        QCOMPARE(meant("press.temp"), QString("p1:press.temp=p1:VW0 p2:press.temp=p2:VW4/signed"));
+        QCOMPARE(meant(" P2:press.temp "), QString("press.temp=p2:VW4/signed"));
+        QCOMPARE(meant("p1:*"), QString("press.temp=p1:VW0 press.speed=p1:VW2"));
+        QCOMPARE(meant("*.?"), QString("[x].y=:T37"));
+        QCOMPARE(meant("vw100"), QString("VW100=:VB7"));
+        QCOMPARE(meant("VW101/h"), QString("VW101=:VW101/hex"));
+        QCOMPARE(meant("p9:VW100"), QString("VW100=p9:VW100"));
+        QVERIFY(meant("press.*d.*").startsWith("'press.*d.*' is no tag; as a variable, "));
+        QVERIFY(meant("p2:press.speed").contains("no tag"));
+        // A plain one takes the format in which it is written; a tag keeps its own.
+        const auto assigned = [&](const QString& text) {
+            QString error;
+            QVector<quint32> elements;
+            Tag tag;
+            const bool ok = table.parseAssignment(text, &tag, &elements, &error);
+            return ok ? tag.label() + '=' + tag.text(elements) : error;
+        };
+        QCOMPARE(assigned("VW101=-1"), QString("VW101=-1"));
+        QCOMPARE(assigned("press.speed=0x10"), QString("press.speed=0x0010"));
+        QCOMPARE(assigned("p2:press.temp=0xFFFF"), QString("press.temp=-1"));
+        QVERIFY(assigned("press.temp=1").contains("2 tags"));
+        QVERIFY(assigned("[x].y=1").contains("TV37"));
+        QVERIFY(assigned("VW101").contains("VW100=7"));
+        const QVector<Tag> twice = table.lookup("VW0", nullptr) + table.lookup("VW0/h", nullptr);
+        QCOMPARE(labelsOf(twice), QStringList({"VW0", "VW0/hex"}));
+    }
+
+    void controllers()
+    {
+        ControllerSettings defaults;
+        defaults.timeoutMs = 700;
+        QStringList errors;
+        const auto good = parseControllers("name;host;port;Local TSAP;remote_tsap;retries\n"
+                                           "p1;10.0.0.5;;4d.57;0200;0\np2;plc;1102;;;\n",
+                                           "c", defaults, &errors);
+        QVERIFY2(good && good->size() == 2, qPrintable(errors.join('\n')));
+        const ControllerSettings& p1 = good->first();
+        QVERIFY(p1.name == "p1" && p1.endpoint.host == "10.0.0.5" && p1.endpoint.port == 102 &&
+                p1.localTsap == 0x4D57 && p1.remoteTsap == 0x0200 && p1.retries == 0);
+        QVERIFY(p1.timeoutMs == 700 && good->last().endpoint.port == 1102 &&
+                good->last().remoteTsap == defaults.remoteTsap);
+        QVERIFY(!parseControllers("name,host,port,local_tsap,remote_tsap,timeout,retries,interval\n"
+                                  "p1,a b,0,10,1.00,0,1001,-1\nP1,\n,h\n1:2,h",
+                                  "c", defaults, &errors));
+        const QString all = errors.join('\n');
+        for (const char* text :
+             {"2: 'a b' is no host", "2: port is a whole number from 1 to 65535",
+              "2: local_tsap is two hexadecimal bytes", "2: remote_tsap", "2: timeout",
+              "2: retries", "2: interval", "3: the host", "3: 'P1' is already the name of line 2",
+              "4: the name is missing", "5: '1:2' cannot be a name"})
+            QVERIFY2(all.contains(QLatin1String("c line ") + text), text);
+        QCOMPARE(errors.size(), 11);
+    }
+
+    // A set of values is read back with the bits that were saved, and with what shows them.
+    void valueFiles()
+    {
+        QVector<TagValue> values = {{tagOf("VW0x2,s,mm,0.1,5,0"), {0xFFFF, 7}},
+                                    {tagOf("VD4,f"), {0x3DCCCCCE}},
+                                    {tagOf("VD8,f"), {0x7FC00001}},
+                                    {tagOf("VB3,h"), {0xAB}},
+                                    {tagOf("V3.0x3"), {1, 0, 1}},
+                                    {tagOf("TV7"), {300}}};
+        for (int i = 0; i < int(values.size()); ++i)
+            values[i].tag.name = i == 5 ? QString() : QStringLiteral("n,%1\";").arg(i);
+        QStringList errors;
+        const QByteArray file = valueFile(values);
+        const auto back =
+            parseValueFile(QByteArray(file).replace("n,", "n;"), "v", nullptr, &errors);
+        QVERIFY2(back && back->size() == values.size(), qPrintable(errors.join('\n')));
+        for (int i = 0; i < int(values.size()); ++i) {
+            const Tag& was = values.at(i).tag;
+            const Tag& is = back->at(i).tag;
+            QCOMPARE(is.address() + is.unit, was.address() + was.unit);
+            QCOMPARE(is.text(values.at(i).elements), was.text(values.at(i).elements));
+            QCOMPARE(back->at(i).elements, values.at(i).elements);
+        }
+        QVERIFY(!parseValueFile("name;address;value\na;VW0;70000\nb;AIW0;1\n;VD4/f;21,5\n;VW2;\n",
+                                "v", nullptr, &errors));
+        QVERIFY(errors.join('\n').contains("v line 2: a cannot take '70000'"));
+        QVERIFY(errors.join('\n').contains("v line 3: b is an input"));
+        QCOMPARE(errors.size(), 3);
+    }
+};
+
+QTEST_GUILESS_MAIN(HostTagTest)
+#include "host_tag_test.moc"
