@@ -124,7 +124,26 @@ QString unwritable(const Variable& variable, const QString& label)
         .arg(variable.address);
 }
 
+/// Controls a terminal, or turns the order of letters about.
+bool isHidden(QChar c)
+{
+    switch (c.category()) {
+    case QChar::Other_Control:
+    case QChar::Other_Format:
+    case QChar::Separator_Line:
+    case QChar::Separator_Paragraph:
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace
+
+bool hasHidden(const QString& text)
+{
+    return std::any_of(text.begin(), text.end(), isHidden);
+}
 
 QString quoted(const QString& text)
 {
@@ -134,10 +153,8 @@ QString quoted(const QString& text)
             shown += QStringLiteral("...");
             break;
         }
-        const bool harmless =
-            c.isPrint() || c.isSurrogate() || c.category() == QChar::Other_NotAssigned;
-        shown += harmless ? QString(c)
-                          : QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
+        shown += isHidden(c) ? QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'))
+                             : QString(c);
     }
     return QLatin1Char('\'') + shown + QLatin1Char('\'');
 }
