@@ -126,7 +126,7 @@ public:
     const LinkStatistics& statistics() const; ///< Of all stations together.
 
 Q_SIGNALS:
-    /// Also for each failed attempt while the link stays down.
+    /// At each change of a link's state; every attempt to connect is one.
     void linkChanged(const s7200::LinkStatus& status);
 
     /// Value or quality of watched variables has changed, by index in watched().
