@@ -249,9 +249,9 @@ private slots:
         QTest::addColumn<QStringList>("segments");
         QTest::addColumn<QStringList>("events");
         QTest::newRow("out of order, twice, overlapping, over the end of the numbers")
-            << QStringList{"> fffffffe S", "< 500 SA",     "> ffffffff A 0300",
-                           "> 3 A cc",     "> 3 A cc",     "> 1 A aabb",
-                           "> 0 A 00aabb", "> 2 A bbccdd", "> ffffffff A 0300"}
+            << QStringList{"> fffffffe S",      "< 500 SA",   "> ffffffff A 0300", "> 3 A cc",
+                           "> 3 A cc",          "> 1 A aabb", "> 0 A 00aabb",      "> 2 A bbccdd",
+                           "> ffffffff A 0300", "> 4 A dd"}
             << QStringList{"0 open", "0 > 0300", "0 > aabb", "0 > cc", "0 > dd"};
         QTest::newRow("missing for good")
             << QStringList{"> 0 S", "< 0 SA", "> 1 A 0300", "> 5 A aa", "> 9 A bb"}
