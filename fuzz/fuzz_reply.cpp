@@ -1,7 +1,6 @@
 // Replies of every shape, put to the driver with a request of every kind outstanding.
 
-#include "fuzz/reply_model.h"
-#include "fuzz/support.h"
+#include "fuzz/driver_calls.h"
 
 namespace
 {
@@ -63,31 +62,23 @@ void queueRequest(Request& request)
         AddListWriteVar(&request.var, 1);
 }
 
-/// A good reply with some of its bytes changed.
-QByteArray damagedReply(const Protocol& pending, ByteSource& source)
+/// A good reply, or one with some of its bytes changed, cut or lengthened, or any bytes.
+QByteArray chooseReply(const Protocol& pending, ByteSource& source, bool* good)
 {
+    const int kind = source.below(5);
+    *good = kind == 0;
+    if (kind == 4)
+        return source.bytes(source.byte());
     QByteArray reply = goodReply(pending, source);
+    if (kind == 0)
+        return reply;
     for (int left = source.below(4); left > 0 && !reply.isEmpty(); --left) {
         const int offset = source.byte() % int(reply.size());
         reply[offset] = char(source.byte());
     }
-    return reply;
-}
-
-QByteArray chooseReply(const Protocol& pending, ByteSource& source)
-{
-    switch (source.below(5)) {
-    case 0:
-        return goodReply(pending, source);
-    case 1:
-        return damagedReply(pending, source);
-    case 2:
-        return damagedReply(pending, source).left(source.byte());
-    case 3:
-        return damagedReply(pending, source) + source.bytes(source.byte());
-    default:
-        return source.bytes(source.byte());
-    }
+    if (kind == 2)
+        return reply.left(source.byte());
+    return kind == 3 ? reply + source.bytes(source.byte()) : reply;
 }
 
 int chooseLength(const Protocol& pending, const QByteArray& reply, ByteSource& source)
@@ -121,8 +112,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const Protocol* pending = nextFrame();
         if (!pending)
             break;
-        const QByteArray reply = chooseReply(*pending, source);
-        deliver(reply, chooseLength(*pending, reply, source));
+        bool good = false;
+        const QByteArray reply = chooseReply(*pending, source, &good);
+        const int length = chooseLength(*pending, reply, source);
+        deliver(reply, length, good && length == int(reply.size()));
     }
     return 0;
 }

@@ -153,10 +153,6 @@ int run(CommandLine& line)
     for (const auto& probe : probes)
         probe->start();
     const int status = runEventLoop();
-    if (!session->traceFailure().isEmpty()) {
-        complain(session->traceFailure());
-        return ExitOutput;
-    }
     if (status != ExitGood)
         return status;
     std::vector<ExitStatus> statuses;

@@ -5,6 +5,7 @@
 
 #include "core/siemens_s7_200.h"
 #include "image/Func_DealData.h"
+#include "tests/s7_bytes.h"
 
 #include <QDebug>
 #include <QRegularExpression>
@@ -62,6 +63,14 @@ struct DriverFixture {
                           const QByteArray& value = QByteArray())
     {
         return {0, 0, 0, 0, 0, 0, {}, {}, regType, address, station, count, 0, 0, value};
+    }
+
+    /// The list that requests of a RequestKind wait in.
+    static QList<RW_VAR>& listOf(int kind)
+    {
+        return kind == CyclicRead    ? PLC_driver.read_list
+               : kind == QueuedWrite ? PLC_driver.write_list
+                                     : PLC_driver.once_read_list;
     }
 
     /// A station whose handshake is done.
@@ -179,18 +188,6 @@ inline bool sameRequest(const RW_VAR& a, const RW_VAR& b)
                         v.reserved2, v.value);
     };
     return fields(a) == fields(b);
-}
-
-/// Bytes of a hex text; blanks between them are for the reader.
-inline QByteArray fromHex(const char* text)
-{
-    return QByteArray::fromHex(QByteArray(text));
-}
-
-/// Bytes as hex text, so that a failed comparison shows a frame as one would write it down.
-inline QByteArray toHex(const QByteArray& raw)
-{
-    return raw.toHex(' ');
 }
 
 /// Message of a failed table row: its label and what came out.

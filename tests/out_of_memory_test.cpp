@@ -49,6 +49,7 @@ private slots:
         QTest::newRow("remote access") << 1 << 1;
     }
 
+    // HOLDS(24)
     void everyAllocationFailsOnce()
     {
         QFETCH(int, perVariableStations);
@@ -164,12 +165,9 @@ private:
     }
 
     DriverFixture m_fixture;
-    const QByteArray m_confirm =
-        QByteArray::fromHex("0300001611d00001000100c0010ac1020100c2020200");
-    const QByteArray m_setup =
-        QByteArray::fromHex("0300001b02f080320300000108000800000000f0000001000100f0");
-    const QByteArray m_readReply =
-        QByteArray::fromHex("0300000002f0803203000000000002000000000401ff040000");
+    const QByteArray m_confirm = connectionConfirm();
+    const QByteArray m_setup = setupReply();
+    const QByteArray m_readReply = readReply(0, QByteArray());
     QByteArray m_reply;
     int m_stored = 0; ///< Good reads.
 };

@@ -221,21 +221,27 @@ private slots:
             // Simulated controllers of the panel's own.
             {nullptr, "read SM0.0 VW4000", 0, "SM0.0 1\nVW4000 0\n", "simulated"},
             {nullptr, "read --remote SM0.0", 0, "SM0.0 1\n", ""},
-            {nullptr, "watch --count 1 SM0.0@1 a:VW4000", 0, "SM0.0@1 1\nVW4000 0\n", "0 retries"},
+            {nullptr, "watch --count 1 VW4000@1 VW4002@1", 0, "VW4000@1 0\nVW4002@1 0\n",
+             "0 retries"},
             // Controllers that are not there, that fail, and that refuse.
-            {"off", "watch VW0", 3, "VW0 ?\n", "no connection to 127.0.0.1"},
-            {"off", "watch --wait --duration 1 VW0", 3, "VW0 ?\n", "no connection to 127.0.0.1"},
+            {"off", "watch VW0", 3, "VW0 ? link down\n", "no connection to 127.0.0.1"},
+            {"off", "watch --wait --duration 1 VW0", 3, "VW0 ? link down\n",
+             "no connection to 127.0.0.1"},
             {"off", "read VW0 VW2", 3, "", "VW0 VW2: no connection to 127.0.0.1"},
-            {"silent", "watch --timeout 200 --retries 1 VW0", 4, "VW0 ?\n", "no reply within"},
+            {"silent", "watch --timeout 200 --retries 1 VW0", 4, "VW0 ? link down\n",
+             "no reply within"},
             {"silent", "watch --duration 0.3 VW0", 4, nullptr, "no answer yet"},
             {"silent", "read --timeout 200 VW0", 4, "", "no reply within"},
-            {"mute", "watch --count 2 --timeout 200 VW0", 4, "VW0 ?\n", "no reply within"},
-            {"closing", "watch --retries 1 VW0", 3, "VW0 ?\n", "closed by the controller"},
-            {"babbling", "watch --timeout 500 --retries 0 VW0", 5, "VW0 ?\n", "not an S7 reply"},
-            {"refusing", "watch --duration 1 VW0", 5, "VW0 ?\n", "refused by 127.0.0.1"},
+            {"mute", "watch --count 2 --timeout 200 VW0", 4, "VW0 ? link down\n",
+             "no reply within"},
+            {"closing", "watch --retries 1 VW0", 3, "VW0 ? link down\n",
+             "closed by the controller"},
+            {"babbling", "watch --timeout 500 --retries 0 VW0", 5, "VW0 ? link down\n",
+             "not an S7 reply"},
+            {"refusing", "watch --duration 1 VW0", 5, nullptr, "refused by 127.0.0.1"},
             {"good", "watch --duration 2 MW4000 VW0", 6, nullptr, "MW4000: refused by"},
             // Conditions.
-            {"good", "watch --until VW0==0 --until SM0.0=0", 0, "VW0 0\nSM0.0 0\n", ""},
+            {"good", "watch --until VW0==0 --until VW2=0", 0, "VW0 0\nVW2 0\n", ""},
             {"good", "watch --until VW0>0 --duration 0.5 VW2", 8, "VW2 0\nVW0 0\n", "not met"},
             {"silent", "watch --until VW0>0 --duration 0.3", 4, nullptr, "no answer yet"},
             {"good", "watch --count 2 --interval 100 --until VW0!=0", 8, "VW0 0\n", "not met"},
@@ -362,6 +368,9 @@ private slots:
             Panel traced(simulator.command("read VW100 --trace " + trace));
             QCOMPARE(traced.finish(), status);
         }
+        Panel unwritten(simulator.command("read VW100 --trace /dev/full"));
+        QCOMPARE(unwritten.finish(), 7);
+        QVERIFY(unwritten.waitFor(Err, "/dev/full: No space left"));
         QFile capture(trace);
         QVERIFY(capture.open(QIODevice::ReadOnly));
         QVERIFY(capture.readAll().contains(QByteArray::fromHex("120a10020002000184000320")));
