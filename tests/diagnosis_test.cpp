@@ -310,6 +310,7 @@ private slots:
             return; // cut short or closed, as the kernel has it
         QCOMPARE(int(results.step), step);
         QCOMPARE(int(results.failure.cause), cause);
+        QCOMPARE(results.failures[size_t(cause)], failures);
         QVERIFY(!usualCause(results, settings).isEmpty() || ProbeStep(step) == ProbeStep::Read);
     }
 };
