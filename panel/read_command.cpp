@@ -40,7 +40,7 @@ int runRead(CommandLine& line)
                          writer.record(items.at(i), controller, valueOf(results.at(i)), now));
         report.add(items.at(i), results.at(i));
     }
-    return finishWith(report.finish());
+    return finishWith(*session, report.finish());
 }
 
 } // namespace

@@ -96,8 +96,12 @@ Result resultOf(const Job& job, const Written& written)
     return result;
 }
 
-int finishWith(int status)
+int finishWith(const Session& session, int status)
 {
+    if (!session.traceFailure().isEmpty()) {
+        complain(session.traceFailure());
+        return ExitOutput;
+    }
     end(status);
     return runEventLoop();
 }

@@ -10,16 +10,22 @@ namespace
 bool resolveJobs(CommandLine& line, QVector<Job>* jobs, QString* errors)
 {
     QStringList faults;
+    QVector<Tag> tags;
     for (const QString& text : line.operands()) {
         Job job;
         QString error;
         if (!line.resolveAssignment(text, &job.item, &job.elements, &error))
             faults.append(error);
         jobs->append(job);
+        tags.append(job.item.tag);
     }
     if (jobs->isEmpty())
         faults.append(QStringLiteral("name at least one variable and its value, as in VW100=7"));
     *errors = faults.join(QLatin1Char('\n'));
+    // Labels among all of them; a tag that was not found has no variable to name.
+    const QStringList labels = faults.isEmpty() ? labelsOf(tags) : QStringList();
+    for (int i = 0; i < int(labels.size()); ++i)
+        (*jobs)[i].item.label = labels.at(i);
     return faults.isEmpty();
 }
 
@@ -46,7 +52,7 @@ int runWrite(CommandLine& line)
             complain(item.label + QStringLiteral(": written"));
         report.add(item, result);
     }
-    return finishWith(report.finish());
+    return finishWith(*session, report.finish());
 }
 
 } // namespace
