@@ -39,7 +39,7 @@ int runRead(CommandLine& line)
                          writer.record(items.at(i), controller, valueOf(results.at(i)), now));
         report.add(items.at(i), results.at(i));
     }
-    return finishWith(*session, report.finish());
+    return finishWith(report.finish());
 }
 
 } // namespace

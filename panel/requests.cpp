@@ -96,12 +96,8 @@ Result resultOf(const Job& job, const Written& written)
     return result;
 }
 
-int finishWith(const Session& session, int status)
+int finishWith(int status)
 {
-    if (!session.traceFailure().isEmpty()) {
-        complain(session.traceFailure());
-        return ExitOutput;
-    }
     end(status);
     return runEventLoop();
 }

@@ -35,7 +35,7 @@ Result resultOf(const Job& job, const Written& written);
 
 /// Ends the event loop with a status and gives the one that counts, which is an earlier one if
 /// there was a signal, and ExitOutput if output or the trace could not be written.
-int finishWith(const Session& session, int status);
+int finishWith(int status);
 
 /// usageError() for an error of several lines.
 int usageErrors(const QString& lines);

@@ -70,7 +70,7 @@ int runSave(CommandLine& line)
         printBytes(valueFile(values));
     else
         complain(QStringLiteral("nothing saved, since not all could be read"));
-    return finishWith(*session, status);
+    return finishWith(status);
 }
 
 /// The lines of a value file as jobs. All that is wrong is reported.
@@ -133,7 +133,7 @@ int runDiff(CommandLine& line)
                        valueText(job.item.tag, now)));
     }
     const ExitStatus status = report.finish();
-    return finishWith(*session, status == ExitGood && differs ? ExitDiffers : status);
+    return finishWith(status == ExitGood && differs ? ExitDiffers : status);
 }
 
 /// One run of apply, when its file is good.
@@ -223,7 +223,7 @@ int runApply(CommandLine& line)
     if (!session || !session->start(&error))
         return usageError(error);
     const bool verify = line.options().isSet(QStringLiteral("verify"));
-    return finishWith(*session, Apply(*session, jobs, verify).run());
+    return finishWith(Apply(*session, jobs, verify).run());
 }
 
 } // namespace

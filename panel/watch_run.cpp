@@ -154,9 +154,9 @@ void WatchRun::hearLink(int controller, const LinkStatus& status)
         if (!m_screen.isEntered())
             complain(said);
         if (m_writesRecords)
-            m_output.write(
-                m_writer.header(),
-                m_writer.linkRecord(m_board.name(controller, status.station), status, wallClock()));
+            m_output.write(m_writer.header(),
+                           m_writer.linkRecord(m_session->recordName(controller, status.station),
+                                               status, wallClock()));
     }
     if (!m_options.waits && m_board.isHopeless())
         end(statusAtEnd());
@@ -209,11 +209,11 @@ void WatchRun::take(int row, bool sample)
 void WatchRun::record(int row, qint64 nowMs)
 {
     const WatchedRow& watched = m_rows.at(row);
-    if (!m_filter.take(row, watched.item.tag, watched.value, nowMs))
+    const Item& item = watched.item;
+    if (!m_filter.take(row, item.tag, watched.value, nowMs))
         return;
-    const ControllerSettings& settings = m_session->controller(watched.item.controller).settings();
-    m_output.write(m_writer.header(),
-                   m_writer.record(watched.item, settings.name, watched.value, nowMs));
+    const QString controller = m_session->recordName(item.controller, item.tag.variable.station);
+    m_output.write(m_writer.header(), m_writer.record(item, controller, watched.value, nowMs));
 }
 
 void WatchRun::sayRefusal(int row)

@@ -52,7 +52,7 @@ int runWrite(CommandLine& line)
             complain(item.label + QStringLiteral(": written"));
         report.add(item, result);
     }
-    return finishWith(*session, report.finish());
+    return finishWith(report.finish());
 }
 
 } // namespace

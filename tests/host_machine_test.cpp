@@ -20,7 +20,8 @@ constexpr Micros Ms = 1000;
 ///   opened, failed, closed       of the TCP connection; with "@3" of station 3
 ///   ok [HEX]                     a good reply to the last frame, its payload that or zeros
 ///   refuse, mismatch, bytes HEX  other replies to it
-///   +MS                          time passes
+///   +MS                          time passes, with the wakes that were ordered
+///   stall MS                     time passes at once
 ///   watch V..., read V, write V=N
 ///
 ///   show                         the watched values
@@ -61,8 +62,10 @@ public:
             request(rest);
         else if (verb == "show")
             tellAll();
+        else if (verb == "stall")
+            m_machine->timePassed(m_now += rest.toInt() * Ms);
         else if (verb.startsWith('+'))
-            m_machine->timePassed(m_now += verb.mid(1).toInt() * Ms);
+            passTime(m_now + verb.mid(1).toInt() * Ms);
         else
             m_machine->received(m_lastStation, reply(verb, fromHex(rest.toLatin1())), m_now);
         if (m_wake == m_now) // news of a request comes with the next turn
@@ -95,6 +98,16 @@ private:
         for (const QString& text : texts.split(' ', Qt::SkipEmptyParts))
             variables.append(parsed(text));
         m_machine->watch(variables, m_now);
+    }
+
+    void passTime(Micros until)
+    {
+        while (m_wake <= until) {
+            m_now = std::max(m_now, m_wake);
+            m_wake = std::numeric_limits<Micros>::max();
+            m_machine->timePassed(m_now);
+        }
+        m_now = until;
     }
 
     void tellAll()
@@ -225,6 +238,7 @@ ControllerSettings settingsOf(const QString& options)
 {
     ControllerSettings settings;
     settings.retries = options.contains("retry") ? 1 : 0;
+    settings.timeoutMs = options.contains("patient") ? 100000 : 1000;
     settings.probe = !options.contains("no probe");
     if (options.contains("stations"))
         settings.stations = {{2, {}}, {3, {}}};
@@ -260,7 +274,7 @@ private slots:
                  "+500            -> get V0+6\n"
                  "ok 000200000005 -> VW0 good 2; cycle\n");
         add("no burst after a stall", "",
-            Up + "+5200           -> get V0+6; VW0 stale 1; VW4 stale 5\n"
+            Up + "stall 5200      -> get V0+6; VW0 stale 1; VW4 stale 5\n"
                  "ok 000100000005 -> VW0 good 1; VW4 good 5; cycle\n"
                  "+499            -> \n"
                  "+1              -> get V0+6\n");
@@ -270,6 +284,10 @@ private slots:
                  "+999            -> \n"
                  "+1              -> get V0+6; VW0 stale 1; VW4 stale 5\n"
                  "ok 000100000005 -> get V0+6; VW0 good 1; VW4 good 5; cycle\n");
+        add("stale in time, although nothing else happens then", "patient",
+            Up + "+500            -> get V0+6\n"
+                 "+999            -> \n"
+                 "+1              -> VW0 stale 1; VW4 stale 5\n");
         add("what came before a frame is not its reply", "",
             Up + "bytes 0300      -> \n"
                  "+500            -> get V0+6\n"
@@ -299,6 +317,15 @@ private slots:
                  "ok              -> get V0+6; done; VW0 stale 1\n"
                  "ok 000100000005 -> put V0+1; VW0 stale 1; VW4 good 5\n"
                  "show            -> VW0 stale 1; VW4 good 5\n");
+        add("dropped for another's failure", "",
+            Up + "write VW100x600= -> put V100+106\n"
+                 "ok              -> put V312+106\n"
+                 "ok              -> put V524+106\n"
+                 "ok              -> put V736+106\n"
+                 "ok              -> put V948+106\n"
+                 "ok              -> get V0+6\n"
+                 "+1000           -> close; done: dropped; down: time-out; VW0 link down 1; "
+                 "VW4 link down 5\n");
         add("a timer's bits go with its value", "",
             "start           -> open; connecting\n"
             "watch T5 TV9    -> \n"
@@ -363,17 +390,22 @@ private slots:
             "ok                 -> get SM0+2@2; up@3\n"
             "ok                 -> get SM0+2@3\n"
             "ok                 -> cycle\n"
-            "write VW0x400@3=   -> put V0+106@3\n"
-            "write VW0x200@3=   -> \n"
-            "ok                 -> put V212+106@3\n"
-            "ok                 -> put V424+106@3\n"
-            "ok                 -> put V636+82@3\n"
-            "ok                 -> put V0+106@3; done\n"
+            "write VW0x1166@2=  -> put V0+106@2\n"
+            "ok                 -> put V212+106@2\n"
+            "ok                 -> put V424+106@2\n"
+            "ok                 -> put V636+106@2\n"
+            "ok                 -> put V848+106@2\n"
             "ok                 -> get SM0+2@2\n"
-            "+1000              -> get SM0+2@2\n"
-            "watch VW0@3        -> \n"
-            "+1000              -> close@2; put V212+94@3; waiting@2: time-out\n"
-            "ok                 -> get V0+2@3; done\n");
+            "ok                 -> put V1060+106@2\n"
+            "ok                 -> put V1272+106@2\n"
+            "ok                 -> put V1484+106@2\n"
+            "ok                 -> put V1696+106@2\n"
+            "ok                 -> put V1908+106@2\n"
+            "ok                 -> get SM0+2@3\n"
+            "+1000              -> get SM0+2@3\n"
+            "watch VW0@2        -> \n"
+            "+1000              -> close@3; put V2120+106@2; waiting@3: time-out\n"
+            "ok                 -> get V0+2@2; done\n");
         add("refused among neighbours: found, set aside, tried again", "",
             Up + "+500            -> get V0+6\n"
                  "refuse          -> close; down: refused; VW0 link down 1; VW4 link down 5\n"
@@ -397,8 +429,20 @@ private slots:
                  "ok              -> get V0+2\n"
                  "ok 0001         -> up; VW0 good 1; cycle\n"
                  "+500            -> get V4+2\n"
+                 "refuse          -> close; down: refused; VW0 link down 1\n"
+                 "+200            -> open\n"
+                 "opened          -> connect\n"
+                 "ok              -> setup\n"
+                 "ok              -> get V0+2\n"
+                 "ok 0001         -> up; VW0 good 1; cycle\n"
+                 "stall 60000     -> get V4+2; VW0 stale 1\n"
                  "ok 0006         -> get V0+2; VW4 good 6\n"
-                 "ok 0001         -> cycle\n");
+                 "ok 0001         -> VW0 good 1; cycle\n"
+                 "+500            -> get V4+2\n"
+                 "ok 0006         -> get V0+2\n"
+                 "ok 0001         -> cycle\n"
+                 "+500            -> get V0+6\n"
+                 "refuse          -> close; down: refused; VW0 link down 1; VW4 link down 6\n");
         add("asked before it is up; then nothing to watch but the probe", "",
             "start           -> open; connecting\n"
             "read VW8        -> \n"
@@ -448,6 +492,9 @@ private slots:
         QCOMPARE(told.filter("not S7").size(), 2); // waiting, down
         QCOMPARE(told.filter("open").size(), 10);
         QCOMPARE(bench.machine().statistics().failed(Cause::NotS7), quint64(18));
+        for (const char* event : {"opened", "ok", "ok", "ok", "closed"})
+            bench.happen(event);
+        QVERIFY(bench.msToWake() < 200);
     }
 
     void judgement_data()

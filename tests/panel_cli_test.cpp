@@ -315,7 +315,8 @@ private slots:
         Panel records(QStringList{"watch", "--count", "1", "--format", "jsonl"} + to);
         QCOMPARE(records.finish(), 0);
         const QString lines = records.process.readAllStandardOutput();
-        QVERIFY2(lines.contains("\"controller\":\"3\"") && lines.contains("\"event\":\"link\""),
+        QVERIFY2(lines.contains("\"VW0\",\"controller\":\"3\"") &&
+                     lines.contains("\"event\":\"link\""),
                  qPrintable(lines));
     }
 
