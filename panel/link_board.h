@@ -19,6 +19,8 @@ public:
     /// A change of a link's state; gives what is to be said, a line or nothing. Times are
     /// milliseconds that only grow.
     QString hear(int controller, const LinkStatus& status, qint64 nowMs);
+    /// The same state, newer: when the next attempt is due.
+    void refresh(int controller, const LinkStatus& status, qint64 nowMs);
     /// To be called now and then; gives what is to be said.
     QStringList tick(qint64 nowMs);
     QStringList finish() const;
@@ -55,6 +57,7 @@ private:
         bool failed = false;
     };
     const Link* find(int controller, int station) const;
+    Link* find(int controller, int station);
 
     QVector<Link> m_links;
     bool m_said = false;

@@ -175,6 +175,13 @@ private slots:
         QCOMPARE(replay(changed, {}, 5).differences.size(), 0);
         QCOMPARE(replay(changed, {}, 3).differences.first().kind, ReplayStep::OutOfStep);
 
+        // A good reply, and yet asked again: it came too late.
+        changed = whole;
+        changed.exchanges.insert(9, whole.exchanges.at(9));
+        const Replayed late = replay(changed, Watched);
+        QCOMPARE(told(late), QStringList());
+        QCOMPARE(late.results.count(Result_WillRetry), 1);
+
         // A capture that begins amid a connection, where its references are.
         for (int first : {1, 2, 5, 31}) {
             changed = whole;
@@ -182,6 +189,18 @@ private slots:
             QCOMPARE(told(replay(changed)), QStringList());
             QCOMPARE(told(replay(changed, Watched)), QStringList());
         }
+    }
+
+    /// A closed connection ends a request; the end of the capture leaves it open.
+    void lastRequest()
+    {
+        wire::TcpStreams::Connection connection;
+        wire::StreamEvent asked;
+        asked.bytes = QByteArray::fromHex("0300000702e000");
+        wire::StreamEvent closed;
+        closed.kind = wire::StreamEvent::Closed;
+        QVERIFY(conversationsOf({asked}, {connection}).first().endsUnanswered);
+        QVERIFY(!conversationsOf({asked, closed}, {connection}).first().endsUnanswered);
     }
 
     void requestsAreForetold()
@@ -291,6 +310,7 @@ private slots:
             return; // cut short or closed, as the kernel has it
         QCOMPARE(int(results.step), step);
         QCOMPARE(int(results.failure.cause), cause);
+        QCOMPARE(results.failures[size_t(cause)], failures);
         QVERIFY(!usualCause(results, settings).isEmpty() || ProbeStep(step) == ProbeStep::Read);
     }
 };
