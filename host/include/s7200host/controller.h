@@ -79,7 +79,7 @@ public:
     using Done = std::function<void(const Result&)>;
 
     explicit Controller(const ControllerSettings& settings, QObject* parent = nullptr);
-    ~Controller() override; ///< Stops.
+    ~Controller() override; ///< Stops, without a signal.
 
     const ControllerSettings& settings() const;
     QString name() const;
