@@ -95,6 +95,7 @@ Controller::Controller(const ControllerSettings& settings, QObject* parent)
 
 Controller::~Controller()
 {
+    blockSignals(true); // whoever listens may be half gone as well
     d->endSession();
 }
 

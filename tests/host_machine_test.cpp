@@ -237,7 +237,7 @@ private:
 ControllerSettings settingsOf(const QString& options)
 {
     ControllerSettings settings;
-    settings.retries = options.contains("retry") ? 1 : 0;
+    settings.retries = options.contains("twice") ? 2 : options.contains("retry") ? 1 : 0;
     settings.timeoutMs = options.contains("patient") ? 100000 : 1000;
     settings.probe = !options.contains("no probe");
     if (options.contains("stations"))
@@ -378,7 +378,7 @@ private slots:
                  "ok              -> VW400 good 0; cycle\n");
         // Were the list made anew meanwhile, the driver would drop the writes of the station that
         // is first in it.
-        add("lists stay while a frame is repeated", "stations retry",
+        add("lists stay while a frame is repeated", "stations retry twice",
             "start              -> open@2; open@3; connecting@2; connecting@3\n"
             "opened@2           -> connect@2; handshake@2\n"
             "ok                 -> setup@2\n"
@@ -404,6 +404,7 @@ private slots:
             "ok                 -> get SM0+2@3\n"
             "+1000              -> get SM0+2@3\n"
             "watch VW0@2        -> \n"
+            "+1000              -> get SM0+2@3\n"
             "+1000              -> close@3; put V2120+106@2; waiting@3: time-out\n"
             "ok                 -> get V0+2@2; done\n");
         add("refused among neighbours: found, set aside, tried again", "",

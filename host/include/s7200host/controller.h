@@ -83,7 +83,7 @@ public:
 
     /// Does nothing yet: see start().
     explicit Controller(const ControllerSettings& settings, QObject* parent = nullptr);
-    ~Controller() override; ///< Stops.
+    ~Controller() override; ///< Stops, without a signal.
 
     const ControllerSettings& settings() const; ///< As given.
     QString name() const;                       ///< Of the settings, or the endpoint's text.
