@@ -32,12 +32,12 @@ ReadBlock probeOf(int station)
 
 } // namespace
 
-/// What FlashLocalRegister wants: 55002 words, of which the last two are the TSAPs. The rest is
+/// What FlashLocalRegister wants: LocalWordCount words, of which the last two are the TSAPs. The rest is
 /// never touched, so it is mapped and takes no memory.
 struct LinkMachine::LocalWords {
-    static constexpr std::size_t Count = 55002;
-    static constexpr std::size_t CalledTsap = 55000;
-    static constexpr std::size_t CallingTsap = 55001;
+    static constexpr std::size_t Count = LocalWordCount;
+    static constexpr std::size_t CalledTsap = LocalWord_CalledTsap;
+    static constexpr std::size_t CallingTsap = LocalWord_CallingTsap;
 
     LocalWords()
     {
