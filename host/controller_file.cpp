@@ -1,6 +1,7 @@
 #include <s7200host/controller_file.h>
 
 #include "host/csv.h"
+#include "host/element_text.h"
 #include "wire/s7_fields.h"
 
 #include <QHash>
@@ -47,18 +48,18 @@ public:
     {
         ControllerSettings settings = defaults;
         settings.name = m_row.fields.at(NameColumn);
-        const bool bad = std::any_of(settings.name.begin(), settings.name.end(), [](QChar c) {
-            return c.unicode() < 0x20 || QLatin1String(NotInNames).contains(c);
-        });
+        const bool bad = std::any_of(settings.name.begin(), settings.name.end(),
+                                     [](QChar c) { return QLatin1String(NotInNames).contains(c); });
         if (settings.name.isEmpty())
             fault(QStringLiteral("the name is missing"));
-        else if (bad)
+        else if (bad || hasHidden(settings.name))
             fault(QStringLiteral("%1 cannot be a name; none of %2 may be in it")
                       .arg(quoted(settings.name), QLatin1String(NotInNames)));
         settings.endpoint.host = m_row.fields.at(HostColumn);
         if (settings.endpoint.host.isEmpty())
             fault(QStringLiteral("the host is missing"));
-        else if (settings.endpoint.host.contains(QLatin1Char(' ')))
+        else if (settings.endpoint.host.contains(QLatin1Char(' ')) ||
+                 hasHidden(settings.endpoint.host))
             fault(QStringLiteral("%1 is no host").arg(quoted(settings.endpoint.host)));
         int port = settings.endpoint.port;
         number(PortColumn, 1, 65535, &port);

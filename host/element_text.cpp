@@ -124,7 +124,26 @@ QString unwritable(const Variable& variable, const QString& label)
         .arg(variable.address);
 }
 
+/// Controls a terminal, or turns the order of letters about.
+bool isHidden(QChar c)
+{
+    switch (c.category()) {
+    case QChar::Other_Control:
+    case QChar::Other_Format:
+    case QChar::Separator_Line:
+    case QChar::Separator_Paragraph:
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace
+
+bool hasHidden(const QString& text)
+{
+    return std::any_of(text.begin(), text.end(), isHidden);
+}
 
 QString quoted(const QString& text)
 {
@@ -134,10 +153,8 @@ QString quoted(const QString& text)
             shown += QStringLiteral("...");
             break;
         }
-        const bool harmless =
-            c.isPrint() || c.isSurrogate() || c.category() == QChar::Other_NotAssigned;
-        shown += harmless ? QString(c)
-                          : QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
+        shown += isHidden(c) ? QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'))
+                             : QString(c);
     }
     return QLatin1Char('\'') + shown + QLatin1Char('\'');
 }
@@ -349,57 +366,6 @@ Format formatOfTexts(const Variable& variable, const QStringList& texts)
     const NumberRange range = rangeOf(width, Format::Signed);
     const auto fitsSigned = [&](const QString& text) { return range.holds(text.toLongLong()); };
     return any(startsWith("-")) && all(fitsSigned) ? Format::Signed : Format::Unsigned;
-}
-
-bool parseAssignment(const QString& text, Variable* variable, QVector<quint32>* values,
-                     QString* error)
-{
-    values->clear();
-    error->clear();
-    const auto equals = text.indexOf(QLatin1Char('='));
-    if (equals < 0) {
-        *error = quoted(text) + QStringLiteral(": a write is VARIABLE=VALUE, as in VW100=7");
-        return false;
-    }
-    if (!parseVariable(text.left(equals).trimmed(), variable, error))
-        return false;
-    const QStringList parts =
-        splitValues(*variable, variable->label(), text.mid(equals + 1), error);
-    variable->format = formatOfTexts(*variable, parts);
-    for (const QString& part : parts) {
-        const std::optional<quint32> element =
-            parseElement(*variable, variable->text(), part, error);
-        if (!element)
-            return false;
-        values->append(*element);
-    }
-    return error->isEmpty();
-}
-
-QVector<quint32> decodeValues(const Variable& variable, const QByteArray& hostData)
-{
-    const bool bits = variable.isByteOfBits();
-    // VB takes two bytes an element in the host's encoding, the second one 0.
-    const int stride =
-        bits ? 8 : (variable.area->type == VbRegister ? 2 : bytesOf(variable.area->width));
-    const QByteArray data = hostData.leftJustified(stride * variable.repeat, '\0');
-    QVector<quint32> values;
-    values.reserve(variable.repeat);
-    for (int i = 0; i < variable.repeat; ++i) {
-        quint32 value = 0;
-        for (int k = 0; k < stride; ++k)
-            value |= quint32(uchar(data.at(i * stride + k))) << (bits ? k : 8 * k);
-        values.append(value);
-    }
-    return values;
-}
-
-QString formatValues(const Variable& variable, const QVector<quint32>& values)
-{
-    QStringList texts;
-    for (quint32 value : values)
-        texts.append(elementText(variable, value));
-    return texts.join(QLatin1Char(' '));
 }
 
 } // namespace s7200

@@ -21,6 +21,9 @@ constexpr int bytesOf(Width width)
     return width == Width::DoubleWord ? 4 : width == Width::Bit || width == Width::Byte ? 1 : 2;
 }
 
+/// True if there are letters in it that are not seen but do something: controls and the like.
+bool hasHidden(const QString& text);
+
 QString formatName(Format format);
 
 /// By name or first letter, in upper or lower case.

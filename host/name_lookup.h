@@ -31,6 +31,8 @@ Q_SIGNALS:
 
 private:
     struct Shared;
+    void tell();
+
     std::shared_ptr<Shared> m_shared;
     bool m_wanted = false;
 };

@@ -43,11 +43,6 @@ QVector<CsvColumn> tagColumns(bool withValues)
     return columns;
 }
 
-bool hasControl(const QString& text)
-{
-    return std::any_of(text.begin(), text.end(), [](QChar c) { return c.unicode() < 0x20; });
-}
-
 /// One row of a tag file.
 class RowReader
 {
@@ -63,7 +58,7 @@ public:
         readController();
         readAddress();
         m_tag.unit = field(UnitColumn);
-        if (hasControl(m_tag.unit))
+        if (hasHidden(m_tag.unit))
             fault(QStringLiteral("%1 cannot be a unit").arg(quoted(m_tag.unit)));
         m_tag.comment = field(CommentColumn);
         readScaling();
@@ -100,12 +95,15 @@ private:
             return;
         if (m_tag.name.isEmpty())
             fault(QStringLiteral("the name is missing"));
-        else if (bad || hasControl(m_tag.name) || m_tag.name.size() > LongestName)
+        else if (bad || hasHidden(m_tag.name) || m_tag.name.size() > LongestName)
             fault(QStringLiteral("%1 cannot be a name; it is one line of at most %2 characters, "
                                  "none of them %3")
                       .arg(quoted(m_tag.name))
                       .arg(LongestName)
                       .arg(QLatin1String(NotInNames)));
+        else
+            return;
+        m_tag.name.clear();
     }
 
     void readController()

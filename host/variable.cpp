@@ -2,6 +2,8 @@
 
 #include "host/element_text.h"
 
+#include <QStringList>
+
 namespace s7200
 {
 
@@ -304,6 +306,57 @@ bool parseVariable(const QString& text, Variable* variable, QString* error)
     if (!reason.isEmpty())
         *error = quoted(text) + QStringLiteral(": ") + reason;
     return reason.isEmpty();
+}
+
+bool parseAssignment(const QString& text, Variable* variable, QVector<quint32>* values,
+                     QString* error)
+{
+    values->clear();
+    error->clear();
+    const auto equals = text.indexOf(QLatin1Char('='));
+    if (equals < 0) {
+        *error = quoted(text) + QStringLiteral(": a write is VARIABLE=VALUE, as in VW100=7");
+        return false;
+    }
+    if (!parseVariable(text.left(equals).trimmed(), variable, error))
+        return false;
+    const QStringList parts =
+        splitValues(*variable, variable->label(), text.mid(equals + 1), error);
+    variable->format = formatOfTexts(*variable, parts);
+    for (const QString& part : parts) {
+        const std::optional<quint32> element =
+            parseElement(*variable, variable->text(), part, error);
+        if (!element)
+            return false;
+        values->append(*element);
+    }
+    return error->isEmpty();
+}
+
+QVector<quint32> decodeValues(const Variable& variable, const QByteArray& hostData)
+{
+    const bool bits = variable.isByteOfBits();
+    // VB takes two bytes an element in the host's encoding, the second one 0.
+    const int stride =
+        bits ? 8 : (variable.area->type == VbRegister ? 2 : bytesOf(variable.area->width));
+    const QByteArray data = hostData.leftJustified(stride * variable.repeat, '\0');
+    QVector<quint32> values;
+    values.reserve(variable.repeat);
+    for (int i = 0; i < variable.repeat; ++i) {
+        quint32 value = 0;
+        for (int k = 0; k < stride; ++k)
+            value |= quint32(uchar(data.at(i * stride + k))) << (bits ? k : 8 * k);
+        values.append(value);
+    }
+    return values;
+}
+
+QString formatValues(const Variable& variable, const QVector<quint32>& values)
+{
+    QStringList texts;
+    for (quint32 value : values)
+        texts.append(elementText(variable, value));
+    return texts.join(QLatin1Char(' '));
 }
 
 QString variableHelp()

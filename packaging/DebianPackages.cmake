@@ -64,7 +64,7 @@ debian_package(dev libs7200-dev libdevel
     "communication driver for S7-200 controllers, for development"
     "Headers, CMake packages and pkg-config files of the driver library and of the
 host library.")
-debian_package(tools s7200-tools comm "${host_package} ${same_version}"
+debian_package(tools s7200-tools comm "${driver_package} ${same_version}"
     "watches, reads and writes S7-200 controllers, and simulates one"
     "Two programs: s7200-panel watches, reads and writes variables from the command
 line, and s7200-sim is a controller to talk to, with faults on request.")

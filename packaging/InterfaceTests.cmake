@@ -23,3 +23,21 @@ if(ABIDIFF AND CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_BUILD_TYPE STREQUAL 
             ${symbols}/$<TARGET_FILE_NAME:Siemens_S7_200_cp243>
             ${PROJECT_SOURCE_DIR}/packaging/abi/Siemens_S7_200_cp243.abi)
 endif()
+
+# The hosts of the documents, in the tree and against an installation, and the documents themselves.
+# Once is enough: the sanitizers and emulators have nothing to find here.
+if(NOT S7200_SANITIZE AND NOT S7200_COVERAGE AND NOT CMAKE_CROSSCOMPILING)
+    s7200_program(bare_host examples/bare_host.cpp)
+    target_link_libraries(bare_host PRIVATE Siemens_S7_200_cp243)
+    s7200_program(encodings examples/encodings.cpp)
+    target_link_libraries(encodings PRIVATE Siemens_S7_200_cp243)
+    add_test(NAME encodings COMMAND encodings)
+    add_test(NAME documents
+        COMMAND ${PROJECT_SOURCE_DIR}/tools/check-documents $<TARGET_FILE_DIR:s7200-panel>)
+    set_tests_properties(documents PROPERTIES TIMEOUT 300)
+    s7200_program(ten_lines examples/ten_lines.cpp)
+    target_link_libraries(ten_lines PRIVATE s7200host)
+    add_test(NAME installed_hosts
+        COMMAND ${PROJECT_SOURCE_DIR}/packaging/try-installation ${PROJECT_BINARY_DIR})
+    set_tests_properties(installed_hosts PROPERTIES TIMEOUT 300)
+endif()

@@ -19,6 +19,10 @@ const char* const ExitStatuses =
     "invalid or not verified, 6 some of several failed, 7 output cannot be written,\n"
     "8 time was up before --until was met.\n";
 
+const char* const TagHelp =
+    "With --tags a VARIABLE may also be a tag's name or a pattern ('press1.*').\n"
+    "With several controllers it may begin with one's name: press1:VW100.\n\n";
+
 QList<QCommandLineOption> controllerOptions()
 {
     return {
@@ -71,8 +75,11 @@ QString helpText(const Command& command, const QCommandLineParser& parser)
     options.truncate(options.indexOf(QLatin1String("\nArguments:")) >= 0
                          ? options.indexOf(QLatin1String("\nArguments:"))
                          : options.size());
-    const QString variables =
-        (command.takes & TakesVariables) != 0 ? variableHelp() + QLatin1Char('\n') : QString();
+    QString variables;
+    if ((command.takes & TakesVariables) != 0)
+        variables = variableHelp() + QLatin1Char('\n');
+    if ((command.takes & TakesTags) != 0 && !variables.isEmpty())
+        variables += QLatin1String(TagHelp);
     return QStringLiteral("Usage: s7200-panel %1 [options] %2\n\n%3\n\n%4%5\n%6")
         .arg(QLatin1String(command.name), QLatin1String(command.operands),
              QString::fromUtf8(command.description), variables, options,
@@ -300,7 +307,8 @@ bool CommandLine::readTags(QString* error)
     QStringList names;
     for (const ControllerSettings& settings : std::as_const(m_controllers))
         names.append(settings.name);
-    const bool complete = m_parser.isSet(QStringLiteral("controllers")) && !oneDriver();
+    const bool complete = (m_takes & TakesControllers) != 0 &&
+                          m_parser.isSet(QStringLiteral("controllers")) && !oneDriver();
     QStringList errors;
     const auto loaded = TagTable::load(file, complete ? &names : nullptr, &errors);
     *error = errors.join(QLatin1Char('\n'));

@@ -61,7 +61,9 @@ public:
             ++m_result.gaps;
             m_requests.clear();
         }
-        if (event.direction == FrameTrace::ToController)
+        if (event.kind == StreamEvent::Closed)
+            endWaiting();
+        else if (event.direction == FrameTrace::ToController)
             hearClient(event);
         else
             hearController(event.bytes);

@@ -52,7 +52,12 @@ QString namesOf(const PlannedRead& read, const QStringList& labels, bool all)
 
 void printPlan(const RequestPlan& plan, const QStringList& labels, bool all)
 {
-    print(QStringLiteral("  #  request                    data   gaps  reply PDU  serves"));
+    print(QStringLiteral("%1  %2 %3 %4  %5  serves")
+              .arg(QStringLiteral("#"), 3)
+              .arg(QStringLiteral("request"), -24)
+              .arg(QStringLiteral("data"), 6)
+              .arg(QStringLiteral("gaps"), 6)
+              .arg(QStringLiteral("reply PDU"), 10));
     int number = 0;
     for (const PlannedRead& read : plan.reads)
         print(QStringLiteral("%1  %2 %3 %4  %5 of %6  %7")

@@ -81,8 +81,8 @@ constexpr Field SetupFields[] = {
 };
 constexpr Field JobFields[] = {
     {JobItemCountOffset, 1, "item count"},
-    {JobItemOffset, 1, "variable specification"},
-    {20, 1, "address specification length"},
+    {JobItemOffset, 1, "variable kind"},
+    {20, 1, "address length"},
     {JobSyntaxOffset, 1, "syntax"},
     {JobTransportSizeOffset, 1, "transport size"},
     {JobItemLengthOffset, 2, "item length"},

@@ -31,21 +31,31 @@ const LinkBoard::Link* LinkBoard::find(int controller, int station) const
     return found == m_links.end() ? nullptr : &*found;
 }
 
+LinkBoard::Link* LinkBoard::find(int controller, int station)
+{
+    return const_cast<Link*>(std::as_const(*this).find(controller, station));
+}
+
 QString LinkBoard::hear(int controller, const LinkStatus& status, qint64 nowMs)
 {
-    for (Link& link : m_links) {
-        if (link.controller != controller || (link.station >= 0 && link.station != status.station))
-            continue;
-        link.status = status;
-        link.heardMs = nowMs;
-        link.wasUp = link.wasUp || status.state == LinkState::Up;
-        link.failed = link.failed || status.state == LinkState::Down ||
-                      (status.state == LinkState::Waiting && isDefinite(status.cause));
-        const QString said = link.report.hear(status, nowMs);
-        m_said = m_said || (!said.isEmpty() && status.state != LinkState::Up);
-        return said;
+    refresh(controller, status, nowMs);
+    Link* link = find(controller, status.station);
+    if (!link)
+        return QString();
+    link->wasUp = link->wasUp || status.state == LinkState::Up;
+    link->failed = link->failed || status.state == LinkState::Down ||
+                   (status.state == LinkState::Waiting && isDefinite(status.cause));
+    const QString said = link->report.hear(status, nowMs);
+    m_said = m_said || (!said.isEmpty() && status.state != LinkState::Up);
+    return said;
+}
+
+void LinkBoard::refresh(int controller, const LinkStatus& status, qint64 nowMs)
+{
+    if (Link* link = find(controller, status.station)) {
+        link->status = status;
+        link->heardMs = nowMs;
     }
-    return QString();
 }
 
 QStringList LinkBoard::tick(qint64 nowMs)
@@ -78,10 +88,11 @@ int LinkBoard::up() const
                              [](const Link& link) { return link.status.state == LinkState::Up; }));
 }
 
-bool LinkBoard::isUp(int controller) const
+bool LinkBoard::mayRead(int controller) const
 {
     return std::any_of(m_links.begin(), m_links.end(), [&](const Link& link) {
-        return link.controller == controller && link.status.state == LinkState::Up;
+        return link.controller == controller &&
+               (link.status.state == LinkState::Up || link.status.cause == Cause::None);
     });
 }
 

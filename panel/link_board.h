@@ -19,13 +19,16 @@ public:
     /// A change of a link's state; gives what is to be said, a line or nothing. Times are
     /// milliseconds that only grow.
     QString hear(int controller, const LinkStatus& status, qint64 nowMs);
+    /// The same state, newer: when the next attempt is due.
+    void refresh(int controller, const LinkStatus& status, qint64 nowMs);
     /// To be called now and then; gives what is to be said.
     QStringList tick(qint64 nowMs);
     QStringList finish() const;
 
     int count() const;
     int up() const;
-    bool isUp(int controller) const; ///< With stations: one of them.
+    /// Up, or still on its way without a failure. With stations: one of them.
+    bool mayRead(int controller) const;
 
     /// None of the links was ever up and each has failed, for a reason that will stay or after all
     /// retries.
@@ -54,6 +57,7 @@ private:
         bool failed = false;
     };
     const Link* find(int controller, int station) const;
+    Link* find(int controller, int station);
 
     QVector<Link> m_links;
     bool m_said = false;

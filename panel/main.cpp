@@ -35,7 +35,7 @@ QString usage()
     for (const Command& command : allCommands()) {
         const QString form =
             QLatin1String(command.name) + QLatin1Char(' ') + QLatin1String(command.operands);
-        text += QStringLiteral("  %1 %2\n").arg(form, -26).arg(QLatin1String(command.summary));
+        text += QStringLiteral("  %1 %2\n").arg(form, -32).arg(QLatin1String(command.summary));
     }
     return text + QStringLiteral(
                       "\n"

@@ -16,9 +16,11 @@ namespace s7200::panel
 namespace
 {
 
+const QLatin1String StandardOutput("cannot write to standard output: ");
+
 bool utf8Locale = false;
-int endStatus = -1;  ///< Not ended: -1.
-int outputError = 0; ///< errno of the first write that failed.
+int endStatus = -1; ///< Not ended: -1.
+QString failure;    ///< Of output; the first one.
 
 bool writeAll(int descriptor, const QByteArray& bytes)
 {
@@ -143,19 +145,21 @@ void print(const QString& line)
 
 bool printBytes(const QByteArray& bytes)
 {
-    if (outputError == 0 && !writeAll(STDOUT_FILENO, bytes)) {
-        outputError = errno;
-        end(ExitOutput);
-    }
-    return outputError == 0;
+    if (failure.isEmpty() && !writeAll(STDOUT_FILENO, bytes))
+        failOutput(StandardOutput + QString::fromLocal8Bit(std::strerror(errno)));
+    return failure.isEmpty();
+}
+
+void failOutput(const QString& why)
+{
+    if (failure.isEmpty())
+        failure = why;
+    end(ExitOutput);
 }
 
 QString outputFailure()
 {
-    if (outputError == 0)
-        return QString();
-    return QStringLiteral("cannot write to standard output: ") +
-           QString::fromLocal8Bit(std::strerror(outputError));
+    return failure;
 }
 
 bool outputIsClosed()
@@ -163,9 +167,7 @@ bool outputIsClosed()
     pollfd output = {STDOUT_FILENO, 0, 0};
     if (::poll(&output, 1, 0) != 1 || (output.revents & POLLERR) == 0)
         return false;
-    if (outputError == 0)
-        outputError = EPIPE;
-    end(ExitOutput);
+    failOutput(StandardOutput + QString::fromLocal8Bit(std::strerror(EPIPE)));
     return true;
 }
 

@@ -62,7 +62,9 @@ void print(const QString& line);
 /// The same for bytes as they are. False if they, or any before, could not be written.
 bool printBytes(const QByteArray& bytes);
 
-/// Why standard output could not be written; empty if it could.
+/// Takes note of output that cannot be written, and calls end(ExitOutput). The first counts.
+void failOutput(const QString& why);
+/// Why; empty if all could be written.
 QString outputFailure();
 
 /// True, and end(ExitOutput), if nobody reads standard output any more: what is behind a pipe has

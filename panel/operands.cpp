@@ -48,6 +48,13 @@ bool CommandLine::place(const Tag& tag, Item* item, QString* error)
         bool isNumber = true;
         const int station = name.isEmpty() ? -1 : name.toInt(&isNumber);
         item->controller = 0;
+        if (tag.variable.isLatched()) {
+            *error = QStringLiteral("%1: timer and counter bits cannot be read with --one-driver; "
+                                    "read the value, as in %2V%3")
+                         .arg(tag.label(), QLatin1String(tag.variable.area->name))
+                         .arg(tag.variable.address);
+            return false;
+        }
         item->tag.variable.station = station;
         if (isNumber && (station < 0 || m_controllers.first().stations.contains(station)))
             return true;

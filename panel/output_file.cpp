@@ -88,8 +88,7 @@ bool OutputFile::write(const QByteArray& header, const QByteArray& lines)
 bool OutputFile::fail(int errorNumber)
 {
     m_failed = true;
-    complain(QStringLiteral("cannot write to %1: %2").arg(m_name, systemError(errorNumber)));
-    end(ExitOutput);
+    failOutput(QStringLiteral("cannot write to %1: %2").arg(m_name, systemError(errorNumber)));
     return false;
 }
 

@@ -153,8 +153,6 @@ int run(CommandLine& line)
     for (const auto& probe : probes)
         probe->start();
     const int status = runEventLoop();
-    if (!session->traceFailure().isEmpty())
-        complain(session->traceFailure());
     if (status != ExitGood)
         return status;
     std::vector<ExitStatus> statuses;

@@ -32,7 +32,8 @@ int runRead(CommandLine& line)
     OutputFile output;
     FailureReport report(*session);
     for (int i = 0; i < int(items.size()); ++i) {
-        const QString controller = session->controller(items.at(i).controller).name();
+        const QString controller =
+            session->recordName(items.at(i).controller, items.at(i).tag.variable.station);
         // For people the message below says it all; programs want a record of each variable.
         if (results.at(i) || *format != RecordFormat::Text)
             output.write(writer.header(),

@@ -53,7 +53,8 @@ QByteArray textLine(const Fields& fields)
 {
     const Tag& tag = fields.item.tag;
     QString line = fields.item.label + QLatin1Char(' ') +
-                   (fields.isGood() ? tag.text(fields.value.elements) : QStringLiteral("?"));
+                   (fields.isGood() ? tag.text(fields.value.elements)
+                                    : QStringLiteral("? ") + describe(fields.value.quality));
     if (fields.isGood() && !tag.unit.isEmpty())
         line += QLatin1Char(' ') + tag.unit;
     return encoded(line) + '\n';

@@ -279,6 +279,7 @@ void Replay::give(ReplayStep step, const Protocol& pending, const QByteArray& re
 {
     const bool handshake = isHandshake(pending.frame);
     step.reply = reply;
+    step.replyLength = pending.reply_len;
     step.result = m_desk.reply(reply);
     ++m_results[step.result];
     if (!handshake) {

@@ -25,6 +25,7 @@ struct ReplayStep {
     QByteArray captured; ///< Empty if it was not sent.
     QByteArray reply;    ///< As given to the driver.
     bool late = false;   ///< There was a good reply, but it was asked for again: it came too late.
+    int replyLength = 0; ///< That the driver expects.
     int result = -1;     ///< DataCom's; -1: not asked.
 
     bool isDifferent() const;

@@ -1,5 +1,6 @@
 #include "panel/commands.h"
 
+#include "host/reply_judgement.h"
 #include "panel/conversation.h"
 #include "panel/frame_text.h"
 #include "panel/messages.h"
@@ -66,6 +67,8 @@ void printStep(const ReplayStep& step, bool all)
     if (step.result < 0 || (good && !all))
         return;
     QString what = describeReply(step.reply);
+    if (!good && !step.reply.isEmpty())
+        what = judgeBadReply({step.expected, step.replyLength, false}, step.reply).detail;
     if (step.late)
         what = QStringLiteral("reply came too late");
     else if (step.kind == ReplayStep::NotSent)
@@ -123,7 +126,8 @@ int replayOne(const Conversation& conversation, const ControllerSettings& settin
         printStep(step, all);
     });
     const bool whole = replay.run(conversation, mostDifferences);
-    print(QStringLiteral("results: ") + resultsText(replay.results()));
+    print(QStringLiteral("results: ") +
+          (replay.results().empty() ? QStringLiteral("none") : resultsText(replay.results())));
     if (!whole)
         print(QStringLiteral("%1; the rest was not looked at")
                   .arg(counted(quint64(differences), "difference")));

@@ -14,16 +14,20 @@ constexpr int TraceLookMs = 500;
 
 Session::Session() : m_signals([this](int number) { hear(number); })
 {
-    QObject::connect(&m_traceTimer, &QTimer::timeout, [this] {
-        if (!traceFailure().isEmpty())
-            end(ExitOutput);
-    });
+    QObject::connect(&m_traceTimer, &QTimer::timeout, [this] { lookAtTrace(); });
 }
 
 Session::~Session()
 {
     // First: they still use the trace and talk to the simulators.
     m_controllers.clear();
+    lookAtTrace();
+}
+
+void Session::lookAtTrace() const
+{
+    if (m_trace && !m_trace->error().isEmpty())
+        failOutput(m_trace->error());
 }
 
 std::unique_ptr<Session> Session::open(const CommandLine& line, QString* error)
@@ -126,11 +130,6 @@ void Session::setInterruptStatus(int status)
 void Session::onSignal(const std::function<bool(int)>& handler)
 {
     m_onSignal = handler;
-}
-
-QString Session::traceFailure() const
-{
-    return m_trace ? m_trace->error() : QString();
 }
 
 FailureReport::FailureReport(const Session& session) : m_session(session) {}

@@ -41,12 +41,9 @@ public:
     /// Gets each signal before that; true: it is dealt with.
     void onSignal(const std::function<bool(int)>& handler);
 
-    /// Why the trace is no longer written; empty while it is. The event loop has then been ended
-    /// with ExitOutput.
-    QString traceFailure() const;
-
 private:
     Session();
+    void lookAtTrace() const;
     bool openTrace(const CommandLine& line, QString* error);
     bool startSimulators(QVector<ControllerSettings>* settings, QString* error);
     void hear(int number);

@@ -230,16 +230,15 @@ int runApply(CommandLine& line)
 
 Command saveCommand()
 {
-    return {
-        "save",
-        "[VARIABLE...] > values.csv",
-        "read a set of values into a file",
-        "Reads the tags of --tags, or the variables named, and writes a file of values that diff\n"
-        "and apply take: CSV, with all that is needed to write each value again. Nothing is\n"
-        "written unless everything could be read.",
-        TakesHere | TakesTags | TakesVariables,
-        {},
-        runSave};
+    return {"save",
+            "[VARIABLE...] > values.csv",
+            "read a set of values into a file",
+            "Reads the tags of --tags, or the variables named, and writes a file of values\n"
+            "that diff and apply take: CSV, with all that is needed to write each value\n"
+            "again. Nothing is written unless everything could be read.",
+            TakesHere | TakesTags | TakesVariables,
+            {},
+            runSave};
 }
 
 Command diffCommand()
@@ -256,17 +255,16 @@ Command diffCommand()
 
 Command applyCommand()
 {
-    return {
-        "apply",
-        "values.csv",
-        "write a set of values",
-        "Writes those values of a file that differ from what the controllers hold, and says of\n"
-        "each line what has become of it. Nothing is written if any line of the file is wrong\n"
-        "or any of its variables cannot be read.",
-        TakesHere,
-        {{QStringLiteral("verify"),
-          QStringLiteral("Read each value back; exit status 0 only if all are as saved.")}},
-        runApply};
+    return {"apply",
+            "values.csv",
+            "write a set of values",
+            "Writes those values of a file that differ from what the controllers hold, and\n"
+            "says of each line what has become of it. Nothing is written if any line of the\n"
+            "file is wrong or any of its variables cannot be read.",
+            TakesHere,
+            {{QStringLiteral("verify"),
+              QStringLiteral("Read each value back; exit status 0 only if all are as saved.")}},
+            runApply};
 }
 
 } // namespace s7200::panel

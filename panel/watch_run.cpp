@@ -154,9 +154,9 @@ void WatchRun::hearLink(int controller, const LinkStatus& status)
         if (!m_screen.isEntered())
             complain(said);
         if (m_writesRecords)
-            m_output.write(
-                m_writer.header(),
-                m_writer.linkRecord(m_board.name(controller, status.station), status, wallClock()));
+            m_output.write(m_writer.header(),
+                           m_writer.linkRecord(m_session->recordName(controller, status.station),
+                                               status, wallClock()));
     }
     if (!m_options.waits && m_board.isHopeless())
         end(statusAtEnd());
@@ -185,7 +185,7 @@ void WatchRun::hearCycle(int controller)
         take(row, true);
     lookAtConditions();
     for (int i = 0; i < int(m_targets.size()); ++i) {
-        const bool awaited = !m_targets.at(i).rows.isEmpty() && m_board.isUp(i);
+        const bool awaited = !m_targets.at(i).rows.isEmpty() && m_board.mayRead(i);
         if (awaited && !m_targets.at(i).cycled)
             return;
     }
@@ -209,11 +209,11 @@ void WatchRun::take(int row, bool sample)
 void WatchRun::record(int row, qint64 nowMs)
 {
     const WatchedRow& watched = m_rows.at(row);
-    if (!m_filter.take(row, watched.item.tag, watched.value, nowMs))
+    const Item& item = watched.item;
+    if (!m_filter.take(row, item.tag, watched.value, nowMs))
         return;
-    const ControllerSettings& settings = m_session->controller(watched.item.controller).settings();
-    m_output.write(m_writer.header(),
-                   m_writer.record(watched.item, settings.name, watched.value, nowMs));
+    const QString controller = m_session->recordName(item.controller, item.tag.variable.station);
+    m_output.write(m_writer.header(), m_writer.record(item, controller, watched.value, nowMs));
 }
 
 void WatchRun::sayRefusal(int row)
@@ -285,59 +285,6 @@ void WatchRun::lookAtConditions()
     end(ExitGood);
 }
 
-// Typing and signals
-
-void WatchRun::takeLine(const QString& line)
-{
-    if (line == QLatin1String("q") || line == QLatin1String("quit"))
-        end(m_conditions.isEmpty() ? ExitGood : ExitNotMet);
-    else
-        writeTyped(line);
-}
-
-void WatchRun::writeTyped(const QString& text)
-{
-    Item item;
-    QVector<quint32> values;
-    QString error;
-    if (!m_line.resolveAssignment(text, &item, &values, &error)) {
-        say(error);
-        return;
-    }
-    if (item.controller >= m_session->count()) {
-        say(QStringLiteral("%1: there is no such controller").arg(quoted(text)));
-        return;
-    }
-    m_session->controller(item.controller)
-        .write(item.tag.variable, values, [this, text, item](const Result& result) {
-            const QString outcome = result ? QStringLiteral("written")
-                                           : QStringLiteral("not written: ") +
-                                                 describeFailure(result.cause, result.detail,
-                                                                 m_session->name(item.controller));
-            say(text + QStringLiteral(": ") + outcome);
-        });
-}
-
-bool WatchRun::takeSignal(int number)
-{
-    if (m_screen.isEntered() && m_screen.takeSignal(number))
-        return true;
-    if (number != SIGHUP || m_options.outputFile.isEmpty())
-        return false;
-    QString error;
-    if (!m_output.reopen(&error))
-        say(error);
-    return true;
-}
-
-void WatchRun::say(const QString& text)
-{
-    if (m_screen.isEntered())
-        m_screen.message(text);
-    if (!m_screen.isEntered() || ::isatty(STDERR_FILENO) == 0)
-        complain(text);
-}
-
 qint64 WatchRun::elapsed() const
 {
     return m_sinceStart.isValid() ? m_sinceStart.elapsed() : 0;
@@ -354,6 +301,12 @@ QStringList WatchRun::statusLines()
     if (sinceRate >= MsPerSecond) {
         m_requestsAtRate = all.requests;
         m_sinceRate.start();
+    }
+    for (int i = 0; i < m_session->count(); ++i) {
+        const Controller& controller = m_session->controller(i);
+        const QList<int> stations = controller.settings().stations.keys();
+        for (const int station : stations.isEmpty() ? QList<int>{-1} : stations)
+            m_board.refresh(i, controller.link(station), elapsed());
     }
     QStringList lines = m_board.screenLines(elapsed());
     if (all.cycles > 0 || all.requests > 0)

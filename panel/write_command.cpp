@@ -10,16 +10,22 @@ namespace
 bool resolveJobs(CommandLine& line, QVector<Job>* jobs, QString* errors)
 {
     QStringList faults;
+    QVector<Tag> tags;
     for (const QString& text : line.operands()) {
         Job job;
         QString error;
         if (!line.resolveAssignment(text, &job.item, &job.elements, &error))
             faults.append(error);
         jobs->append(job);
+        tags.append(job.item.tag);
     }
     if (jobs->isEmpty())
         faults.append(QStringLiteral("name at least one variable and its value, as in VW100=7"));
     *errors = faults.join(QLatin1Char('\n'));
+    // Labels among all of them; a tag that was not found has no variable to name.
+    const QStringList labels = faults.isEmpty() ? labelsOf(tags) : QStringList();
+    for (int i = 0; i < int(labels.size()); ++i)
+        (*jobs)[i].item.label = labels.at(i);
     return faults.isEmpty();
 }
 
@@ -57,12 +63,12 @@ Command writeCommand()
             "VARIABLE=VALUE...",
             "write variables",
             "Writes each variable and waits until the controller has acknowledged it.\n"
-            "Nothing is written beside what is named, and nothing is sent if any argument is\n"
+            "Nothing is written beside what is named; nothing is sent if any argument is\n"
             "wrong. Values are decimal, signed, 0x hexadecimal, 0b binary, true or false for\n"
             "bits, REAL (21.5) for double words; one for each element, separated by commas:\n"
-            "VW100x3=1,2,3. A whole number written to VD4 is an integer, written to VD4/float\n"
-            "a REAL. A tag takes what it shows: its scaled value. Inputs and timer and counter\n"
-            "bits cannot be written.",
+            "VW100x3=1,2,3. A whole number written to VD4 is an integer, to VD4/float a REAL.\n"
+            "A tag takes what it shows: its scaled value. Inputs and timer and counter bits\n"
+            "cannot be written.",
             TakesControllers | TakesTags | TakesVariables | NeedsController,
             {{QStringLiteral("verify"),
               QStringLiteral("Read each variable back, print it, and compare.")}},

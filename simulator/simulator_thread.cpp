@@ -3,8 +3,10 @@
 #include "simulator/simulated_controller.h"
 
 #include <QEventLoop>
+#include <QRandomGenerator>
 #include <QTimer>
 
+#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -18,6 +20,8 @@ namespace
 
 constexpr int TickMs = SimulatedController::TickMs;
 constexpr int TriesForFreePorts = 50;
+constexpr int LowestPort = 10240;
+constexpr int FirstClientPort = 32768;
 
 using Controllers = std::vector<std::unique_ptr<SimulatedController>>;
 
@@ -88,15 +92,22 @@ private:
     /// All controllers, or none with an error.
     Controllers listen(QString* error)
     {
-        const quint16 wanted = m_shared->port;
-        // A free port is easily found, a row of them only by trying.
-        const int tries = wanted == 0 && m_shared->options.count > 1 ? TriesForFreePorts : 1;
+        const int wanted = m_shared->port;
+        const bool anyRow = wanted == 0 && m_shared->options.count > 1;
         Controllers controllers;
-        for (int i = 0; i < tries && controllers.empty(); ++i)
-            controllers = listenFrom(wanted, error);
+        for (int i = 0; i < (anyRow ? TriesForFreePorts : 1) && controllers.empty(); ++i)
+            controllers = listenFrom(anyRow ? likelyFreePort() : wanted, error);
         if (!controllers.empty())
             m_shared->port = controllers.front()->port();
         return controllers;
+    }
+
+    /// The system finds a free port, but not a row of them: those that it gives to clients are full
+    /// of holes, the ones below are mostly unused.
+    int likelyFreePort() const
+    {
+        const int rows = std::max(FirstClientPort - LowestPort - m_shared->options.count, 1);
+        return LowestPort + int(QRandomGenerator::global()->bounded(rows));
     }
 
     Controllers listenFrom(int port, QString* error)

@@ -1,22 +1,21 @@
 // Diagnosis: recorded faults replayed at a desk, requests foretold, and which step of a connection
 // fails.
 
-#include "host/link_machine.h"
 #include "panel/frame_text.h"
 #include "panel/link_probe.h"
 #include "panel/replay.h"
 #include "panel/request_preview.h"
-#include "simulator/fault_injector.h"
-#include "simulator/s7_request_handler.h"
 #include "simulator/simulator_thread.h"
+#include "tests/plant.h"
 #include "wire/frame_trace.h"
 #include "wire/s7_fields.h"
 
 #include <QRandomGenerator>
 #include <QSignalSpy>
-#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <numeric>
 
 using namespace s7200;
 using namespace s7200::panel;
@@ -24,16 +23,6 @@ using wire::FrameTrace;
 
 namespace
 {
-
-decltype(&::DataCom) realDataCom = nullptr;
-QVector<int> resultsOfHost;
-
-RW_VAR* recordingDataCom(QByteArray* reply, int length)
-{
-    RW_VAR* record = realDataCom(reply, length);
-    resultsOfHost.append(record->result);
-    return record;
-}
 
 /// Without the offset for a request's host_key, which no capture shows.
 int classOf(int result)
@@ -44,218 +33,6 @@ int classOf(int result)
     }
     return result;
 }
-
-QVector<Variable> variablesOf(const QStringList& texts)
-{
-    QVector<Variable> variables(texts.size());
-    QString error;
-    for (int i = 0; i < int(texts.size()); ++i) {
-        if (!parseVariable(texts.at(i), &variables[i], &error))
-            qFatal("%s", qPrintable(error));
-    }
-    return variables;
-}
-
-/// A host's link machine and a controller with faults, joined without sockets or a clock, and what
-/// passes between them in a trace.
-class Plant : private LinkOrders
-{
-public:
-    Plant(const QStringList& faults, const QString& traceFile)
-        : m_machine(m_driver, settings(), *this, 1)
-    {
-        QString error;
-        m_trace = FrameTrace::open(traceFile, FrameTrace::KeepExisting, &error);
-        const QString library = findDriver(QString(), &error);
-        if (!m_trace || !m_driver.load(library, &error) || !m_faults.setFaults(faults, &error))
-            qFatal("%s", qPrintable(error));
-        realDataCom = m_driver.DataCom;
-        m_driver.DataCom = recordingDataCom;
-        resultsOfHost.clear();
-    }
-
-    static ControllerSettings settings()
-    {
-        ControllerSettings settings;
-        settings.localTsap = 0x0102;
-        settings.remoteTsap = 0x0301;
-        return settings;
-    }
-
-    /// Until so many frames were sent; every fifth time a read or write is asked for besides.
-    void run(const QVector<Variable>& watched, int frames, bool requests)
-    {
-        m_machine.watch(watched, m_now);
-        m_machine.start(m_now);
-        for (int turn = 0; int(sent.size()) < frames; ++turn) {
-            if (requests && turn % 5 == 0)
-                ask(turn / 5);
-            if (m_events.empty()) {
-                m_now = std::max(m_now, m_wakeAt);
-                m_machine.timePassed(m_now);
-                continue;
-            }
-            const auto event = m_events.front();
-            m_events.pop_front();
-            event();
-        }
-    }
-
-    QMap<QString, quint64> faultCounts() const
-    {
-        return m_faults.counts();
-    }
-
-    QVector<QByteArray> sent;
-
-private:
-    void ask(int number)
-    {
-        static const char* const Texts[] = {"Q0.3=1", "VW100=7", "VD40x3=1,2,3", "TV37=5",
-                                            "AQW2=9", "CV3=4",   "VB9=255",      "SMD36=70000"};
-        const QString text = QLatin1String(Texts[number % 8]);
-        RequestPtr request(new Request);
-        QString error;
-        if (!parseAssignment(text, &request->variable, &request->values, &error))
-            qFatal("%s", qPrintable(error));
-        if (number % 3 == 0)
-            request->values.clear(); // a read
-        else
-            request->steps = writeSteps(request->variable, request->values, 106);
-        request->station = settings().defaultStation;
-        m_machine.request(std::move(request), m_now);
-    }
-
-    void open(int) override
-    {
-        m_isOpen = true;
-        m_handler.reset(new sim::S7RequestHandler(&m_memory));
-        m_late.clear();
-        const auto fault = m_faults.choose(sim::FaultMoment::Accept);
-        m_faults.count(fault);
-        m_silent = fault == sim::FaultKind::SilentAccept;
-        later([this] {
-            m_traceId = m_trace->newConnection();
-            m_machine.opened(2, m_now);
-        });
-        if (fault == sim::FaultKind::RefuseConnection)
-            closeByController();
-    }
-
-    void close(int) override
-    {
-        ++m_connection; // what is under way is lost
-        if (m_isOpen)
-            m_trace->closeConnection(m_traceId, FrameTrace::ToController);
-        m_isOpen = false;
-    }
-
-    void send(int, const QByteArray& frame) override
-    {
-        sent.append(frame);
-        m_trace->record(m_traceId, FrameTrace::ToController, frame);
-        m_handler->append(frame);
-        while (const auto request = m_handler->takeRequest()) {
-            const sim::RequestSummary summary = m_handler->parse(*request);
-            const auto moment =
-                summary.kind == sim::RequestSummary::Connect ? sim::FaultMoment::Connect
-                : summary.kind == sim::RequestSummary::Setup ? sim::FaultMoment::Setup
-                                                             : sim::FaultMoment::Job;
-            const auto fault = m_faults.choose(moment, summary.address);
-            m_faults.count(fault);
-            auto refusal = sim::Refusal::None;
-            if (fault == sim::FaultKind::ErrorClass)
-                refusal = sim::Refusal::Job;
-            else if (fault == sim::FaultKind::ItemError)
-                refusal = sim::Refusal::Item;
-            const QByteArray reply = m_handler->answer(refusal);
-            deliver(m_faults.spoil(fault, reply), fault);
-        }
-    }
-
-    void deliver(const QByteArray& bytes, sim::FaultKind fault)
-    {
-        if (m_silent)
-            return;
-        bring(m_late);
-        m_late.clear();
-        switch (fault) {
-        case sim::FaultKind::Lost:
-            return;
-        case sim::FaultKind::Late:
-            m_late = bytes;
-            return;
-        case sim::FaultKind::Split:
-            bring(bytes.left(3));
-            bring(bytes.mid(3));
-            return;
-        case sim::FaultKind::Doubled:
-            bring(bytes + bytes);
-            return;
-        case sim::FaultKind::EmptyTpduFirst:
-            bring(QByteArray::fromHex("0300000702F000") + bytes);
-            return;
-        case sim::FaultKind::CloseMidFrame:
-            bring(bytes);
-            closeByController();
-            return;
-        default:
-            bring(bytes);
-        }
-    }
-
-    void bring(const QByteArray& bytes)
-    {
-        if (bytes.isEmpty())
-            return;
-        later([this, bytes] {
-            m_trace->record(m_traceId, FrameTrace::FromController, bytes);
-            m_machine.received(2, bytes, m_now);
-        });
-    }
-
-    void closeByController()
-    {
-        later([this] {
-            m_isOpen = false;
-            m_trace->closeConnection(m_traceId, FrameTrace::FromController);
-            m_machine.closed(2, m_now);
-        });
-    }
-
-    /// Of this connection only.
-    void later(const std::function<void()>& event)
-    {
-        const int connection = m_connection;
-        m_events.push_back([this, connection, event] {
-            if (connection == m_connection)
-                event();
-        });
-    }
-
-    void wakeAt(Micros time) override
-    {
-        m_wakeAt = time;
-    }
-    void tellLink(const LinkStatus&) override {}
-    void tellValues(const QVector<int>&) override {}
-    void tellCycle() override {}
-
-    DriverCopy m_driver;
-    LinkMachine m_machine;
-    std::unique_ptr<FrameTrace> m_trace;
-    sim::FaultInjector m_faults{7};
-    sim::ControllerMemory m_memory;
-    std::unique_ptr<sim::S7RequestHandler> m_handler;
-    std::deque<std::function<void()>> m_events;
-    Micros m_now = 1;
-    Micros m_wakeAt = 1;
-    int m_connection = 0;
-    int m_traceId = -1;
-    bool m_isOpen = false;
-    bool m_silent = false;
-    QByteArray m_late;
-};
 
 QVector<Conversation> conversationsIn(const QString& file)
 {
@@ -355,6 +132,186 @@ private slots:
             QCOMPARE(replayed.results, expected.mid(0, int(replayed.results.size())));
             QVERIFY(expected.size() - replayed.results.size() < 8);
         }
+    }
+
+    /// What a replay says about a capture that was tampered with.
+    void differences()
+    {
+        const QTemporaryDir folder;
+        Plant plant({}, folder.filePath("trace.pcap"));
+        plant.run(variablesOf(Watched), 60, false);
+        const Conversation whole = conversationsIn(folder.filePath("trace.pcap")).first();
+        const auto told = [](const Replayed& replayed) {
+            QStringList lines;
+            for (const ReplayStep& step : replayed.differences)
+                lines.append(QString("%1 %2 %3")
+                                 .arg(step.kind)
+                                 .arg(step.firstDifference())
+                                 .arg(fieldName(step.expected, step.firstDifference())));
+            return lines;
+        };
+        const QString compared = QString::number(ReplayStep::Compared);
+
+        Conversation changed = whole;
+        changed.exchanges[10].request[wire::JobItemLengthOffset + 1] = 99;
+        QCOMPARE(told(replay(changed, Watched)), QStringList{compared + " 24 item length"});
+        changed = whole;
+        changed.exchanges.removeLast(); // the capture ends before its reply
+        changed.endsUnanswered = false;
+        for (int i = 12; i < int(changed.exchanges.size()); ++i) { // one reference was left out
+            for (QByteArray* frame : {&changed.exchanges[i].request, &changed.exchanges[i].reply})
+                (*frame)[wire::PduReferenceOffset + 1] =
+                    char(frame->at(wire::PduReferenceOffset + 1) + 1);
+        }
+        QCOMPARE(told(replay(changed)), QStringList{compared + " 12 PDU reference"});
+        changed = whole;
+        changed.exchanges[9].request[wire::JobItemCountOffset] = 2;
+        QCOMPARE(replay(changed).differences.first().kind, ReplayStep::NotDrivers);
+        // A host with more patience than the driver is told to have.
+        changed = whole;
+        Exchange unanswered = whole.exchanges.at(9);
+        unanswered.reply.clear();
+        changed.exchanges.insert(9, 4, unanswered);
+        QCOMPARE(replay(changed, {}, 5).differences.size(), 0);
+        QCOMPARE(replay(changed, {}, 3).differences.first().kind, ReplayStep::OutOfStep);
+
+        // A good reply, and yet asked again: it came too late.
+        changed = whole;
+        changed.exchanges.insert(9, whole.exchanges.at(9));
+        const Replayed late = replay(changed, Watched);
+        QCOMPARE(told(late), QStringList());
+        QCOMPARE(late.results.count(Result_WillRetry), 1);
+
+        // A capture that begins amid a connection, where its references are.
+        for (int first : {1, 2, 5, 31}) {
+            changed = whole;
+            changed.exchanges.remove(0, first);
+            QCOMPARE(told(replay(changed)), QStringList());
+            QCOMPARE(told(replay(changed, Watched)), QStringList());
+        }
+    }
+
+    /// A closed connection ends a request; the end of the capture leaves it open.
+    void lastRequest()
+    {
+        wire::TcpStreams::Connection connection;
+        wire::StreamEvent asked;
+        asked.bytes = QByteArray::fromHex("0300000702e000");
+        wire::StreamEvent closed;
+        closed.kind = wire::StreamEvent::Closed;
+        QVERIFY(conversationsOf({asked}, {connection}).first().endsUnanswered);
+        QVERIFY(!conversationsOf({asked, closed}, {connection}).first().endsUnanswered);
+    }
+
+    void requestsAreForetold()
+    {
+        QString error;
+        auto plan = planRequests(ControllerSettings(),
+                                 variablesOf({"VW10", "VW0x2", "M0.3", "TV3", "TV9x2"}), &error);
+        QVERIFY2(plan, qPrintable(error));
+        QStringList lines;
+        for (const PlannedRead& read : plan->reads) {
+            QStringList served;
+            for (int index : read.variables)
+                served.append(QString::number(index));
+            lines.append(QString("%1: %2 bytes, %3 wasted, reply %4, PDU %5, for %6")
+                             .arg(describeRequest(read.frame))
+                             .arg(read.dataBytes)
+                             .arg(read.wastedBytes)
+                             .arg(read.replyLength)
+                             .arg(read.pduLength)
+                             .arg(served.join(' ')));
+        }
+        const QStringList expected = {
+            "read MB0 to MB1: 2 bytes, 1 wasted, reply 27, PDU 20, for 2",
+            "read VB0 to VB11: 12 bytes, 6 wasted, reply 37, PDU 30, for 0 1",
+            "read T3 to T10: 40 bytes, 25 wasted, reply 65, PDU 58, for 3 4"};
+        QCOMPARE(lines, expected);
+        QCOMPARE(plan->cycleMs(20), 60.0);
+
+        // Any list: what is sent afterwards is the plan.
+        const int lists = qEnvironmentVariableIntValue("DIAGNOSIS_LISTS");
+        QRandomGenerator random(5);
+        for (int i = 0; i < std::max(12, lists); ++i) {
+            QStringList texts;
+            for (int n = 1 + int(random.bounded(40)); n > 0; --n) {
+                static const char* const Names[] = {"VW%1x%2", "VB%1x%2", "VD%1x%2",
+                                                    "MW%1x%2", "TV%1x%2", "CV%1x%2",
+                                                    "AIW%1",   "SMW%1",   "Q%1.5x%2"};
+                const QString name = QLatin1String(Names[random.bounded(9)]);
+                const int address = int(random.bounded(name.startsWith('V') ? 1200 : 28)) & ~1;
+                const QString text = name.arg(address);
+                texts.append(text.contains('%') ? text.arg(1 + random.bounded(3)) : text);
+            }
+            const QVector<Variable> variables = variablesOf(texts);
+            plan = planRequests(Plant::settings(), variables, &error);
+            QVERIFY2(plan, qPrintable(error));
+            const QTemporaryDir folder;
+            Plant plant({}, folder.filePath("trace.pcap"));
+            plant.run(variables, 2 * int(plan->reads.size()) + 2, false);
+            for (int sent = 2; sent < int(plant.sent.size()); ++sent) {
+                const PlannedRead& read = plan->reads.at((sent - 2) % int(plan->reads.size()));
+                QCOMPARE(plant.sent.at(sent).mid(wire::ParameterLengthOffset),
+                         read.frame.mid(wire::ParameterLengthOffset));
+            }
+        }
+    }
+
+    void ping_data()
+    {
+        QTest::addColumn<QString>("fault"); ///< Empty: none; "none": nobody listens.
+        QTest::addColumn<int>("step");
+        QTest::addColumn<int>("cause");
+        const auto row = [](const char* fault, ProbeStep step, Cause cause) {
+            QTest::newRow(fault) << QString(fault) << int(step) << int(cause);
+        };
+        row("", ProbeStep::Read, Cause::None);
+        row("nobody", ProbeStep::Connect, Cause::NoConnection);
+        row("silent-accept", ProbeStep::TpduConnection, Cause::TimedOut);
+        row("refuse-connection", ProbeStep::TpduConnection, Cause::Closed);
+        row("garbage-confirm", ProbeStep::TpduConnection, Cause::NotS7);
+        row("error-class:address 0", ProbeStep::Read, Cause::Refused);
+        row("wrong-length:address 0", ProbeStep::Read, Cause::WrongLength);
+        row("close-mid-frame:address 0", ProbeStep::Read, Cause::None);
+    }
+
+    void ping()
+    {
+        QFETCH(QString, fault);
+        QFETCH(int, step);
+        QFETCH(int, cause);
+        sim::SimulatorOptions options;
+        if (!fault.isEmpty() && fault != "nobody")
+            options.faults = QStringList{fault};
+        sim::SimulatorThread simulator(options);
+        QString error;
+        QVERIFY2(simulator.start(&error), qPrintable(error));
+        if (fault == "nobody")
+            simulator.stop();
+        ControllerSettings settings;
+        settings.endpoint = {"127.0.0.1", simulator.port()};
+        settings.intervalMs = 1;
+        settings.timeoutMs = fault == "silent-accept" ? 300 : 20000;
+        LinkProbe probe(settings, DriverDesk::open(settings, &error), 6);
+        QSignalSpy finished(&probe, &LinkProbe::finished);
+        probe.start();
+        QVERIFY(finished.wait(60000));
+        const ProbeResults& results = probe.results();
+        const bool shaken = ProbeStep(step) == ProbeStep::Read;
+        QCOMPARE(results.gaveUp, !shaken);
+        QCOMPARE(results.grantedPdu, shaken ? 240 : 0);
+        QCOMPARE(int(results.roundTripsUs.size()), fault.isEmpty() ? 6 : 0);
+        QCOMPARE(results.reads, shaken ? 6 : 0);
+        if (fault.isEmpty())
+            return;
+        const int failures = std::accumulate(results.failures.begin(), results.failures.end(), 0);
+        QCOMPARE(failures, shaken ? 6 : 1);
+        if (fault.startsWith("close"))
+            return; // cut short or closed, as the kernel has it
+        QCOMPARE(int(results.step), step);
+        QCOMPARE(int(results.failure.cause), cause);
+        QCOMPARE(results.failures[size_t(cause)], failures);
+        QVERIFY(!usualCause(results, settings).isEmpty() || ProbeStep(step) == ProbeStep::Read);
     }
 };
 

@@ -116,6 +116,7 @@ private slots:
             TV5,,s,0.01 ; 7FFF -> 327.67 ; 327.67 ; 327.67 ; 0
             VW0,u,,0.1,,,,1,2 ; 9 -> 0.9 ; 0.9 ; 0.9 ; 1 | VW0,u,,0.1,,,,1,2 ; A -> 1.0 ; 1.0 ; 1 ; 0
             VW0,u,,0.1,,,,1,2 ; 14 -> 2.0 ; 2.0 ; 2 ; 0  | VW0,u,,0.1,,,,1,2 ; 15 -> 2.1 ; 2.1 ; 2.1 ; 2
+            VW0,u,,0.01,,,,0.5 ; 31 -> 0.49 ; 0.49 ; 0.49 ; 1
             VD0,f,,,,,,-1 ; C0000000 -> -2 ; -2 ; -2 ; 1)";
         check(table, [](const QString& given) {
             const Tag tag = tagOf(given.section(';', 0, 0).trimmed());
@@ -140,7 +141,7 @@ private slots:
             VW0,s,,0.1 ; 12.34 -> nearest that can be written are 12.3 and 12.4
             VW0,u,,-0.5 ; -0.6 -> -1.0 and -0.5     | VW0,s,,0.1 ; 3276.8 -> -3276.8 to 3276.7
             VW0,u,,0.1,-5 ; 6548.6 -> -5.0 to 6548.5 | VW0,u,,0.1 ; -0.05 -> 0.0 to 6553.5
-            VW0,u,,0.1 ; 1e30 -> 0.0 to 6553.5      | VW0,u,,0.1 ; x -> t cannot take 'x'
+            VW0,u,,0.1 ; 6553.55 -> 0.0 to 6553.5   | VW0,u,,0.1 ; 1e30 -> 0.0 to 6553.5      | VW0,u,,0.1 ; x -> t cannot take 'x'
             VW0,s,,0.1 ;  -> takes                  | VW0,,,,,2 ; 7.5 -> 7 and 8
             VD0,f,,2 ; 33554434 -> 33554432 and 33554436 | VD0,f,,2 ; 1e39 -> finite
             VW0,u,,0.1 ; 1;2 -> cannot take         | VW0x2,u,,0.1 ; 1 -> 2 values)";
@@ -177,14 +178,14 @@ private slots:
     // Files that say the same thing in different spelling.
     void spellings()
     {
-        const QByteArray files[] = {
-            "name,address,unit,comment,scale\r\na.b,VW10/s,\xC2\xB0"
-            "C,\"one; \"\"two\"\"\nthree\",0.1\r\n",
-            "\xEF\xBB\xBFName;ADDRESS;Dead Band;Unit;Scale;comment;;\n\na.b;vw10/signed;;\xC2\xB0"
-            "C;0,1;\"one; \"\"two\"\"\nthree\";;\n;;;;\n",
-            "comment\tscale\tunit\taddress\tformat\tname\n\"one; "
-            "\"\"two\"\"\nthree\"\t1e-1\t\xC2\xB0"
-            "C\tVW10\tS\ta.b"};
+        const QByteArray files[] = {"name,address,unit,comment,scale\r\na.b,VW10/s,\xC2\xB0"
+                                    "C,\"one; \"\"two\"\"\nthree\",0.1\r\n",
+                                    "\xEF\xBB\xBF\"Name\";ADDRESS;Dead "
+                                    "Band;Unit;Scale;comment;;\n\na.b;vw10/signed;;\xC2\xB0"
+                                    "C;0,1;\"one; \"\"two\"\"\nthree\";;\n;;;;\n",
+                                    "comment\tscale\tunit\taddress\tformat\tname\n\"one; "
+                                    "\"\"two\"\"\nthree\"\t1e-1\t\xC2\xB0"
+                                    "C\tVW10\tS\ta.b"};
         for (const QByteArray& file : files) {
             QStringList errors;
             const auto table = TagTable::parse(file, "f", nullptr, &errors);
@@ -252,6 +253,10 @@ private slots:
             [](const QString& given) { return tagFaults(given.toUtf8()).section('\n', 0, 0); },
             Match::Message);
         QStringList errors;
+        const QStringList known = {"press1"};
+        const auto tags =
+            TagTable::parse("name,address,controller\na,VW0,PRESS1\n", "f", &known, &errors);
+        QVERIFY(tags && tags->tags().first().controller == "press1");
         QVERIFY(!TagTable::load("/nowhere/tags.csv", nullptr, &errors));
         QVERIFY(errors.value(0).startsWith("/nowhere/tags.csv: "));
     }
@@ -325,8 +330,8 @@ private slots:
               "2: local_tsap is two hexadecimal bytes", "2: remote_tsap", "2: timeout",
               "2: retries", "2: interval", "3: the host", "3: 'P1' is already the name of line 2",
               "4: the name is missing", "5: '1:2' cannot be a name"})
-            QVERIFY2(all.contains(QLatin1String("c line ") + text), text);
-        QCOMPARE(errors.size(), 11);
+            QVERIFY2(all.contains(QString("c line ") + text), text);
+        QCOMPARE(int(errors.size()), 11);
     }
 
     // A set of values is read back with the bits that were saved, and with what shows them.
@@ -356,7 +361,7 @@ private slots:
                                 "v", nullptr, &errors));
         QVERIFY(errors.join('\n').contains("v line 2: a cannot take '70000'"));
         QVERIFY(errors.join('\n').contains("v line 3: b is an input"));
-        QCOMPARE(errors.size(), 3);
+        QCOMPARE(int(errors.size()), 3);
     }
 };
 

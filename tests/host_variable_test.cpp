@@ -199,6 +199,7 @@ private slots:
         });
     }
 
+    // HOLDS(22)
     // With what the message must name.
     // HOLDS(22)
     void parseErrors()

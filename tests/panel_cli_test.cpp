@@ -1,6 +1,8 @@
 // The panel as its user meets it: a program with exit statuses, values on standard output and
-// everything else on standard error.
+// everything else on standard error; and a screen on a terminal.
 
+#include "panel/commands.h"
+#include "panel/watched_row.h"
 #include "simulator/simulator_thread.h"
 
 #include <QProcess>
@@ -8,7 +10,13 @@
 #include <QtTest>
 
 #include <csignal>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
 
+using namespace s7200;
+using namespace s7200::panel;
 using namespace s7200::sim;
 
 namespace
@@ -18,49 +26,37 @@ constexpr auto Out = QProcess::StandardOutput;
 constexpr auto Err = QProcess::StandardError;
 constexpr int LongMs = 30000; ///< For what must happen; not reached unless something is wrong.
 
-struct Run {
-    int status = -1;
-    QString out;
-    QString err;
-};
-
-Run runPanel(const QStringList& arguments)
-{
-    QProcess process;
-    process.start(PANEL_PROGRAM, arguments);
-    process.closeWriteChannel();
-    Run run;
-    if (!process.waitForFinished(LongMs)) {
-        process.kill();
-        process.waitForFinished();
-        return run;
-    }
-    run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = QString::fromLocal8Bit(process.readAllStandardOutput());
-    run.err = QString::fromLocal8Bit(process.readAllStandardError());
-    return run;
-}
-
-/// A panel that runs until it is told to end.
-class LongRun
+/// A panel at work.
+class Panel
 {
 public:
-    explicit LongRun(const QStringList& arguments)
+    explicit Panel(const QStringList& arguments, const QString& output = QString())
     {
+        if (!output.isEmpty())
+            process.setStandardOutputFile(output);
         process.start(PANEL_PROGRAM, arguments);
     }
 
-    ~LongRun()
+    ~Panel()
     {
         process.kill();
         process.waitForFinished();
     }
 
-    /// Exit status; -1 if it does not end.
-    int interrupt()
+    /// Exit status; -1 if it does not end by itself.
+    int finish()
     {
-        ::kill(pid_t(process.processId()), SIGINT);
-        return process.waitForFinished(LongMs) ? process.exitCode() : -1;
+        process.closeWriteChannel();
+        if (process.state() != QProcess::NotRunning && !process.waitForFinished(LongMs))
+            return -1;
+        return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    }
+
+    void signal(int number)
+    {
+        // Without a process there is no id, and the signal would go to the caller's group.
+        if (process.state() == QProcess::Running)
+            ::kill(pid_t(process.processId()), number);
     }
 
     /// Waits until the channel has this text behind what was waited for.
@@ -70,7 +66,7 @@ public:
         const QDeadlineTimer deadline(LongMs);
         for (;;) {
             process.setReadChannel(channel);
-            unread += QString::fromLocal8Bit(process.readAll());
+            unread += QString::fromUtf8(process.readAll());
             const auto at = unread.indexOf(text);
             if (at >= 0) {
                 unread.remove(0, at + text.size());
@@ -90,37 +86,59 @@ private:
 };
 
 /// A controller outside of the panel.
-struct Controller {
-    explicit Controller(const QString& fault = QString())
+struct Simulator {
+    explicit Simulator(const QString& fault = QString())
     {
         SimulatorOptions options;
         options.liveValues = false;
         if (!fault.isEmpty())
             options.faults = QStringList{fault};
-        simulator.reset(new SimulatorThread(options));
+        thread.reset(new SimulatorThread(options));
         start();
     }
 
     void start()
     {
         QString error;
-        if (!simulator->start(&error))
+        if (!thread->start(&error))
             qFatal("%s", qPrintable(error));
     }
 
     QString address() const
     {
-        return QStringLiteral("127.0.0.1:%1").arg(simulator->port());
+        return QStringLiteral("127.0.0.1:%1").arg(thread->port());
     }
 
-    /// The command line with this controller.
     QStringList command(const QString& line) const
     {
         return line.split(' ') << "--controller" << address();
     }
 
-    std::unique_ptr<SimulatorThread> simulator;
+    std::unique_ptr<SimulatorThread> thread;
 };
+
+/// What is wrong with a command line, found without running it.
+QString faultOf(const QString& text)
+{
+    QStringList arguments = text.split(' ');
+    for (const Command& command : allCommands()) {
+        if (arguments.first() != QLatin1String(command.name))
+            continue;
+        CommandLine line;
+        QString help, error;
+        QVector<Item> items;
+        if (line.parse(command, arguments, &help, &error) &&
+            line.resolve(line.operands(), &items, &error)) {
+            for (const QString& until :
+                 line.options().isSet("until") ? line.options().values("until") : QStringList()) {
+                Condition condition;
+                Condition::parse(until, &line, &condition, &error);
+            }
+        }
+        return error;
+    }
+    return "no such command";
+}
 
 } // namespace
 
@@ -129,186 +147,286 @@ class PanelCliTest : public QObject
     Q_OBJECT
 
 private slots:
-    void help()
+    // Each fault names what was given, or what would be right.
+    void faultsOfCommandLines()
     {
-        const Run all = runPanel({"--help"});
-        QCOMPARE(all.status, 0);
-        for (const QString& command : QStringList{"watch", "read", "write"}) {
-            QVERIFY(all.out.contains(command));
-            const Run one = runPanel({command, "--help"});
-            QCOMPARE(one.status, 0);
-            QCOMPARE(one.err, QString());
-            for (const char* text : {"--controller", "VW100x4", "Exit status", "--trace"})
-                QVERIFY2(one.out.contains(text), qPrintable(command + ' ' + text));
+        const char* const rows[][2] = {
+            {"watch VW0 --controller 10.0.0.5", ""},
+            {"watch VW0 --controller [fe80::1]:5 --local-tsap 10.00 --remote-tsap 1101", ""},
+            {"watch 3:VW0 4:VW0 --controller 3=h:1 --controller 4=h:2", ""},
+            {"watch VW0@3 VW0 --controller 3=h --controller 2=i --one-driver", ""},
+            {"watch --until VW0>=-3 --until VD4/f!=2.5 --until M0.3==true", ""},
+            {"watch XW0", "XW0"},
+            {"watch VW0 --nonsense", "nonsense"},
+            {"watch VW0 --timeout 0", "1 to"},
+            {"watch VW0 --interval 5x", "'5x'"},
+            {"watch VW0 --block-limit 223", "222"},
+            {"watch VW0 --controller h:0", "'h:0'"},
+            {"watch VW0 --controller h:65536", "'h:65536'"},
+            {"watch VW0 --controller =h", "'=h'"},
+            {"watch VW0 --controller [::1]102", "'[::1]102'"},
+            {"watch VW0 --local-tsap 1", "two hexadecimal bytes"},
+            {"watch VW0 --remote-tsap 00.00", "'00.00'"},
+            {"watch VW0 --controller h --controller i", "NAME=HOST"},
+            {"watch VW0 --controller A=h --controller a=i", "'a'"},
+            {"watch VW0 --controller a=h --controller b=i", "VW0: say on which"},
+            {"watch c:VW0 --controller a=h", "'c'"},
+            {"watch VW0@3 --controller h", "--controller 3=HOST"},
+            {"watch VW0@4 --controller 3=h --one-driver", "station '4'"},
+            {"watch VW0 --controller a=h --one-driver", "'a'"},
+            {"watch T37@3 --controller 3=h --one-driver", "TV37"},
+            {"watch VW0 --controllers /nowhere/c.csv", "/nowhere/c.csv"},
+            {"watch VW0 --tags /nowhere/t.csv", "/nowhere/t.csv"},
+            {"watch --until VW0", "'VW0'"},
+            {"watch --until VW0>x", "'VW0>x'"},
+            {"watch --until VW0x2>1", "one value"},
+            {"watch --until XW0>1", "XW0"},
+            {"write VW0=1", "--controller HOST"},
+        };
+        for (const auto& row : rows) {
+            const QString fault = faultOf(row[0]);
+            QVERIFY2(fault.contains(row[1]) && fault.isEmpty() == !*row[1],
+                     qPrintable(QString(row[0]) + ": " + fault));
+            QVERIFY(!fault.contains('\n'));
         }
     }
 
     void runs()
     {
+        // What a controller is like that a row asks for.
+        const QMap<QString, QString> faults = {
+            {"good", ""},
+            {"off", ""},
+            {"silent", "silent-accept"},
+            {"mute", "lost:address 0"},
+            {"closing", "close-mid-frame"},
+            {"refusing", "error-class"},
+            {"babbling", "garbage-confirm"},
+        };
         const struct {
-            const char* fault; // the controller's; empty: none; null: no controller is given
+            const char* controller; // null: none is given
             const char* line;
             int status;
             const char* out; // null: not looked at
             const char* err; // part of it
         } rows[] = {
+            {nullptr, "--help", 0, nullptr, ""},
+            {nullptr, "--version", 0, nullptr, ""},
+            {nullptr, "watch --help", 0, nullptr, ""},
             // Nothing is sent and one line says what is wrong.
-            {nullptr, "frobnicate", 2, "", "watch, read or write"},
-            {nullptr, "read XW0", 2, "", "XW0"},
-            {nullptr, "write VW0=1 VB10239=1", 2, "", "VW10238"},
-            {nullptr, "read --library /nowhere/driver.so VW0", 2, "", "/nowhere/driver.so"},
-            {nullptr, "read --trace /nowhere/trace VW0", 2, "", "/nowhere/trace"},
+            {nullptr, "frobnicate", 2, "", "'frobnicate'; it is one of watch, read, write"},
+            {nullptr, "watch VW0 --driver /nowhere/driver.so", 2, "", "/nowhere/driver.so"},
+            {nullptr, "watch VW0 --trace /nowhere/trace", 2, "", "/nowhere/trace"},
+            {nullptr, "watch VW0 --output /nowhere/out", 2, "", "/nowhere/out"},
+            {nullptr, "write VW0=1", 2, "", "needs a controller"},
             // Simulated controllers of the panel's own.
             {nullptr, "read SM0.0 VW4000", 0, "SM0.0 1\nVW4000 0\n", "simulated"},
-            {nullptr, "read --remote SM0.0 VW4000", 0, "SM0.0 1\nVW4000 0\n", ""},
-            {nullptr, "write --verify VW40=7", 0, "VW40 7\n", "VW40: written"},
-            {nullptr, "watch --count 1 SM0.0", 0, "SM0.0 1\n", "link losses"},
-            {nullptr, "watch --count 1 SM0.0@1 VW4000@2", 0, "SM0.0@1 1\nVW4000@2 0\n", ""},
+            {nullptr, "read --remote SM0.0", 0, "SM0.0 1\n", ""},
+            {nullptr, "watch --count 1 VW4000@1 VW4002@1", 0, "VW4000@1 0\nVW4002@1 0\n",
+             "0 retries"},
             // Controllers that are not there, that fail, and that refuse.
-            {"unreachable", "watch VW0", 3, "", "no connection to 127.0.0.1"},
-            {"unreachable", "write VW0=1", 3, "", "no connection to 127.0.0.1"},
-            {"silent-accept", "read --timeout 300 VW0 VW2", 4, "", "no answer"},
-            {"silent-accept", "watch --timeout 300 VW0", 4, "", "no answer"},
-            {"lost", "write --timeout 300 --retries 1 VW0=1", 4, "", "no answer"},
-            {"lost:address 0", "watch --count 2 --timeout 300 VW0", 4, "VW0 ?\n", "no answer"},
-            {"refuse-connection", "read VW0", 3, "", "closed"},
-            {"garbage-confirm", "read --timeout 300 VW0", 5, "", "invalid reply"},
-            {"error-class", "read VW0", 5, "", "0x81"},
-            {"", "read MW4000", 5, "", "out of range"},
-            {"", "write SM0.0=1", 5, "", "not allowed"},
-            {"", "watch MW4000", 5, nullptr, "out of range"},
-            {"", "read MW4000 VW0", 6, "VW0 0\n", "MW4000"},
-            {"", "write VW0=1 SM0.0=1", 6, "", "SM0.0"},
-            {"", "watch --count 2 MW4000 VW0", 6, nullptr, "MW4000"},
-            // A write of VB also clears the byte behind, so the first does not read back.
-            {"", "write --verify VB8=5 VB7=1", 6, nullptr, "VB8: written 5, reads back 0"},
+            {"off", "watch VW0", 3, "VW0 ? link down\n", "no connection to 127.0.0.1"},
+            {"off", "watch --wait --duration 1 VW0", 3, "VW0 ? link down\n",
+             "no connection to 127.0.0.1"},
+            {"off", "read VW0 VW2", 3, "", "VW0 VW2: no connection to 127.0.0.1"},
+            {"silent", "watch --timeout 200 --retries 1 VW0", 4, "VW0 ? link down\n",
+             "no reply within"},
+            {"silent", "watch --duration 0.3 VW0", 4, nullptr, "no answer yet"},
+            {"silent", "read --timeout 200 VW0", 4, "", "no reply within"},
+            {"mute", "watch --count 2 --timeout 200 VW0", 4, "VW0 ? link down\n",
+             "no reply within"},
+            {"closing", "watch --retries 1 VW0", 3, "VW0 ? link down\n",
+             "closed by the controller"},
+            {"babbling", "watch --timeout 500 --retries 0 VW0", 5, "VW0 ? link down\n",
+             "not an S7 reply"},
+            {"refusing", "watch --duration 1 VW0", 5, nullptr, "refused by 127.0.0.1"},
+            {"good", "watch --duration 2 MW4000 VW0", 6, nullptr, "MW4000: refused by"},
+            // Conditions.
+            {"good", "watch --until VW0==0 --until VW2=0", 0, "VW0 0\nVW2 0\n", ""},
+            {"good", "watch --until VW0>0 --duration 0.5 VW2", 8, "VW2 0\nVW0 0\n", "not met"},
+            {"silent", "watch --until VW0>0 --duration 0.3", 4, nullptr, "no answer yet"},
+            {"good", "watch --count 2 --interval 100 --until VW0!=0", 8, "VW0 0\n", "not met"},
         };
-        for (const auto& row : rows) {
-            const bool unreachable = row.fault == QString("unreachable");
-            const Controller controller(unreachable ? QString() : row.fault);
-            if (unreachable)
-                controller.simulator->stop();
-            const Run run =
-                runPanel(row.fault ? controller.command(row.line) : QString(row.line).split(' '));
+        std::map<QString, Simulator> simulators;
+        for (auto it = faults.begin(); it != faults.end(); ++it)
+            simulators.emplace(it.key(), it.value());
+        simulators.at("off").thread->stop();
+        std::vector<std::unique_ptr<Panel>> panels;
+        for (const auto& row : rows)
+            panels.emplace_back(new Panel(row.controller
+                                              ? simulators.at(row.controller).command(row.line)
+                                              : QString(row.line).split(' ')));
+        for (size_t i = 0; i < panels.size(); ++i) {
+            const auto& row = rows[i];
+            const int status = panels[i]->finish();
+            const QString out = QString::fromUtf8(panels[i]->process.readAllStandardOutput());
+            const QString err = QString::fromUtf8(panels[i]->process.readAllStandardError());
             const QByteArray seen =
-                row.line +
-                QStringLiteral(": %1\n%2%3").arg(run.status).arg(run.out, run.err).toLocal8Bit();
-            QVERIFY2(run.status == row.status && run.err.contains(row.err), seen);
-            QVERIFY2(!row.out || run.out == row.out, seen);
-            QVERIFY2(run.status != 2 || run.err.count('\n') == 1, seen);
-            const bool healthy = !row.fault || !*row.fault || unreachable;
-            QVERIFY2(healthy == controller.simulator->faultCounts().isEmpty(), seen);
+                QStringLiteral("%1: %2\n%3%4").arg(row.line).arg(status).arg(out, err).toUtf8();
+            QVERIFY2(status == row.status && err.contains(row.err), seen);
+            QVERIFY2(row.out ? out == row.out : status != 0 || !out.isEmpty(), seen);
+            QVERIFY2(status != 2 || err.count('\n') <= 2, seen);
         }
-    }
-
-    void readAndWrite()
-    {
-        const Controller controller;
-        const Run write = runPanel(
-            controller.command("write --verify VW100=-2 VD4/float=21.5 M0.3=true VB17=0x10"));
-        QCOMPARE(write.status, 0);
-        QCOMPARE(write.out, QString("VW100 65534\nVD4 21.5\nM0.3 1\nVB17 16\n"));
-        QVERIFY2(write.err.contains("also clears VB18"), qPrintable(write.err));
-        const Run read =
-            runPanel(controller.command("read VW100/signed VD4/f m0.0x4 VB17/hex VW100x2"));
-        QCOMPARE(read.status, 0);
-        QCOMPARE(read.out,
-                 QString("VW100 -2\nVD4 21.5\nM0.0x4 0 0 0 1\nVB17 0x10\nVW100x2 65534 0\n"));
-        QCOMPARE(read.err, QString());
-    }
-
-    void stations()
-    {
-        const Controller three;
-        const Controller four;
-        three.simulator->poke(SimulatorArea::V, 0, QByteArray::fromHex("0003"));
-        four.simulator->poke(SimulatorArea::V, 0, QByteArray::fromHex("0004"));
-        const QStringList to = {"--controller", "3=" + three.address(), "--controller",
-                                "4=" + four.address()};
-        // In the order of the arguments, whichever station answers first.
-        for (const QStringList& names :
-             {QStringList{"VW0@4", "VW0@3"}, QStringList{"VW0@3", "VW0@4"}}) {
-            const Run read = runPanel(QStringList{"read"} + to + names);
-            QCOMPARE(read.status, 0);
-            QCOMPARE(read.out, QString("%1 %2\n%3 %4\n")
-                                   .arg(names[0], names[0].right(1), names[1], names[1].right(1)));
-        }
-        four.simulator->stop();
-        const Run half =
-            runPanel(QStringList{"read"} + to + QStringList{"VW0@4", "VW0@3", "VW2@4"});
-        QCOMPARE(half.status, 6);
-        QCOMPARE(half.out, QString("VW0@3 3\n"));
-        // A line for each reason and not for each variable.
-        QCOMPARE(int(half.err.count('\n')), 1);
-        const QString reason = "VW0@4 VW2@4: no connection to station 4 at " + four.address();
-        QVERIFY2(half.err.contains(reason), qPrintable(half.err));
+        for (const char* faulty : {"silent", "mute", "closing", "refusing", "babbling"})
+            QVERIFY2(!simulators.at(faulty).thread->faultCounts().isEmpty(), faulty);
     }
 
     // A line a change, nothing else, and the values of a dead controller never as current ones.
-    void watchThroughAnOutage()
+    void throughAnOutage()
     {
-        Controller controller;
-        LongRun run(controller.command("watch --interval 10 --retries 1 VW0 M0.0"));
-        QVERIFY(run.waitFor(Out, "VW0 0\nM0.0 0\n"));
-        controller.simulator->poke(SimulatorArea::V, 0, QByteArray::fromHex("0007"));
-        QVERIFY(run.waitFor(Out, "VW0 7\n"));
-        controller.simulator->stop();
-        QVERIFY(run.waitFor(Out, "VW0 ? was 7\nM0.0 ? was 0\n"));
-        QVERIFY(run.waitFor(Err, "link down"));
-        run.process.write("VW20=5\n"); // refused, not kept
-        QVERIFY(run.waitFor(Err, "VW20=5: not written"));
-        controller.simulator->poke(SimulatorArea::V, 0, QByteArray::fromHex("0008"));
-        controller.start();
-        QVERIFY(run.waitFor(Err, "link up"));
-        QVERIFY(run.waitFor(Out, "VW0 8\nM0.0 0\n"));
-        QCOMPARE(controller.simulator->peek(SimulatorArea::V, 20, 2), QByteArray(2, '\0'));
-        QCOMPARE(run.interrupt(), 0);
-        QVERIFY(run.waitFor(Err, "1 link losses"));
+        Simulator simulator;
+        Panel panel(simulator.command("watch --interval 100 --retries 1 VW0"));
+        QVERIFY(panel.waitFor(Out, "VW0 0\n"));
+        panel.process.write("VW0=5\nVW0=99999\nSM0.0=1\n");
+        QVERIFY(panel.waitFor(Out, "VW0 5\n"));
+        QVERIFY(panel.waitFor(Err, "-32768 to 65535"));
+        QVERIFY(panel.waitFor(Err, "SM0.0=1: not written: refused"));
+        simulator.thread->stop();
+        QVERIFY(panel.waitFor(Out, "VW0 ?"));
+        QVERIFY(panel.waitFor(Err, "link down"));
+        panel.process.write("VW20=5\n"); // refused, not kept
+        QVERIFY(panel.waitFor(Err, "VW20=5: not written"));
+        simulator.thread->poke(SimulatorArea::V, 0, QByteArray::fromHex("0008"));
+        simulator.start();
+        QVERIFY(panel.waitFor(Err, "link up"));
+        QVERIFY(panel.waitFor(Out, "VW0 8\n"));
+        QCOMPARE(simulator.thread->peek(SimulatorArea::V, 20, 2), QByteArray(2, '\0'));
+        panel.process.write("quit\n");
+        QCOMPARE(panel.finish(), 0);
+        QVERIFY(panel.waitFor(Err, "1 link loss "));
     }
 
-    void watchTakesWrites()
+    // --one-driver or a driver each: the same values from the same controllers.
+    void severalControllers()
     {
-        const Controller controller;
-        LongRun run(controller.command("watch --interval 10 VW0"));
-        QVERIFY(run.waitFor(Out, "VW0 0\n"));
-        run.process.write("VW0=5\n");
-        QVERIFY(run.waitFor(Out, "VW0 5\n"));
-        QVERIFY(run.waitFor(Err, "VW0=5: written"));
-        run.process.write("VW0=99999\n");
-        QVERIFY(run.waitFor(Err, "-32768 to 65535"));
-        run.process.write("SM0.0=1\n");
-        QVERIFY(run.waitFor(Err, "SM0.0=1: not written: refused"));
-        run.process.closeWriteChannel();
-        controller.simulator->poke(SimulatorArea::V, 0, QByteArray::fromHex("0009"));
-        QVERIFY(run.waitFor(Out, "VW0 9\n"));
-        QCOMPARE(run.interrupt(), 0);
+        const Simulator three;
+        const Simulator four;
+        three.thread->poke(SimulatorArea::V, 0, QByteArray::fromHex("0003"));
+        four.thread->poke(SimulatorArea::V, 0, QByteArray::fromHex("0004"));
+        const QStringList to = {"--controller", "3=" + three.address(),
+                                "--controller", "4=" + four.address(),
+                                "VW0@4",        "VW0@3"};
+        for (const QString mode : {"--one-driver", "--wait"}) {
+            Panel panel(QStringList{"watch", "--count", "1", mode} + to);
+            QCOMPARE(panel.finish(), 0);
+            QString lines = panel.process.readAllStandardOutput();
+            QVERIFY2(lines.contains("VW0@4 4\n") && lines.contains("VW0@3 3\n"), qPrintable(lines));
+        }
+        // A name of that format for records, and events in the same stream.
+        Panel records(QStringList{"watch", "--count", "1", "--format", "jsonl"} + to);
+        QCOMPARE(records.finish(), 0);
+        const QString lines = records.process.readAllStandardOutput();
+        QVERIFY2(lines.contains("\"VW0\",\"controller\":\"3\"") &&
+                     lines.contains("\"event\":\"link\""),
+                 qPrintable(lines));
     }
 
-    void interruptEndsAnything()
+    void signalsEndAnything()
     {
-        for (const char* line : {"watch VW0", "read VW0", "write VW0=1"}) {
-            const Controller controller("silent-accept");
-            LongRun run(controller.command(QString(line) + " --timeout 3600000"));
-            QTRY_VERIFY_WITH_TIMEOUT(!controller.simulator->faultCounts().isEmpty(), LongMs);
-            QCOMPARE(run.interrupt(), QString(line).startsWith("watch") ? 0 : 4);
+        for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+            for (const QString line : {"watch VW0", "watch --until VW0>0", "read VW0"}) {
+                const Simulator simulator("silent-accept");
+                Panel panel(simulator.command(line + " --timeout 3600000"));
+                QTRY_VERIFY_WITH_TIMEOUT(!simulator.thread->faultCounts().isEmpty(), LongMs);
+                panel.signal(number);
+                QCOMPARE(panel.finish(), line == "watch VW0" ? 0 : line == "read VW0" ? 4 : 8);
+            }
         }
     }
 
-    void trace()
+    void outputElsewhere()
     {
-        const Controller controller;
+        const Simulator simulator;
+        // Standard output that cannot be written, and one whose reader has gone.
+        Panel full(simulator.command("watch VW0"), "/dev/full");
+        QCOMPARE(full.finish(), 7);
+        QVERIFY(full.waitFor(Err, "cannot write to standard output"));
+        Panel read(simulator.command("read VW0"), "/dev/full");
+        QCOMPARE(read.finish(), 7);
+        const QString endless =
+            simulator.command(PANEL_PROGRAM " watch --interval 50 VW0").join(' ');
+        QProcess shell;
+        shell.start("sh", {"-c", "{ " + endless + "; echo status $? >&2; } | head -n 1"});
+        QVERIFY(shell.waitForFinished(LongMs));
+        QCOMPARE(shell.readAllStandardOutput(), QByteArray("VW0 0\n"));
+        QVERIFY(shell.readAllStandardError().contains("status 7"));
+        // A file that is moved away is begun anew after SIGHUP.
         const QTemporaryDir directory;
-        const QString file = directory.filePath("trace.pcap");
-        QCOMPARE(runPanel(controller.command("read --trace " + file + " VW100")).status, 0);
-        QFile capture(file);
+        const QString file = directory.filePath("out.csv");
+        Panel watch(
+            simulator.command("watch --interval 50 --format csv --output " + file + " VW0"));
+        const auto begun = [&] { return QFile(file).size() > 60; };
+        QTRY_VERIFY_WITH_TIMEOUT(begun(), LongMs);
+        QVERIFY(QFile::rename(file, file + ".1"));
+        watch.signal(SIGHUP);
+        QTRY_VERIFY_WITH_TIMEOUT(begun(), LongMs);
+        watch.signal(SIGINT);
+        QCOMPARE(watch.finish(), 0);
+        QFile again(file);
+        QVERIFY(again.open(QIODevice::ReadOnly) && again.readAll().startsWith("time,controller,"));
+        // The trace is a capture, and not overwritten unasked.
+        const QString trace = directory.filePath("trace.pcap");
+        for (const int status : {0, 2}) {
+            Panel traced(simulator.command("read VW100 --trace " + trace));
+            QCOMPARE(traced.finish(), status);
+        }
+        Panel unwritten(simulator.command("read VW100 --trace /dev/full"));
+        QCOMPARE(unwritten.finish(), 7);
+        QVERIFY(unwritten.waitFor(Err, "/dev/full: No space left"));
+        QFile capture(trace);
         QVERIFY(capture.open(QIODevice::ReadOnly));
-        const QByteArray bytes = capture.readAll();
-        QVERIFY(bytes.contains(QByteArray::fromHex("0300001611e0")));
-        QVERIFY(bytes.contains(QByteArray::fromHex("0300001611d0")));
-        QVERIFY(bytes.contains(QByteArray::fromHex("120a10020002000184000320")));
-        const Run lines = runPanel(controller.command("read --trace - VW100"));
-        QVERIFY(lines.err.contains("> 0300001611e0") && lines.err.contains("< 0300001611d0"));
-        QCOMPARE(lines.out, QString("VW100 0\n"));
+        QVERIFY(capture.readAll().contains(QByteArray::fromHex("120a10020002000184000320")));
+    }
+
+    // On a terminal: a screen from the first moment, keys, and the terminal as it was.
+    void screen()
+    {
+        const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY);
+        QVERIFY(::grantpt(terminal) == 0 && ::unlockpt(terminal) == 0);
+        const QString name = ::ptsname(terminal);
+        const int keeper = ::open(name.toLatin1().constData(), O_RDWR | O_NOCTTY);
+        winsize size = {};
+        size.ws_row = 10;
+        size.ws_col = 40;
+        ::ioctl(terminal, TIOCSWINSZ, &size);
+        termios before = {}, after = {};
+        ::tcgetattr(terminal, &before);
+        QString shown;
+        const auto shows = [&](const char* text) {
+            ::fcntl(terminal, F_SETFL, O_NONBLOCK);
+            char bytes[4096];
+            for (ssize_t got; (got = ::read(terminal, bytes, sizeof bytes)) > 0;)
+                shown += QString::fromUtf8(bytes, int(got));
+            return shown.contains(text);
+        };
+        Simulator simulator("silent-accept");
+        Panel panel({});
+        panel.process.waitForFinished();
+        QProcess& process = panel.process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("TERM", "xterm");
+        process.setProcessEnvironment(environment);
+        process.setStandardInputFile(name);
+        process.setStandardOutputFile(name, QIODevice::Append);
+        process.start(PANEL_PROGRAM,
+                      simulator.command("watch --timeout 500 --retries 99 VW100x30"));
+        QTRY_VERIFY_WITH_TIMEOUT(shows("connecting to 127.0.0.1"), LongMs);
+        QVERIFY(shows("\x1b[?1049h"));
+        QString error;
+        QVERIFY(simulator.thread->setFaults({}, &error));
+        QTRY_VERIFY_WITH_TIMEOUT(shows("1-8 of 30") && shows(" up | "), LongMs);
+        QCOMPARE(int(::write(terminal, "\x1b[6~VW110=77", 12)), 12);
+        QTRY_VERIFY_WITH_TIMEOUT(shows("9-16 of 30") && shows("write> VW110=77"), LongMs);
+        QCOMPARE(int(::write(terminal, "\r", 1)), 1);
+        QTRY_VERIFY_WITH_TIMEOUT(shows("VW110=77: written"), LongMs);
+        QCOMPARE(int(::write(terminal, "q", 1)), 1);
+        QCOMPARE(panel.finish(), 0);
+        QVERIFY(shows("\x1b[?1049l"));
+        ::tcgetattr(terminal, &after);
+        QCOMPARE(after.c_lflag, before.c_lflag);
+        QCOMPARE(after.c_iflag, before.c_iflag);
+        ::close(keeper);
+        ::close(terminal);
     }
 };
 

@@ -56,7 +56,7 @@ private slots:
         QTest::addColumn<QString>("format");
         QTest::addColumn<QByteArray>("lines");
         QTest::newRow("text") << "text" << QByteArray(R"(a 'b', c=d\ 21.5 mm
-a 'b', c=d\ ?
+a 'b', c=d\ ? stale
 VW4x2/hex 0x000A 0xFFFF
 VD8/float nan
 )");

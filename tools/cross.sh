@@ -6,6 +6,8 @@ archive() {
         awk '$2 !~ /-/ { print; exit }'
 }
 
+sysroot_packages=qtbase5-dev,libcsv-dev,libstdc++-12-dev,libc6-dev
+
 # make_sysroot ARCHITECTURE DIRECTORY: Debian's own libraries of that architecture.
 make_sysroot() {
     local architecture=$1 root=$2 site codename triplet link
@@ -15,8 +17,8 @@ make_sysroot() {
     say "Making the sysroot ($architecture) ..."
     run_quietly "build/log/sysroot-$architecture" mmdebstrap --variant=extract \
         --architectures="$architecture" \
-        --include=qtbase5-dev,libcsv-dev,libstdc++-12-dev,libc6-dev \
-        "$codename" "$root.new" "deb $site $codename main" || return
+        --include="$sysroot_packages" "$codename" "$root.new" \
+        "deb $site $codename main" || return
     # Qt's tools run on this machine.
     ln -sfn "$(dirname "$(readlink -f /usr/lib/qt5/bin/moc)")" "$root.new/usr/lib/qt5/bin.here"
     rm -rf "$root.new/usr/lib/qt5/bin"
@@ -27,13 +29,15 @@ make_sysroot() {
         ln -sfn "../../..$(readlink "$link")" "$link"
     done
     mv "$root.new" "$root"
+    echo "$sysroot_packages" >"$root.holds"
 }
 
 # cross ARCHITECTURE
 cross() {
     local architecture=$1 directory=build/cross-$1 root=$PWD/build/sysroot-$1
     need_packages mmdebstrap qemu-user "crossbuild-essential-$architecture" || return
-    [ -d "$root" ] || make_sysroot "$architecture" "$root" || return
+    [ "$(cat "$root.holds" 2>/dev/null)" = "$sysroot_packages" ] ||
+        make_sysroot "$architecture" "$root" || return
     say "Building ($architecture) ..."
     [ -f "$directory/build.ninja" ] ||
         run_quietly "build/log/cross-$architecture-configure" cmake -S . -B "$directory" -G Ninja \

@@ -191,9 +191,6 @@ std::unique_ptr<FrameTrace> FrameTrace::open(const QString& fileOrDash, Existing
     }
     std::unique_ptr<FrameTrace> trace(new FrameTrace(descriptor, fileOrDash));
     trace->writeRecord(captureHeader());
-    *error = trace->error();
-    if (!error->isEmpty())
-        trace.reset();
     return trace;
 }
 

@@ -31,7 +31,8 @@ public:
     enum Existing { KeepExisting, ReplaceExisting };
 
     /// Opens `fileOrDash`, "-" meaning hex lines. Null with a one-line `error` if that fails, and
-    /// for a file that holds something already unless it may be replaced.
+    /// for a file that holds something already unless it may be replaced. A disk that is full
+    /// already shows in error() at once.
     static std::unique_ptr<FrameTrace> open(const QString& fileOrDash, Existing existing,
                                             QString* error);
     ~FrameTrace();

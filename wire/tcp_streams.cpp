@@ -203,13 +203,20 @@ QVector<StreamEvent> TcpStreams::finish()
     m_states.clear();
     QVector<StreamEvent> kept;
     for (const StreamEvent& event : std::as_const(m_events)) {
-        if (m_connections.at(event.connection).isTpkt)
+        if (event.kind != StreamEvent::AttemptFailed && m_connections.at(event.connection).isTpkt)
             kept.append(event);
     }
+    // A failed attempt is known late but belongs where it was made. The others are in order, though
+    // not always of their frames' numbers.
+    for (const StreamEvent& event : std::as_const(m_events)) {
+        if (event.kind != StreamEvent::AttemptFailed || !m_connections.at(event.connection).isTpkt)
+            continue;
+        const auto later = std::find_if(kept.begin(), kept.end(), [&](const StreamEvent& other) {
+            return other.number > event.number;
+        });
+        kept.insert(later, event);
+    }
     m_events.clear();
-    std::stable_sort(kept.begin(), kept.end(), [](const StreamEvent& one, const StreamEvent& two) {
-        return one.number < two.number;
-    });
     return kept;
 }
 

@@ -82,14 +82,14 @@ struct COM_INFO {
 
 /// A variable that the host's screens show. Only the named members are read.
 struct VAR_INFO {
-    unsigned char unused0 = 0;
+    unsigned char unused0 = 0;  ///< Not read.
     unsigned char reg_type = 0; ///< Register type 0 to 24.
     unsigned char station = 0;  ///< Used only while COM_INFO::per_variable_stations is set.
-    unsigned char unused3 = 0;
-    int unused4 = 0;
-    QString address_text; ///< "byte.bit" for bit types, else a decimal number.
-    QString name;         ///< Area name; must be "T", "TV", "C" or "CV" for timers and counters.
-    int count = 0;        ///< Elements: bits, bytes (VB), 16-bit words, timers or counters.
+    unsigned char unused3 = 0;  ///< Not read.
+    int unused4 = 0;            ///< Not read.
+    QString address_text;       ///< "byte.bit" for bit types, else a decimal number.
+    QString name;  ///< Area name; must be "T", "TV", "C" or "CV" for timers and counters.
+    int count = 0; ///< Elements: bits, bytes (VB), 16-bit words, timers or counters.
 };
 
 /// Called once per finished one-shot read with COM_INFO::host_handle, the read's host_key and

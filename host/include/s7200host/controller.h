@@ -25,16 +25,17 @@ class FrameTrace;
 
 /// Where a controller listens.
 struct Endpoint {
-    QString host;
+    QString host;       ///< A name, or an IPv4 or IPv6 address.
     quint16 port = 102; ///< Registered for RFC 1006.
 
     /// "host:port", an IPv6 address in brackets.
     S7200HOST_EXPORT QString text() const;
 };
 
+/// All that may be set of a controller; the endpoint must be.
 struct ControllerSettings {
-    QString name; ///< For messages and records; the endpoint's text if empty.
-    Endpoint endpoint;
+    QString name;      ///< For messages and records; the endpoint's text if empty.
+    Endpoint endpoint; ///< Where it listens.
     /// Transport service access points (ISO 8073), two bytes each: the first names the kind of
     /// connection, the second the module's place. 0 in either: the driver's defaults for both.
     quint16 localTsap = 0x1000;  ///< This side's, "calling".
@@ -60,6 +61,7 @@ struct Result {
     QString detail;            ///< What happened, for people.
     Value value;               ///< Of a read.
 
+    /// True if it was carried out.
     explicit operator bool() const
     {
         return cause == Cause::None;
@@ -76,13 +78,15 @@ class S7200HOST_EXPORT Controller : public QObject
 {
     Q_OBJECT
 public:
+    /// Called once, when a request has ended.
     using Done = std::function<void(const Result&)>;
 
+    /// Does nothing yet: see start().
     explicit Controller(const ControllerSettings& settings, QObject* parent = nullptr);
     ~Controller() override; ///< Stops, without a signal.
 
-    const ControllerSettings& settings() const;
-    QString name() const;
+    const ControllerSettings& settings() const; ///< As given.
+    QString name() const;                       ///< Of the settings, or the endpoint's text.
 
     /// Loads a copy of the driver and begins to connect; it goes on until stop(). False with a
     /// one-line `error` if the driver cannot be loaded. Starting twice changes nothing.
@@ -98,7 +102,7 @@ public:
     /// one is wrong.
     bool watch(const QStringList& variables, QString* error = nullptr);
 
-    const QVector<Variable>& watched() const;
+    const QVector<Variable>& watched() const; ///< In the order given.
 
     /// What is known of the watched variable of that index; never read for any other index.
     Value value(int index) const;
@@ -119,9 +123,10 @@ public:
     /// Of the default station unless another is named.
     LinkStatus link(int station = -1) const;
 
-    const LinkStatistics& statistics() const;
+    const LinkStatistics& statistics() const; ///< Of all stations together.
 
 Q_SIGNALS:
+    /// At each change of a link's state; every attempt to connect is one.
     void linkChanged(const s7200::LinkStatus& status);
 
     /// Value or quality of watched variables has changed, by index in watched().

@@ -44,25 +44,26 @@ enum class LinkState {
 
 S7200HOST_EXPORT QString describe(LinkState state);
 
+/// How a link fares now.
 struct LinkStatus {
-    LinkState state = LinkState::Stopped;
-    int station = 0;
-    Cause cause = Cause::None; ///< Of the last failure; None once the link is up.
-    QString detail;            ///< The same for people.
-    int attempts = 0;          ///< Failed since the link was last up.
-    qint64 nextAttemptMs = 0;  ///< Waiting, Down: until the next attempt.
+    LinkState state = LinkState::Stopped; ///< Where in connecting, working or waiting.
+    int station = 0;                      ///< Whose link it is.
+    Cause cause = Cause::None;            ///< Of the last failure; None once the link is up.
+    QString detail;                       ///< The same for people.
+    int attempts = 0;                     ///< Failed since the link was last up.
+    qint64 nextAttemptMs = 0;             ///< Waiting, Down: until the next attempt.
 };
 
 /// Round trips in a fixed number of buckets: four to each doubling from 16 microseconds on.
 class S7200HOST_EXPORT RoundTripHistogram
 {
 public:
-    static constexpr int Buckets = 96;
+    static constexpr int Buckets = 96; ///< The last one takes all that is longer.
 
-    void add(qint64 microseconds);
+    void add(qint64 microseconds); ///< Counts one round trip.
     /// Adds all that another one has counted.
     void merge(const RoundTripHistogram& other);
-    quint64 count() const;
+    quint64 count() const;  ///< Of round trips.
     qint64 minimum() const; ///< Exact, in microseconds; 0 while empty.
     qint64 maximum() const; ///< Exact.
     /// Upper bound of the bucket that holds the given share (0 to 1) of all round trips, in
@@ -84,11 +85,12 @@ struct LinkStatistics {
     quint64 retries = 0;     ///< Failed replies after which the same frame went out again.
     quint64 connections = 0; ///< TCP connections opened.
     quint64 reconnects = 0;  ///< Links that came up again after a loss.
-    quint64 linkLosses = 0;
+    quint64 linkLosses = 0;  ///< Links that were up and were lost.
     std::array<quint64, CauseCount> failures = {}; ///< By cause, each failed reply or attempt.
-    int grantedPdu = 0; ///< PDU length of the last setup reply, bytes; 0: none yet.
-    RoundTripHistogram roundTrip;
+    int grantedPdu = 0;           ///< PDU length of the last setup reply, bytes; 0: none yet.
+    RoundTripHistogram roundTrip; ///< Of each frame that was answered.
 
+    /// Failures for this reason.
     quint64 failed(Cause cause) const
     {
         return failures[std::size_t(cause)];

@@ -13,16 +13,16 @@ namespace s7200
 
 /// A decimal fraction, exactly: digits / 10^places.
 struct Decimal {
-    static constexpr int MostPlaces = 9;
+    static constexpr int MostPlaces = 9; ///< Behind the point.
 
-    qint64 digits = 0;
-    int places = 0; ///< 0 to MostPlaces.
+    qint64 digits = 0; ///< All of them, with the sign.
+    int places = 0;    ///< 0 to MostPlaces.
 
     /// "21.5", "-0,1", "1e-3"; nothing if the text is no number, or one of more than 18 digits or
     /// MostPlaces behind the point.
     S7200HOST_EXPORT static std::optional<Decimal> parse(const QString& text);
-    S7200HOST_EXPORT QString text() const; ///< With all places, trailing zeros too.
-    S7200HOST_EXPORT double number() const;
+    S7200HOST_EXPORT QString text() const;  ///< With all places, trailing zeros too.
+    S7200HOST_EXPORT double number() const; ///< The nearest there is.
     /// Half away from zero. More places than it has are filled with zeros, up to MostPlaces.
     S7200HOST_EXPORT Decimal rounded(int toPlaces) const;
 };
@@ -42,19 +42,19 @@ public:
     static std::optional<Scaling> of(const Decimal& scale, const Decimal& offset, QString* error);
 
     bool isIdentity() const; ///< 1 and 0.
-    Decimal scale() const;
-    Decimal offset() const;
+    Decimal scale() const;   ///< As given.
+    Decimal offset() const;  ///< As given.
 
     /// `number` is at least -2^32 and at most 2^32.
     Decimal apply(qint64 number) const;
 
     /// What would have to be applied to give a value: `exact`, or one of its two neighbours.
     struct Inverse {
-        bool exact = false;
-        qint64 lower = 0; ///< The number itself if exact, else the one below.
-        qint64 upper = 0; ///< The same, above.
+        bool exact = false; ///< A whole number gives the value.
+        qint64 lower = 0;   ///< The number itself if exact, else the one below.
+        qint64 upper = 0;   ///< The same, above.
     };
-    Inverse invert(const Decimal& value) const;
+    Inverse invert(const Decimal& value) const; ///< From a quantity to the number.
 
     double apply(double number) const; ///< For REALs.
     double invert(double value) const; ///< For REALs.

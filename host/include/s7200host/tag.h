@@ -21,16 +21,16 @@ enum class Limit { Inside, Low, High };
 /// A variable with what people know of it. A variable that was named by its address is a tag
 /// without a name.
 struct S7200HOST_EXPORT Tag {
-    QString name;
-    QString controller; ///< Its name; empty: the only one there is.
-    Variable variable;  ///< Address and format.
-    QString unit;
+    QString name;                    ///< Empty if it was named by its address.
+    QString controller;              ///< Its name; empty: the only one there is.
+    Variable variable;               ///< Address and format.
+    QString unit;                    ///< For people.
     Scaling scaling;                 ///< Identity for formats hex and binary and for bits.
     int decimals = -1;               ///< Shown; -1: as many as the scaling gives.
     std::optional<Decimal> deadBand; ///< A change of no more than this is none.
     std::optional<Decimal> low;      ///< Less than this is too little.
     std::optional<Decimal> high;     ///< More than this is too much.
-    QString comment;
+    QString comment;                 ///< For people.
 
     QString label() const;   ///< The name, or the variable's with a format that was given.
     QString address() const; ///< "VW100x4@3/hex".
@@ -46,7 +46,7 @@ struct S7200HOST_EXPORT Tag {
 
     /// True if an element differs by more than the dead band, or their number does.
     bool hasChanged(const QVector<quint32>& before, const QVector<quint32>& now) const;
-    Limit limit(quint32 element) const;
+    Limit limit(quint32 element) const; ///< Whether an element lies outside low and high.
 
     /// Reads one value for each element, separated by commas, scaled; 0x and 0b give the bits as
     /// the controller holds them. False with a one-line `error` that says what would be right,
@@ -76,7 +76,7 @@ public:
     static std::optional<TagTable> parse(const QByteArray& csv, const QString& file,
                                          const QStringList* controllers, QStringList* errors);
 
-    const QVector<Tag>& tags() const;
+    const QVector<Tag>& tags() const; ///< In the order of the file.
 
     /// What stands where a variable may: a tag's name, a pattern of names with * and ?, or an
     /// address; each also behind CONTROLLER and a colon. A name that is also an address is the

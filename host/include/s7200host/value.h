@@ -27,8 +27,8 @@ struct Value {
     QVector<quint32> elements; ///< Right-aligned, as decodeValues() gives them; empty: never read.
     qint64 timeMs = 0;         ///< Of the reading, since 1970-01-01 UTC; 0: never read.
     qint64 ageMs = -1;         ///< Since the reading; -1: never read.
-    Quality quality = Quality::NeverRead;
-    QString detail; ///< Why it was refused or the link is down, for people.
+    Quality quality = Quality::NeverRead; ///< Whether it may be shown as current.
+    QString detail;                       ///< Why it was refused or the link is down, for people.
 };
 
 } // namespace s7200

@@ -16,8 +16,8 @@ namespace s7200
 
 /// A tag and what its elements are to be, or were.
 struct TagValue {
-    Tag tag;
-    QVector<quint32> elements;
+    Tag tag;                   ///< Which variable.
+    QVector<quint32> elements; ///< Right-aligned.
 };
 
 /// Reads a set of values: a tag file with one column more, "value", in which a name may be missing.

@@ -24,17 +24,17 @@ struct AreaRow {
     unsigned char type;  ///< Register type for values: GetRegisterData and SetRegisterData.
     unsigned char reads; ///< Register type for reads: whole words, timers or counters.
     int size;            ///< Bytes, or timers or counters, that the driver's image has.
-    bool writable;
+    bool writable;       ///< Whether a controller takes writes of it.
 };
 
 /// A variable as named on the command line: VW100, M0.3x8, VD4/float, TV37@3.
 struct S7200HOST_EXPORT Variable {
-    const AreaRow* area = nullptr;
-    int address = 0;  ///< Byte address, or number of the timer or counter.
-    int bit = 0;      ///< 0 to 7, for bits of byte areas.
-    int repeat = 1;   ///< Elements.
-    int station = -1; ///< What follows "@"; -1: not given.
-    Format format = Format::Unsigned;
+    const AreaRow* area = nullptr;    ///< Null only in one that was never read from a text.
+    int address = 0;                  ///< Byte address, or number of the timer or counter.
+    int bit = 0;                      ///< 0 to 7, for bits of byte areas.
+    int repeat = 1;                   ///< Elements.
+    int station = -1;                 ///< What follows "@"; -1: not given.
+    Format format = Format::Unsigned; ///< How its elements are shown.
     bool formatGiven = false; ///< Without one, a write takes every number that fits the bits.
 
     /// The name without its format, "VW100x4@3".
@@ -55,7 +55,7 @@ struct S7200HOST_EXPORT Variable {
     bool isByteOfBits() const;
     /// First byte, and the byte behind the last one; numbers for timers and counters.
     int firstUnit() const;
-    int endUnit() const;
+    int endUnit() const; ///< See firstUnit().
 };
 
 /// The register type that reads the area of register type `type`: words for bits, bytes and double

@@ -1,0 +1,199 @@
+// Sets of values, and single ones, through the program: what it writes, prints and leaves alone.
+
+#include "simulator/simulator_thread.h"
+
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using namespace s7200::sim;
+
+namespace
+{
+
+constexpr int LongMs = 30000; ///< For what must happen; not reached unless something is wrong.
+
+const QByteArray Tags = "name,address,format,unit,scale\n"
+                        "speed,VW100,signed,rpm,0.1\n"
+                        "temp,VD104,float,,\n"
+                        "mode,VB111,hex,,\n"
+                        "zones,VW112x2,,mm,0.01\n"
+                        "run,M0.3,,,\n"
+                        "in,AIW2,,,\n";
+
+const QByteArray Saved = "name,controller,address,format,unit,scale,offset,decimals,value\n"
+                         "speed,,VW100,signed,rpm,0.1,0,,-12.3\n"
+                         "temp,,VD104,float,,,,,21.5\n"
+                         "mode,,VB111,hex,,,,,0x00\n"
+                         "zones,,VW112x2,,mm,0.01,0,,\"0.07,655.35\"\n"
+                         "run,,M0.3,,,,,,1\n";
+
+struct Run {
+    int status = -1;
+    QString out;
+    QString err;
+};
+
+} // namespace
+
+class PanelSetsTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init()
+    {
+        SimulatorOptions options;
+        options.liveValues = false;
+        m_simulator.reset(new SimulatorThread(options));
+        QString error;
+        QVERIFY2(m_simulator->start(&error), qPrintable(error));
+        m_address = QStringLiteral("127.0.0.1:%1").arg(m_simulator->port());
+        put("tags.csv", Tags);
+        put("values.csv", Saved);
+    }
+
+    // What is saved, changed, compared and applied; only what differs is written, and nothing
+    // beside it.
+    void roundTrip()
+    {
+        const QByteArray memory = QByteArray::fromHex("ff85eeee41ac0000eeeeee000007ffffeeee");
+        m_simulator->poke(SimulatorArea::V, 100, memory);
+        m_simulator->poke(SimulatorArea::M, 0, QByteArray(1, '\xFF'));
+        const Run save = run("save --tags tags.csv");
+        QCOMPARE(save.status, 0);
+        QCOMPARE(save.out, QString(Saved));
+        QVERIFY2(save.err.contains("left out, since it cannot be written: in\n"), "inputs");
+        QCOMPARE(run("diff values.csv").status, 0);
+
+        m_simulator->poke(SimulatorArea::V, 100, QByteArray::fromHex("0005"));
+        m_simulator->poke(SimulatorArea::V, 111, QByteArray::fromHex("80"));
+        const Run diff = run("diff values.csv");
+        QCOMPARE(diff.status, 1);
+        QCOMPARE(diff.out, QString("speed: saved -12.3 rpm, now 0.5 rpm\n"
+                                   "mode: saved 0x00, now 0x80\n"));
+        const Run apply = run("apply --verify values.csv --trace -");
+        QCOMPARE(apply.out, QString("speed: verified, -12.3 rpm instead of 0.5 rpm\n"
+                                    "temp: verified, was so already\n"
+                                    "mode: verified, 0x00 instead of 0x80\n"
+                                    "zones: verified, was so already\n"
+                                    "run: verified, was so already\n"));
+        QCOMPARE(apply.status, 0);
+        // One word, and the eight bits of a byte.
+        QCOMPARE(int(apply.err.count("0501120a10")), 9);
+        QCOMPARE(m_simulator->peek(SimulatorArea::V, 100, int(memory.size())), memory);
+    }
+
+    // Nothing is sent unless every line is good and every variable can be read; of each one it is
+    // said what has become of it.
+    void whatCannotBeApplied()
+    {
+        put("values.csv", Saved + "far,,VW9999x9,,,,,,1\nlow,,VB0,,,,,,300\n");
+        const Run bad = run("apply values.csv");
+        QCOMPARE(bad.status, 2);
+        QVERIFY2(bad.err.contains("line 7: far takes 9 values") &&
+                     bad.err.contains("line 8: low cannot take '300'"),
+                 qPrintable(bad.err));
+        put("values.csv", "name,address,value\na,MW4000,1\nb,VW0,1\n");
+        const Run unreadable = run("apply values.csv");
+        QCOMPARE(unreadable.status, 6);
+        QVERIFY(unreadable.err.contains("nothing written"));
+        QVERIFY2(QRegularExpression("^a: refused, .*\nb: not written\n$")
+                     .match(unreadable.out)
+                     .hasMatch(),
+                 qPrintable(unreadable.out));
+        QCOMPARE(m_simulator->peek(SimulatorArea::V, 0, 2), QByteArray(2, '\0'));
+        put("values.csv", "name;address;value\na;SM0.0;0\nb;VW0;7\n");
+        const Run refused = run("apply --verify values.csv");
+        QCOMPARE(refused.status, 6);
+        QVERIFY2(QRegularExpression("^a: refused, .*\nb: verified, 7 instead of 0\n$")
+                     .match(refused.out)
+                     .hasMatch(),
+                 qPrintable(refused.out));
+        m_simulator->stop();
+        const Run gone = run("apply values.csv");
+        QCOMPARE(gone.status, 3);
+        QCOMPARE(gone.out, QString("a: not reached\nb: not reached\n"));
+        const Run save = run("save VW0");
+        QCOMPARE(save.status, 3);
+        QCOMPARE(save.out, QString());
+    }
+
+    // A write changes nothing beside what it names, and reads back in the format that was written.
+    void writes()
+    {
+        m_simulator->poke(SimulatorArea::V, 20, QByteArray(12, '\xEE'));
+        const Run write = run("write --verify --tags tags.csv VB21x3=1,2,3 VB26x2=0x4,0xFF VW28=-2 "
+                              "VD32=21.5 speed=-0.7");
+        QCOMPARE(write.status, 0);
+        QCOMPARE(write.out,
+                 QString("VB21x3 1 2 3\nVB26x2 0x04 0xFF\nVW28 -2\nVD32 21.5\nspeed -0.7\n"));
+        QCOMPARE(m_simulator->peek(SimulatorArea::V, 20, 12),
+                 QByteArray::fromHex("ee010203eeee04fffffeeeee"));
+        const Run wrong = run("write --tags tags.csv VW20=1 speed=0.75 temp=x in=1");
+        QCOMPARE(wrong.status, 2);
+        QCOMPARE(int(wrong.err.count('\n')), 3);
+        QCOMPARE(m_simulator->peek(SimulatorArea::V, 20, 2), QByteArray::fromHex("ee01"));
+        const QString err = runProgram({"write", "VW0=1"}).err;
+        QVERIFY2(err.contains("--controller"), qPrintable(err));
+    }
+
+    void reads()
+    {
+        const Run text = run("read --tags tags.csv s* VW100 VW100/h MW4000");
+        QCOMPARE(text.status, 6);
+        QCOMPARE(text.out, QString("speed 0.0 rpm\nVW100 0\nVW100/hex 0x0000\n"));
+        // Programs get a record of what could not be read, too.
+        const QString csv = run("read --format csv VW100 MW4000").out;
+        QVERIFY2(QRegularExpression("^time,[^\n]*\n[^\n]*,VW100,VW100,0,,good\n"
+                                    "[^\n]*,MW4000,MW4000,,,refused\n$")
+                     .match(csv)
+                     .hasMatch(),
+                 qPrintable(csv));
+        QCOMPARE(run("read --format xml VW0").status, 2);
+        if (QFile::exists("/dev/full")) {
+            const Run full = run("read VW0", "/dev/full");
+            QCOMPARE(full.status, 7);
+            QVERIFY2(full.err.contains("No space left"), qPrintable(full.err));
+        }
+    }
+
+private:
+    void put(const QString& name, const QByteArray& contents)
+    {
+        QFile file(m_directory.filePath(name));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size());
+    }
+
+    Run run(const QString& line, const QString& output = QString())
+    {
+        return runProgram(line.split(' ') << "--controller" << m_address, output);
+    }
+
+    Run runProgram(const QStringList& arguments, const QString& output = QString())
+    {
+        QProcess process;
+        process.setWorkingDirectory(m_directory.path());
+        if (!output.isEmpty())
+            process.setStandardOutputFile(output);
+        process.start(PANEL_PROGRAM, arguments);
+        process.closeWriteChannel();
+        Run run;
+        if (!process.waitForFinished(LongMs)) {
+            process.kill();
+            process.waitForFinished();
+            return run;
+        }
+        run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        run.out = QString::fromUtf8(process.readAllStandardOutput());
+        run.err = QString::fromUtf8(process.readAllStandardError());
+        return run;
+    }
+
+    const QTemporaryDir m_directory;
+    std::unique_ptr<SimulatorThread> m_simulator;
+    QString m_address;
+};
+
+QTEST_GUILESS_MAIN(PanelSetsTest)
+#include "panel_sets_test.moc"
