@@ -69,16 +69,16 @@ bool isLetter(QChar c)
 class Cursor
 {
 public:
-    explicit Cursor(const QString& variable) : text(variable) {}
+    explicit Cursor(const QString& variable) : m_text(variable) {}
     bool atEnd() const
     {
-        return position >= text.size();
+        return m_position >= m_text.size();
     }
     bool take(char c)
     {
-        if (atEnd() || text.at(position) != QLatin1Char(c))
+        if (atEnd() || m_text.at(m_position) != QLatin1Char(c))
             return false;
-        ++position;
+        ++m_position;
         return true;
     }
     QString letters()
@@ -97,14 +97,14 @@ public:
 private:
     QString run(bool (*belongs)(QChar))
     {
-        const auto start = position;
-        while (!atEnd() && belongs(text.at(position)))
-            ++position;
-        return text.mid(start, position - start);
+        const auto start = m_position;
+        while (!atEnd() && belongs(m_text.at(m_position)))
+            ++m_position;
+        return m_text.mid(start, m_position - start);
     }
 
-    const QString text;
-    decltype(QString().size()) position = 0;
+    const QString m_text;
+    decltype(QString().size()) m_position = 0;
 };
 
 const AreaRow* findArea(const QString& name)

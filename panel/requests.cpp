@@ -96,11 +96,7 @@ Result resultOf(const Job& job, const Written& written)
     return result;
 }
 
-<<<<<<< HEAD
 int finishWith(int status)
-=======
-int finishWith(const Session&, int status)
->>>>>>> refs/heads/diag
 {
     end(status);
     return runEventLoop();

@@ -34,7 +34,8 @@ QVector<Written> writeJobs(const Session& session, const QVector<Job>& jobs, boo
 Result resultOf(const Job& job, const Written& written);
 
 /// Ends the event loop with a status and gives the one that counts, which is an earlier one if
-/// there was a signal, and ExitOutput if output or the trace could not be written.
+/// there was a signal, and ExitOutput if output could not be written. The trace is looked at when
+/// the session ends.
 int finishWith(int status);
 
 /// usageError() for an error of several lines.

@@ -5,7 +5,6 @@
 #include <QDateTime>
 
 #include <algorithm>
-#include <csignal>
 #include <unistd.h>
 
 namespace s7200::panel
