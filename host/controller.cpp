@@ -1,6 +1,7 @@
 #include <s7200host/controller.h>
 
 #include "host/session.h"
+#include "host/variable_bounds.h"
 
 #include <QDateTime>
 #include <QTimer>
@@ -171,18 +172,19 @@ Value Controller::value(int index) const
 
 void Controller::read(const Variable& variable, const Done& done)
 {
-    d->request(variable, {}, done);
+    if (isInItsArea(variable))
+        d->request(variable, {}, done);
+    else
+        d->failLater(done, Cause::Invalid, QStringLiteral("no such variable"));
 }
 
 void Controller::write(const Variable& variable, const QVector<quint32>& values, const Done& done)
 {
-    if (variable.area && variable.area->writable && values.size() == variable.repeat)
+    if (isInItsArea(variable) && variable.area->writable && values.size() == variable.repeat)
         d->request(variable, values, done);
     else
         d->failLater(done, Cause::Invalid,
-                     QStringLiteral("%1 cannot be written with %2 values")
-                         .arg(variable.area ? variable.label() : QString())
-                         .arg(values.size()));
+                     QStringLiteral("it cannot be written with %1 values").arg(values.size()));
 }
 
 bool Controller::write(const QString& assignment, const Done& done, QString* error)

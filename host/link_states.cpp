@@ -7,6 +7,14 @@
 namespace s7200
 {
 
+namespace
+{
+
+/// Each trial that ends in a refusal costs a connection.
+constexpr Micros TrialSpacing = 10 * 1000 * 1000;
+
+} // namespace
+
 bool LinkMachine::isConnected(const Station& station)
 {
     return station.phase == Phase::Handshake || station.phase == Phase::Ready;
@@ -17,11 +25,10 @@ bool LinkMachine::isReady(const Station& station)
     return station.phase == Phase::Ready && station.isOpen;
 }
 
-/// Before the next attempt requests end at once, except reads when it is known to come soon.
-bool LinkMachine::isGivenUp(const Station& station, const Request& request)
+/// Before the next attempt requests end at once, except when it is known to come soon.
+bool LinkMachine::isGivenUp(const Station& station)
 {
-    const bool waits = station.phase == Phase::Waiting && station.health.attempts() > 0;
-    return waits && (request.isWrite() || !station.hurries);
+    return station.phase == Phase::Waiting && station.health.attempts() > 0 && !station.hurries;
 }
 
 /// The handshake is done. After failures the link counts as up only once a request was answered:
@@ -47,6 +54,7 @@ void LinkMachine::up(int number)
     if (station.isUp)
         return;
     station.isUp = true;
+    station.upSince = m_now;
     if (station.wasUp)
         ++m_statistics.reconnects;
     station.wasUp = true;
@@ -62,7 +70,7 @@ void LinkMachine::up(int number)
 void LinkMachine::attemptFailed(int number, const Failure& failure)
 {
     closeStation(number, failure, false);
-    failWaiting(number, false, failure);
+    failWaiting(number, failure);
 }
 
 /// The driver has given up a request, and with it all that was queued for the station.
@@ -75,15 +83,17 @@ void LinkMachine::linkLost(const RW_VAR& request)
     if (station.isUp)
         ++m_statistics.linkLosses;
     bool news = false;
-    if (refused && request.host_key == ReadKey)
-        news = true; // somebody else's wish, which ends here
+    if (refused && (request.host_key == ReadKey || request.host_key == WriteKey))
+        news = true; // a single request, which ends here
     else if (refused)
         news = m_watch.refused(blockOf(request), request.host_key == ApartKey, failure, m_now);
+    if (refused && request.host_key == ApartKey)
+        station.nextTrial = m_now + TrialSpacing;
     dropActive(request, failure, news);
     closeStation(number, failure, news);
-    const Failure dropped{Cause::Dropped,
-                          QStringLiteral("dropped with the link: ") + failure.detail};
-    failWaiting(number, news, dropped);
+    if (!news)
+        failWaiting(number,
+                    {Cause::Dropped, QStringLiteral("dropped with the link: ") + failure.detail});
 }
 
 /// `news`: the failure will not repeat itself, since what was refused is not asked for again.
@@ -150,9 +160,12 @@ void LinkMachine::tellLink(int number)
         shown = status.attempts > m_settings.retries ? LinkState::Down : LinkState::Waiting;
     if (shown == station.toldState && status.cause == station.toldCause)
         return;
+    // A refusal is the variable's trouble; the link is told of if it does not come back at once.
+    if (station.hurries && station.toldState == LinkState::Up)
+        return;
     station.toldState = shown;
     station.toldCause = status.cause;
-    m_news.push_back([this, status] { m_orders.tellLink(status); });
+    m_news.push_back({0, [this, status] { m_orders.tellLink(status); }});
 }
 
 Value LinkMachine::value(int index, Micros now) const

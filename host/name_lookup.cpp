@@ -47,13 +47,17 @@ void NameLookup::Shared::resolve()
 void NameLookup::tell()
 {
     QList<QHostAddress> addresses;
+    if (!m_shared || !m_wanted)
+        return;
     {
         const std::lock_guard<std::mutex> lock(m_shared->mutex);
-        if (!m_shared->done || !std::exchange(m_wanted, false))
+        if (!m_shared->done)
             return;
         for (const sockaddr_storage& address : m_shared->addresses)
             addresses.append(QHostAddress(reinterpret_cast<const sockaddr*>(&address)));
     }
+    m_wanted = false;
+    m_shared.reset(); // the next time it is asked for anew
     Q_EMIT found(addresses);
 }
 
@@ -72,8 +76,11 @@ void NameLookup::start(const QString& name)
     m_wanted = true;
     if (m_shared) {
         const std::lock_guard<std::mutex> lock(m_shared->mutex);
-        if (!m_shared->done && m_shared->name == name.toStdString())
+        if (m_shared->name == name.toStdString()) {
+            if (m_shared->done) // too late for the last time
+                QMetaObject::invokeMethod(this, &NameLookup::tell, Qt::QueuedConnection);
             return;
+        }
         m_shared->owner = nullptr;
     }
     m_shared = std::make_shared<Shared>();
