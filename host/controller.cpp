@@ -4,6 +4,7 @@
 #include "host/variable_bounds.h"
 
 #include <QDateTime>
+#include <QPointer>
 #include <QTimer>
 
 #include <utility>
@@ -32,6 +33,12 @@ public:
     }
 
     void request(const Variable& variable, const QVector<quint32>& values, const Done& done);
+    bool hasStationOf(const Variable& variable) const
+    {
+        return variable.station < 0 ||
+               (settings.stations.isEmpty() ? variable.station == settings.defaultStation
+                                            : settings.stations.contains(variable.station));
+    }
     void failLater(const Done& done, Cause cause, const QString& detail);
     void endSession();
 
@@ -79,8 +86,8 @@ void Controller::Private::endSession()
     if (!session)
         return;
     Session* const ended = session.release();
-    ended->stop();
     statistics = ended->machine().statistics();
+    ended->stop(); // a slot may delete all this
     if (ended->mayBeDeleted())
         delete ended;
     else
@@ -120,8 +127,9 @@ bool Controller::start(QString* error)
     connect(session.get(), &Session::cycleDone, this, &Controller::cycleDone);
     QString reason;
     d->session = std::move(session);
+    const QPointer<Controller> self(this);
     if (d->session->start(d->watched, &reason))
-        return true;
+        return !self.isNull();
     d->session.reset();
     if (error)
         *error = reason;
@@ -145,8 +153,11 @@ bool Controller::watch(const QStringList& variables, QString* error)
     QVector<Variable> parsed(variables.size());
     for (int i = 0; i < int(variables.size()); ++i) {
         QString reason;
-        if (parseVariable(variables.at(i), &parsed[i], &reason))
-            continue;
+        if (parseVariable(variables.at(i), &parsed[i], &reason)) {
+            if (d->hasStationOf(parsed.at(i)))
+                continue;
+            reason = QStringLiteral("%1: no such station").arg(variables.at(i));
+        }
         if (error)
             *error = reason;
         return false;

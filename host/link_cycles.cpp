@@ -14,6 +14,8 @@ constexpr Micros PerMs = 1000;
 /// A value that has not been read for so many intervals is stale.
 constexpr int IntervalsToStale = 3;
 constexpr int MostTags = 1 << 30;
+constexpr Micros RestingInterval = 1000 * PerMs;
+constexpr Micros ShortestInterval = 10 * PerMs;
 
 /// SMW0, the controller's own status: read where nothing else is, to keep up a link.
 ReadBlock probeOf(int station)
@@ -37,7 +39,7 @@ void LinkMachine::relist()
         if (!isConnected(station))
             continue;
         const QVector<ReadBlock> wanted = m_watch.cyclicBlocks(entry.first);
-        const bool probes = m_settings.probe && m_watch.apartBlocks(entry.first).isEmpty();
+        const bool probes = isProbed(station) && m_watch.apartBlocks(entry.first).isEmpty();
         // The driver shakes hands, and finds out that a link is lost, in the place of a request.
         if (wanted.isEmpty() && (probes || !isReady(station)))
             blocks.append(probeOf(entry.first));
@@ -58,7 +60,7 @@ void LinkMachine::beginCycleIfDue()
         return;
     if (m_watch.takeListChange())
         relist();
-    const Micros interval = m_settings.intervalMs * PerMs;
+    const Micros interval = std::max(1, m_settings.intervalMs) * PerMs;
     // Timers are a little late by nature.
     if (m_cycleBegan >= 0 && m_now > m_cycleBegan + interval + interval / 10)
         ++m_statistics.lateCycles;
@@ -105,13 +107,17 @@ void LinkMachine::cycleProgress()
     m_inCycle = false;
     m_lastTrips = m_cycleTrips;
     ++m_statistics.cycles;
+    bool anyAnswered = false;
     for (auto& entry : m_stations) {
         Station& station = entry.second;
+        anyAnswered = anyAnswered || station.answered;
         // Where nothing is asked, that the connection lasts has to do.
         if (isReady(station) &&
             (station.answered || m_now >= station.upSince + LinkHealth::LongestDelay))
             station.health.goodCycle();
     }
+    if (!anyAnswered)
+        m_nextCycle = std::max(m_nextCycle, m_now + RestingInterval);
     tellChanges();
     m_news.push_back({m_list, [this] { m_orders.tellCycle(); }});
 }
@@ -119,7 +125,10 @@ void LinkMachine::cycleProgress()
 /// An interval may be shorter than it takes to read everything once.
 Micros LinkMachine::valueLifetime() const
 {
-    return IntervalsToStale * std::max(m_settings.intervalMs * PerMs, m_lastTrips);
+    const Micros interval = m_settings.intervalMs * PerMs;
+    // As quickly as possible, so that how long it takes is not known beforehand.
+    const Micros floor = interval < ShortestInterval ? m_settings.timeoutMs * PerMs : 0;
+    return IntervalsToStale * std::max({interval, m_lastTrips, floor});
 }
 
 void LinkMachine::expireValues()

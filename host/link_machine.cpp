@@ -175,12 +175,18 @@ void LinkMachine::watch(const QVector<Variable>& variables, Micros now)
     m_now = std::max(m_now, now);
     QVector<int> stations;
     QVector<Variable> usable;
+    int analogWords = 0;
     for (const Variable& variable : variables) {
         stations.append(stationOf(variable));
-        if (isInItsArea(variable))
-            usable.append(variable);
+        if (!isInItsArea(variable))
+            continue;
+        usable.append(variable);
+        if (variable.isAnalog())
+            analogWords = variable.area->size / 2;
     }
-    m_blockLimit = m_settings.blockLimit > 0 ? m_requestLimit : blockLimitFor(usable);
+    // The driver merges neighbours up to the limit whatever their kind takes in a reply, and
+    // cannot cut analogue words.
+    m_blockLimit = std::max(std::min(m_requestLimit, blockLimitFor(usable)), analogWords);
     m_watch.assign(variables, stations, m_blockLimit);
     for (const auto& entry : m_stations) {
         if (entry.second.isUp)

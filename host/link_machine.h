@@ -90,6 +90,7 @@ private:
         bool wasUp = false;    ///< Ever.
         bool hurries = false;  ///< Waits after a refusal: requests need not be given up.
         bool answered = false; ///< A request, in this cycle.
+        bool probeRefused = false;
         Micros upSince = 0;
         Micros nextTrial = 0; ///< Of a variable that is set aside, at the earliest.
         std::optional<LinkState> toldState;
@@ -144,6 +145,7 @@ private:
     Micros valueLifetime() const;
     static bool isConnected(const Station& station);
     static bool isReady(const Station& station);
+    bool isProbed(const Station& station) const;
     static bool isGivenUp(const Station& station);
     void ready(int station);
     void up(int station);

@@ -25,6 +25,11 @@ bool LinkMachine::isReady(const Station& station)
     return station.phase == Phase::Ready && station.isOpen;
 }
 
+bool LinkMachine::isProbed(const Station& station) const
+{
+    return m_settings.probe && !station.probeRefused;
+}
+
 /// Before the next attempt requests end at once, except when it is known to come soon.
 bool LinkMachine::isGivenUp(const Station& station)
 {
@@ -39,7 +44,7 @@ void LinkMachine::ready(int number)
     station.phase = Phase::Ready;
     const bool listsNothing = m_watch.cyclicBlocks(number).isEmpty();
     const bool asksNothing =
-        listsNothing && m_watch.apartBlocks(number).isEmpty() && !m_settings.probe;
+        listsNothing && m_watch.apartBlocks(number).isEmpty() && !isProbed(station);
     if (listsNothing)
         m_relist = true; // without the request in whose place it shook hands
     if (!m_inCycle)
@@ -87,6 +92,8 @@ void LinkMachine::linkLost(const RW_VAR& request)
         news = true; // a single request, which ends here
     else if (refused)
         news = m_watch.refused(blockOf(request), request.host_key == ApartKey, failure, m_now);
+    if (refused && !news)
+        news = station.probeRefused = true; // which shows that the link is good without
     if (refused && request.host_key == ApartKey)
         station.nextTrial = m_now + TrialSpacing;
     dropActive(request, failure, news);
@@ -101,6 +108,7 @@ void LinkMachine::closeStation(int number, const Failure& failure, bool news)
 {
     Station& station = m_stations.at(number);
     m_orders.close(number);
+    m_relist = m_relist || isConnected(station);
     station.phase = Phase::Waiting;
     station.isOpen = station.isUp = false;
     station.hurries = news;
@@ -109,7 +117,6 @@ void LinkMachine::closeStation(int number, const Failure& failure, bool news)
     else
         station.health.failed(failure, m_now);
     m_watch.linkDown(number, failure);
-    m_relist = true;
     tellLink(number);
 }
 

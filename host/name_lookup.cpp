@@ -5,6 +5,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -86,7 +87,12 @@ void NameLookup::start(const QString& name)
     m_shared = std::make_shared<Shared>();
     m_shared->owner = this;
     m_shared->name = name.toStdString();
-    std::thread([shared = m_shared] { shared->resolve(); }).detach();
+    try {
+        std::thread([shared = m_shared] { shared->resolve(); }).detach();
+    } catch (const std::system_error&) { // too many threads
+        m_shared->done = true;
+        QMetaObject::invokeMethod(this, &NameLookup::tell, Qt::QueuedConnection);
+    }
 }
 
 void NameLookup::abandon()

@@ -46,7 +46,8 @@ void Session::addSocket(int station, const Endpoint& endpoint)
             [=] { happened([=] { m_machine.closed(station, now()); }); });
 }
 
-bool Session::start(const QVector<Variable>& watched, QString* error)
+/// A copy of the list: a slot may delete the one that it belongs to.
+bool Session::start(const QVector<Variable> watched, QString* error)
 {
     const QList<int> stations = m_settings.stations.keys() + QList<int>{m_settings.defaultStation};
     for (int station : stations) {
