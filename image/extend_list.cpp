@@ -2,7 +2,7 @@
 
 #include "image/Func_DealData.h"
 
-#include <QHash>
+#include <unordered_map>
 
 namespace cp243
 {
@@ -21,13 +21,15 @@ bool operator==(const ExtendKey& a, const ExtendKey& b)
     return a.address == b.address && a.station == b.station && a.regType == b.regType;
 }
 
-size_t qHash(const ExtendKey& key, size_t seed = 0)
-{
-    constexpr quint64 Multiplier = 0x9E3779B97F4A7C15u;
-    const quint64 owner = (quint64(quint32(key.station)) << 32) | quint32(key.regType);
-    const quint64 mixed = (owner * Multiplier ^ quint32(key.address) ^ seed) * Multiplier;
-    return size_t(mixed >> 32);
-}
+struct ExtendHash {
+    size_t operator()(const ExtendKey& key) const
+    {
+        constexpr quint64 Multiplier = 0x9E3779B97F4A7C15u;
+        const quint64 owner = (quint64(quint32(key.station)) << 32) | quint32(key.regType);
+        const quint64 mixed = (owner * Multiplier ^ quint32(key.address)) * Multiplier;
+        return size_t(mixed >> 32);
+    }
+};
 
 ExtendKey keyOf(const EXTENDVAR& entry)
 {
@@ -50,10 +52,8 @@ public:
             forget();
         for (; m_taken < int(list.size()); ++m_taken) {
             const ExtendKey key = keyOf(list.at(m_taken));
-            if (m_positions.contains(key))
+            if (!m_positions.emplace(key, m_taken).second)
                 m_twice = true;
-            else
-                m_positions.insert(key, m_taken);
             m_last = key;
             if (m_taken == 0)
                 m_first = key;
@@ -66,16 +66,22 @@ public:
         const int near = nearby(key);
         if (near >= 0)
             return remember(near, key);
-        int position = m_positions.value(key, -1);
+        int position = taken(key);
         if (position >= 0 && !(keyOf(PLC_driver.extend_list.at(position)) == key)) {
             forget();
             takeIn();
-            position = m_positions.value(key, -1);
+            position = taken(key);
         }
         return remember(position >= 0 ? position : append(key), key);
     }
 
 private:
+    int taken(const ExtendKey& key) const
+    {
+        const auto found = m_positions.find(key);
+        return found != m_positions.end() ? found->second : -1;
+    }
+
     /// Whether the list is still the one that was taken in, by its length and both its ends.
     bool fits(const QList<EXTENDVAR>& list) const
     {
@@ -127,13 +133,14 @@ private:
         return position;
     }
 
-    QHash<ExtendKey, int> m_positions; ///< Of the first entry with each key.
-    int m_taken = 0;                   ///< Entries of the list that m_positions covers.
-    ExtendKey m_first = {};            ///< Of entry 0,
-    ExtendKey m_last = {};             ///< and of the last entry covered.
-    bool m_twice = false;              ///< Some key stands in the list more than once.
-    int m_position = 0;                ///< Where the last look ended, for
-    ExtendKey m_key = {};              ///< this key.
+    // Not a QHash, which ends the program when memory runs out (Qt 6).
+    std::unordered_map<ExtendKey, int, ExtendHash> m_positions; ///< Of the first with each key.
+    int m_taken = 0;        ///< Entries of the list that m_positions covers.
+    ExtendKey m_first = {}; ///< Of entry 0,
+    ExtendKey m_last = {};  ///< and of the last entry covered.
+    bool m_twice = false;   ///< Some key stands in the list more than once.
+    int m_position = 0;     ///< Where the last look ended, for
+    ExtendKey m_key = {};   ///< this key.
 };
 
 namespace

@@ -146,7 +146,9 @@ int queuePieces(RW_VAR& request, const RegisterTypeInfo& type, const QByteArray&
         request.count = int(pieces.sizeOf(j));
         request.value =
             valuePiece(data, first * units.valueBytes, request.count * qint64(units.valueBytes));
-        queued = AddListWriteVar(&request, 0);
+        queued = AddListWriteVar(&request, List_Merge);
+        if (queued == 0)
+            return 0; // out of memory: the host must not take a part for the whole
         // The extend list takes as much of an absurd count as of one in a single request.
         const bool beyond = searched && first * units.addressStep >= mostUnits;
         if (!beyond && loadShared(PLC_driver.link_failed))

@@ -8,9 +8,9 @@
 #include "varlists/byte_ranges.h"
 
 #include <QMutexLocker>
-#include <QSet>
 
 #include <algorithm>
+#include <unordered_set>
 
 using namespace cp243;
 
@@ -145,19 +145,15 @@ bool operator==(const RequestIdentity& a, const RequestIdentity& b)
            a.count == b.count;
 }
 
-#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-using HashValue = uint;
-#else
-using HashValue = size_t;
-#endif
-
-HashValue qHash(const RequestIdentity& id, HashValue seed = 0)
-{
-    constexpr quint64 Multiplier = 0x9E3779B97F4A7C15u;
-    const quint64 place = (quint64(quint32(id.address)) << 32) | quint32(id.count);
-    const quint64 owner = (quint64(quint32(id.station)) << 32) | quint32(id.reg_type);
-    return HashValue(((place ^ (owner * Multiplier) ^ seed) * Multiplier) >> 32);
-}
+struct RequestHash {
+    size_t operator()(const RequestIdentity& id) const
+    {
+        constexpr quint64 Multiplier = 0x9E3779B97F4A7C15u;
+        const quint64 place = (quint64(quint32(id.address)) << 32) | quint32(id.count);
+        const quint64 owner = (quint64(quint32(id.station)) << 32) | quint32(id.reg_type);
+        return size_t(((place ^ (owner * Multiplier)) * Multiplier) >> 32);
+    }
+};
 
 /// The several-stations method has widths of its own: VB counts as a word, SW (and a code outside
 /// the table) as its plain count. Deliberate: docs/oddities.md, Several stations.
@@ -177,7 +173,8 @@ void widenForStation(RW_VAR& request)
 void listSeveralStations(const QList<VAR_INFO>& variables)
 {
     const qint64 limit = PLC_driver.com_info->block_length_limit;
-    QSet<RequestIdentity> listed;
+    // Not a QSet, which ends the program when memory runs out (Qt 6).
+    std::unordered_set<RequestIdentity, RequestHash> listed;
     for (const VAR_INFO& variable : variables) {
         const int address = StringAddressToInt(variable.reg_type, variable.address_text);
         if (address < 0)
@@ -196,10 +193,8 @@ void listSeveralStations(const QList<VAR_INFO>& variables)
             request.count = int(pieces.sizeOf(i));
             const RequestIdentity id = {request.station, request.reg_type, request.address,
                                         request.count};
-            if (listed.contains(id))
-                continue;
-            listed.insert(id);
-            PLC_driver.read_list.append(request);
+            if (listed.insert(id).second)
+                PLC_driver.read_list.append(request);
         }
     }
 }
