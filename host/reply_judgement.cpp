@@ -139,7 +139,10 @@ Failure judgeBadReply(const SentFrame& frame, const QByteArray& reply)
     // A remote peer's reference is known to the driver alone, and its length is not told to us.
     if (frame.remote && reply.size() == frame.replyLength)
         return failure(Cause::WrongReference, QStringLiteral("a reply to another request"));
-    return wrongLength(int(reply.size()), frame.replyLength);
+    if (reply.size() != frame.replyLength)
+        return wrongLength(int(reply.size()), frame.replyLength);
+    return failure(Cause::WrongLength,
+                   QStringLiteral("a reply with a wrong field, %1 bytes").arg(reply.size()));
 }
 
 } // namespace s7200

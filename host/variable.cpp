@@ -136,7 +136,8 @@ QString parseAddress(Cursor& cursor, Variable* variable)
     const QString name = QLatin1String(area.name);
     variable->address = cursor.number();
     if (variable->address < 0)
-        return QStringLiteral("an address must follow %1, as in %2").arg(name, lastOf(area));
+        return QStringLiteral("an address must follow %1, as in %1%2")
+            .arg(name, QLatin1String(isByteAndBit(area) ? "0.0" : "0"));
     const bool hasBit = cursor.take('.');
     if (isByteAndBit(area)) {
         if (!hasBit)

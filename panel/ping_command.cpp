@@ -61,10 +61,12 @@ public:
 
     ExitStatus finish(const ProbeResults& results) const
     {
-        if (!results.gaveUp)
+        if (!results.gaveUp && results.reads > 0)
             printSummary(results);
         if (results.failure)
             explain(results);
+        else if (results.roundTripsUs.isEmpty())
+            complain(m_session.name(m_index) + QStringLiteral(": stopped, nothing has answered"));
         if (results.roundTripsUs.isEmpty())
             return results.failure ? exitStatusOf(results.failure.cause) : ExitNoAnswer;
         return results.failure ? ExitSomeFailed : ExitGood;

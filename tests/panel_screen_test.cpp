@@ -200,6 +200,13 @@ private slots:
         QCOMPARE(feed("A"), QString("u"));
         QCOMPARE(feed("\x1b[1;5C\x1b[200~"), QString());
         QCOMPARE(feed("\x1b\x1b[A"), QString("u"));
+        // The key ESC clears what is typed, and takes nothing of what is typed then.
+        QCOMPARE(feed("SM\x1bVW"), QString("----"));
+        QCOMPARE(keyboard.typed(), QString("VW"));
+        feed("\x1b");
+        QVERIFY(keyboard.isInSequence());
+        keyboard.endEscape();
+        QCOMPARE(feed("[x\x1b\r"), QString("--L()"));
         QCOMPARE(feed("VW1 0\x7f\x7f"
                       "00 \r"),
                  QString("----------L(VW100)"));
