@@ -19,7 +19,7 @@ constexpr Micros Ms = 1000;
 ///
 ///   opened, failed, closed       of the TCP connection; with "@3" of station 3
 ///   ok [HEX]                     a good reply to the last frame, its payload that or zeros
-///   refuse, mismatch, bytes HEX  other replies to it
+///   refuse, reject, mismatch, bytes HEX  other replies to it: by item, by job, ...
 ///   +MS                          time passes, with the wakes that were ordered
 ///   stall MS                     time passes at once
 ///   watch V..., read V, write V=N
@@ -147,6 +147,8 @@ private:
             refusal[wire::ItemCodeOffset] = 5;
             return refusal;
         }
+        if (verb == "reject")
+            return writeReply(reference).replace(wire::ErrorClassOffset, 1, "\x81");
         if (verb == "mismatch")
             return readReply(reference + 9, QByteArray(2, '\0'));
         if (verb != "ok")
@@ -240,6 +242,7 @@ ControllerSettings settingsOf(const QString& options)
     settings.retries = options.contains("twice") ? 2 : options.contains("retry") ? 1 : 0;
     settings.timeoutMs = options.contains("patient") ? 100000 : 1000;
     settings.probe = !options.contains("no probe");
+    settings.blockLimit = options.contains("limit 1") ? 1 : 0;
     if (options.contains("stations"))
         settings.stations = {{2, {}}, {3, {}}};
     return settings;
@@ -339,6 +342,31 @@ private slots:
             Up + "write VW100x200= -> put V100+106\n"
                  "refuse           -> done: refused\n"
                  "+500             -> get V0+6\n");
+        add("no bit goes out after one was refused", "",
+            Up + "write M0.0x3=     -> put M0+1\n"
+                 "ok               -> put M0+1\n"
+                 "refuse           -> done: refused\n"
+                 "+500             -> get V0+6\n");
+        add("a write refused as a job blames neither watched variables nor other writes", "",
+            Up + "write VW4=7     -> put V4+1; VW4 stale 5\n"
+                 "reject          -> close; done: refused; VW0 link down 1; VW4 link down 5\n"
+                 "write VW8=1     -> \n"
+                 "+200            -> open\n"
+                 "opened          -> connect\n"
+                 "ok              -> setup\n"
+                 "ok              -> put V8+1\n"
+                 "ok              -> get V0+6; done; VW0 stale 1; VW4 stale 5\n");
+        add("a block limit of less than a word is one of a word", "limit 1",
+            "start           -> open; connecting\n"
+            "watch VW0x2     -> \n"
+            "opened          -> connect; handshake\n"
+            "ok              -> setup\n"
+            "ok              -> get V0+2; up\n"
+            "ok 0001         -> get V2+2\n"
+            "ok 0002         -> VW0x2 good 1 2; cycle\n"
+            "read VW8x2      -> get V8+2\n"
+            "ok 0003         -> get V10+2\n"
+            "ok 0004         -> done 3 4\n");
         add("lost: the socket goes, and what was read for a request is void", "",
             Up + "read VB50x300   -> get V50+106\n"
                  "read VW20       -> \n"
@@ -516,6 +544,10 @@ private slots:
         add("good confirm", connect, connectionConfirm(), Cause::None);
         add("disconnect", connect, fromHex("0300000B 06 80 0000 0000 03"),
             Cause::ConnectionRefused);
+        add("noise like a disconnect", connect, fromHex("E900000B 06 80 0000 0000 03"),
+            Cause::NotS7);
+        add("disconnect of another length", connect, fromHex("0300000B 06 80 0000 0000 03 00"),
+            Cause::NotS7);
         add("banner", connect, "SSH-2.0-x\r\n", Cause::NotS7);
         add("good setup", setup, setupReply(), Cause::None);
         add("setup error", setup, with(setupReply(), 17, 0x81), Cause::SetupRefused);
