@@ -1,8 +1,10 @@
 #include <s7200host/controller.h>
 
 #include "host/session.h"
+#include "host/variable_bounds.h"
 
 #include <QDateTime>
+#include <QPointer>
 #include <QTimer>
 
 #include <utility>
@@ -31,6 +33,12 @@ public:
     }
 
     void request(const Variable& variable, const QVector<quint32>& values, const Done& done);
+    bool hasStationOf(const Variable& variable) const
+    {
+        return variable.station < 0 ||
+               (settings.stations.isEmpty() ? variable.station == settings.defaultStation
+                                            : settings.stations.contains(variable.station));
+    }
     void failLater(const Done& done, Cause cause, const QString& detail);
     void endSession();
 
@@ -78,8 +86,8 @@ void Controller::Private::endSession()
     if (!session)
         return;
     Session* const ended = session.release();
-    ended->stop();
     statistics = ended->machine().statistics();
+    ended->stop(); // a slot may delete all this
     if (ended->mayBeDeleted())
         delete ended;
     else
@@ -119,8 +127,9 @@ bool Controller::start(QString* error)
     connect(session.get(), &Session::cycleDone, this, &Controller::cycleDone);
     QString reason;
     d->session = std::move(session);
+    const QPointer<Controller> self(this);
     if (d->session->start(d->watched, &reason))
-        return true;
+        return !self.isNull();
     d->session.reset();
     if (error)
         *error = reason;
@@ -144,8 +153,11 @@ bool Controller::watch(const QStringList& variables, QString* error)
     QVector<Variable> parsed(variables.size());
     for (int i = 0; i < int(variables.size()); ++i) {
         QString reason;
-        if (parseVariable(variables.at(i), &parsed[i], &reason))
-            continue;
+        if (parseVariable(variables.at(i), &parsed[i], &reason)) {
+            if (d->hasStationOf(parsed.at(i)))
+                continue;
+            reason = QStringLiteral("%1: no such station").arg(variables.at(i));
+        }
         if (error)
             *error = reason;
         return false;
@@ -171,18 +183,19 @@ Value Controller::value(int index) const
 
 void Controller::read(const Variable& variable, const Done& done)
 {
-    d->request(variable, {}, done);
+    if (isInItsArea(variable))
+        d->request(variable, {}, done);
+    else
+        d->failLater(done, Cause::Invalid, QStringLiteral("no such variable"));
 }
 
 void Controller::write(const Variable& variable, const QVector<quint32>& values, const Done& done)
 {
-    if (variable.area && variable.area->writable && values.size() == variable.repeat)
+    if (isInItsArea(variable) && variable.area->writable && values.size() == variable.repeat)
         d->request(variable, values, done);
     else
         d->failLater(done, Cause::Invalid,
-                     QStringLiteral("%1 cannot be written with %2 values")
-                         .arg(variable.area ? variable.label() : QString())
-                         .arg(values.size()));
+                     QStringLiteral("it cannot be written with %1 values").arg(values.size()));
 }
 
 bool Controller::write(const QString& assignment, const Done& done, QString* error)

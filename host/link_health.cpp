@@ -15,6 +15,11 @@ void LinkHealth::failed(const Failure& failure, Micros now)
 
 void LinkHealth::failedWithNews(const Failure& failure, Micros now)
 {
+    constexpr int MostNews = 100;
+    if (++m_news > MostNews) {
+        failed(failure, now);
+        return;
+    }
     ++m_attempts;
     m_failure = failure;
     scheduleAfter(FirstDelay, now);
@@ -29,6 +34,7 @@ void LinkHealth::up()
 void LinkHealth::goodCycle()
 {
     m_delay = FirstDelay;
+    m_news = 0;
 }
 
 void LinkHealth::scheduleAfter(Micros delay, Micros now)

@@ -25,7 +25,8 @@ public:
     void failed(const Failure& failure, Micros now);
 
     /// As failed(), but the delay stays short: something was learnt that makes the next attempt
-    /// different, such as a variable that the controller refuses.
+    /// different, such as a variable that the controller refuses. Not for ever, should there be no
+    /// end of such news.
     void failedWithNews(const Failure& failure, Micros now);
 
     /// The link works again: the count of attempts begins anew, but not yet the delays.
@@ -53,6 +54,7 @@ private:
     std::minstd_rand m_random;
     Failure m_failure;
     int m_attempts = 0;
+    int m_news = 0; ///< Since the last good cycle.
     Micros m_delay = FirstDelay;
     Micros m_nextAttempt = 0;
 };

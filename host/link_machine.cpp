@@ -1,5 +1,7 @@
 #include "host/link_machine.h"
 
+#include "host/variable_bounds.h"
+
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -15,29 +17,19 @@ namespace
 constexpr int LinkId = 1; // the same in all requests: a reply to another link's is not stored
 constexpr Micros PerMs = 1000;
 constexpr Micros Never = std::numeric_limits<Micros>::max();
-/// A value that has not been read for so many intervals is stale.
-constexpr int IntervalsToStale = 3;
+/// Blocks are whole words.
+constexpr int SmallestBlock = 2;
 /// Null in a row while there are requests; one is the driver's idle call in five.
 constexpr int MostIdleCalls = 3;
 
-/// SMW0, the controller's own status: read where nothing else is, to keep up a link.
-ReadBlock probeOf(int station)
-{
-    ReadBlock probe;
-    probe.type = Type_SMW;
-    probe.station = station;
-    probe.units = 2;
-    return probe;
-}
-
 } // namespace
 
-/// What FlashLocalRegister wants: 55002 words, of which the last two are the TSAPs. The rest is
+/// What FlashLocalRegister wants: LocalWordCount words, of which the last two are the TSAPs. The rest is
 /// never touched, so it is mapped and takes no memory.
 struct LinkMachine::LocalWords {
-    static constexpr std::size_t Count = 55002;
-    static constexpr std::size_t CalledTsap = 55000;
-    static constexpr std::size_t CallingTsap = 55001;
+    static constexpr std::size_t Count = LocalWordCount;
+    static constexpr std::size_t CalledTsap = LocalWord_CalledTsap;
+    static constexpr std::size_t CallingTsap = LocalWord_CallingTsap;
 
     LocalWords()
     {
@@ -69,7 +61,8 @@ LinkMachine::LinkMachine(DriverCopy& driver, const ControllerSettings& settings,
         m_localWords->words[LocalWords::CalledTsap] = settings.remoteTsap;
         m_localWords->words[LocalWords::CallingTsap] = settings.localTsap;
     }
-    m_requestLimit = settings.blockLimit > 0 ? settings.blockLimit : blockLimitFor({});
+    m_requestLimit =
+        settings.blockLimit > 0 ? std::max(settings.blockLimit, SmallestBlock) : blockLimitFor({});
     m_comInfo.default_station = settings.defaultStation;
     m_comInfo.retry_limit = settings.retries;
     m_comInfo.per_variable_stations = settings.stations.isEmpty() ? 0 : 1;
@@ -104,13 +97,15 @@ void LinkMachine::stop()
     finishActive(failure);
     for (auto& entry : m_stations) {
         m_orders.close(entry.first);
-        failWaiting(entry.first, false, failure);
+        failWaiting(entry.first, failure);
         m_watch.linkDown(entry.first, failure);
         tellLink(entry.first);
     }
     tellChanges();
-    for (const auto& tell : std::exchange(m_news, {}))
-        tell();
+    for (const News& news : std::exchange(m_news, {})) {
+        if (news.list == 0 || news.list == m_list)
+            news.tell();
+    }
 }
 
 void LinkMachine::opened(int number, Micros now)
@@ -179,9 +174,19 @@ void LinkMachine::watch(const QVector<Variable>& variables, Micros now)
 {
     m_now = std::max(m_now, now);
     QVector<int> stations;
-    for (const Variable& variable : variables)
+    QVector<Variable> usable;
+    int analogWords = 0;
+    for (const Variable& variable : variables) {
         stations.append(stationOf(variable));
-    m_blockLimit = m_settings.blockLimit > 0 ? m_settings.blockLimit : blockLimitFor(variables);
+        if (!isInItsArea(variable))
+            continue;
+        usable.append(variable);
+        if (variable.isAnalog())
+            analogWords = variable.area->size / 2;
+    }
+    // The driver merges neighbours up to the limit whatever their kind takes in a reply, and
+    // cannot cut analogue words.
+    m_blockLimit = std::max(std::min(m_requestLimit, blockLimitFor(usable)), analogWords);
     m_watch.assign(variables, stations, m_blockLimit);
     for (const auto& entry : m_stations) {
         if (entry.second.isUp)
@@ -190,6 +195,8 @@ void LinkMachine::watch(const QVector<Variable>& variables, Micros now)
             m_watch.linkDown(entry.first, entry.second.health.failure());
     }
     m_watch.takeChanges(); // the caller knows that all is new
+    ++m_list;
+    m_lastTrips = 0;
     m_relist = true;
     m_inCycle = false; // what is on its way still belongs to the old list
     settle(false);
@@ -203,7 +210,7 @@ void LinkMachine::request(RequestPtr request, Micros now)
     const auto found = m_stations.find(request->station);
     if (found == m_stations.end())
         finish(std::move(request), {Cause::Invalid, QStringLiteral("no such station")});
-    else if (isGivenUp(found->second, *request))
+    else if (isGivenUp(found->second))
         finish(std::move(request), found->second.health.failure());
     else
         m_requests.add(std::move(request));
@@ -227,16 +234,24 @@ void LinkMachine::settle(bool tell)
     tellChanges();
     if (tell) {
         m_isDue = false;
-        for (const auto& news : std::exchange(m_news, {})) {
-            if (!m_stopped)
-                news();
-        }
+        tellNews();
         if (m_isDue && !m_stopped)
             advance();
     }
     m_settling = false;
     if (!m_stopped)
         m_orders.wakeAt(m_news.empty() ? nextWake() : m_now);
+}
+
+/// Only what there is now; and whoever is told may stop the machine, which then tells the rest.
+void LinkMachine::tellNews()
+{
+    for (std::size_t left = m_news.size(); left > 0 && !m_stopped; --left) {
+        const News news = std::move(m_news.front());
+        m_news.pop_front();
+        if (news.list == 0 || news.list == m_list)
+            news.tell();
+    }
 }
 
 void LinkMachine::advance()
@@ -291,13 +306,6 @@ void LinkMachine::checkDeadlines()
         expireValues();
 }
 
-/// An interval may be shorter than it takes to read everything once.
-void LinkMachine::expireValues()
-{
-    const Micros lifetime = IntervalsToStale * std::max(m_settings.intervalMs * PerMs, m_lastCycle);
-    m_nextExpiry = m_watch.expire(m_now - lifetime, lifetime);
-}
-
 void LinkMachine::connectDue()
 {
     for (auto& entry : m_stations) {
@@ -309,62 +317,6 @@ void LinkMachine::connectDue()
         m_orders.open(entry.first);
         tellLink(entry.first);
     }
-}
-
-/// Hands the driver its cyclic list, of the stations that are connected. A failed handshake does
-/// not move the driver on to the next request of that list, so the others do not belong there.
-void LinkMachine::relist()
-{
-    QVector<ReadBlock> blocks;
-    for (const auto& entry : m_stations) {
-        const Station& station = entry.second;
-        if (!isConnected(station))
-            continue;
-        const QVector<ReadBlock> wanted = m_watch.cyclicBlocks(entry.first);
-        const bool probes = m_settings.probe && m_watch.apartBlocks(entry.first).isEmpty();
-        // The driver shakes hands, and finds out that a link is lost, in the place of a request.
-        if (wanted.isEmpty() && (probes || !isReady(station)))
-            blocks.append(probeOf(entry.first));
-        blocks += wanted;
-    }
-    m_comInfo.block_length_limit = m_blockLimit;
-    m_listed =
-        m_driver.ReCreatReadVarList(cyclicRecords(blocks, m_comInfo.per_variable_stations != 0));
-    m_watch.takeListChange();
-    m_relist = m_inCycle = false;
-    m_nextCycle = m_now;
-    m_cycleBegan = -1;
-}
-
-void LinkMachine::beginCycleIfDue()
-{
-    if (m_inCycle || m_now < m_nextCycle || !anyReady())
-        return;
-    m_watch.forgiveDue(m_now);
-    if (m_watch.takeListChange())
-        relist();
-    const Micros interval = m_settings.intervalMs * PerMs;
-    // Timers are a little late by nature.
-    if (m_cycleBegan >= 0 && m_now > m_cycleBegan + interval + interval / 10)
-        ++m_statistics.lateCycles;
-    m_cycleBegan = m_now;
-    m_nextCycle += interval;
-    if (m_nextCycle <= m_now)
-        m_nextCycle = m_now + interval; // what was missed is not made up for
-    m_inCycle = true;
-    m_cyclicLeft = m_listed;
-    m_apartLeft = 0;
-    ++m_cycleTag;
-    for (const auto& entry : m_stations) {
-        if (!isReady(entry.second))
-            continue;
-        for (const ReadBlock& block : m_watch.apartBlocks(entry.first)) {
-            queueRead(block, ApartKey, m_cycleTag);
-            ++m_apartLeft;
-        }
-    }
-    expireValues();
-    cycleProgress();
 }
 
 /// True while the driver has something to send, or must find out that a connection is gone.
@@ -402,7 +354,7 @@ void LinkMachine::tellChanges()
 {
     const QVector<int> changes = m_watch.takeChanges();
     if (!changes.isEmpty())
-        m_news.push_back([this, changes] { m_orders.tellValues(changes); });
+        m_news.push_back({m_list, [this, changes] { m_orders.tellValues(changes); }});
 }
 
 } // namespace s7200

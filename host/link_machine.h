@@ -9,9 +9,9 @@
 
 #include <s7200host/controller.h>
 
+#include <deque>
 #include <map>
 #include <optional>
-#include <vector>
 
 namespace s7200
 {
@@ -83,12 +83,16 @@ private:
     struct Station {
         Phase phase = Phase::Waiting;
         LinkHealth health;
-        Failure failure;      ///< Of the last transaction.
-        Micros deadline = 0;  ///< Connecting: until when.
-        bool isOpen = false;  ///< The TCP connection.
-        bool isUp = false;    ///< As told.
-        bool wasUp = false;   ///< Ever.
-        bool hurries = false; ///< Waits after a refusal: reads need not be given up.
+        Failure failure;       ///< Of the last transaction.
+        Micros deadline = 0;   ///< Connecting: until when.
+        bool isOpen = false;   ///< The TCP connection.
+        bool isUp = false;     ///< As told.
+        bool wasUp = false;    ///< Ever.
+        bool hurries = false;  ///< Waits after a refusal: requests need not be given up.
+        bool answered = false; ///< A request, in this cycle.
+        bool probeRefused = false;
+        Micros upSince = 0;
+        Micros nextTrial = 0; ///< Of a variable that is set aside, at the earliest.
         std::optional<LinkState> toldState;
         Cause toldCause = Cause::None;
     };
@@ -102,12 +106,14 @@ private:
 
     // The wheel.
     void settle(bool tell);
+    void tellNews();
     void advance();
     void checkDeadlines();
     void expireValues();
     void connectDue();
     void relist();
     void beginCycleIfDue();
+    void readApart();
     void cycleProgress();
     bool hasWork() const;
     bool anyReady() const;
@@ -122,7 +128,7 @@ private:
     void finish(RequestPtr request, const Failure& failure);
     void finishActive(const Failure& failure);
     void dropActive(const RW_VAR& culprit, const Failure& failure, bool keepReads);
-    void failWaiting(int station, bool writesOnly, const Failure& failure);
+    void failWaiting(int station, const Failure& failure);
     QByteArray fetch(const Variable& variable, int station) const;
 
     // Transactions.
@@ -136,9 +142,11 @@ private:
     void countFailure(Cause cause);
 
     // Links.
+    Micros valueLifetime() const;
     static bool isConnected(const Station& station);
     static bool isReady(const Station& station);
-    static bool isGivenUp(const Station& station, const Request& request);
+    bool isProbed(const Station& station) const;
+    static bool isGivenUp(const Station& station);
     void ready(int station);
     void up(int station);
     void attemptFailed(int station, const Failure& failure);
@@ -175,11 +183,19 @@ private:
     int m_apartLeft = 0;  ///< The same of the variables that are read apart.
     Micros m_cycleBegan = -1;
     Micros m_nextCycle = 0;
-    Micros m_lastCycle = 0; ///< How long it took.
+    bool m_apartQueued = false; ///< In this cycle: they come last.
+    Micros m_cycleTrips = 0;    ///< All round trips of this cycle,
+    Micros m_lastTrips = 0;     ///< and of the last one.
     Micros m_nextExpiry = 0;
 
     LinkStatistics m_statistics;
-    std::vector<std::function<void()>> m_news; ///< To be told when the event has been dealt with.
+    /// To be told when the event has been dealt with.
+    struct News {
+        int list; ///< Of the watched variables that it is about; 0: of none.
+        std::function<void()> tell;
+    };
+    std::deque<News> m_news;
+    int m_list = 1; ///< Counts the lists of watched variables.
 };
 
 } // namespace s7200

@@ -10,6 +10,7 @@ namespace
 
 /// A peer that sends without being asked must not fill our memory.
 constexpr int MostUnreadBytes = 64 * 1024;
+constexpr int MostStaleReads = 4;
 
 } // namespace
 
@@ -63,11 +64,17 @@ void LinkSocket::send(const QByteArray& frame)
 {
     // What has arrived but was not yet noticed cannot be the reply.
     const State state = std::exchange(m_state, State::Closed);
-    while (m_socket.state() == QTcpSocket::ConnectedState && m_socket.waitForReadyRead(0))
+    int rounds = 0;
+    while (m_socket.state() == QTcpSocket::ConnectedState && m_socket.waitForReadyRead(0)) {
         take();
+        if (++rounds > MostStaleReads)
+            m_socket.abort(); // it never stops; the others of this thread want to go on
+    }
     m_state = state;
     if (m_trace)
         m_trace->record(m_traceId, wire::FrameTrace::ToController, frame);
+    if (m_socket.state() != QTcpSocket::ConnectedState)
+        return; // which is told
     m_socket.write(frame);
     m_socket.flush();
 }

@@ -7,6 +7,14 @@
 namespace s7200
 {
 
+namespace
+{
+
+/// Each trial that ends in a refusal costs a connection.
+constexpr Micros TrialSpacing = 10 * 1000 * 1000;
+
+} // namespace
+
 bool LinkMachine::isConnected(const Station& station)
 {
     return station.phase == Phase::Handshake || station.phase == Phase::Ready;
@@ -17,11 +25,15 @@ bool LinkMachine::isReady(const Station& station)
     return station.phase == Phase::Ready && station.isOpen;
 }
 
-/// Before the next attempt requests end at once, except reads when it is known to come soon.
-bool LinkMachine::isGivenUp(const Station& station, const Request& request)
+bool LinkMachine::isProbed(const Station& station) const
 {
-    const bool waits = station.phase == Phase::Waiting && station.health.attempts() > 0;
-    return waits && (request.isWrite() || !station.hurries);
+    return m_settings.probe && !station.probeRefused;
+}
+
+/// Before the next attempt requests end at once, except when it is known to come soon.
+bool LinkMachine::isGivenUp(const Station& station)
+{
+    return station.phase == Phase::Waiting && station.health.attempts() > 0 && !station.hurries;
 }
 
 /// The handshake is done. After failures the link counts as up only once a request was answered:
@@ -32,7 +44,7 @@ void LinkMachine::ready(int number)
     station.phase = Phase::Ready;
     const bool listsNothing = m_watch.cyclicBlocks(number).isEmpty();
     const bool asksNothing =
-        listsNothing && m_watch.apartBlocks(number).isEmpty() && !m_settings.probe;
+        listsNothing && m_watch.apartBlocks(number).isEmpty() && !isProbed(station);
     if (listsNothing)
         m_relist = true; // without the request in whose place it shook hands
     if (!m_inCycle)
@@ -47,6 +59,7 @@ void LinkMachine::up(int number)
     if (station.isUp)
         return;
     station.isUp = true;
+    station.upSince = m_now;
     if (station.wasUp)
         ++m_statistics.reconnects;
     station.wasUp = true;
@@ -62,7 +75,7 @@ void LinkMachine::up(int number)
 void LinkMachine::attemptFailed(int number, const Failure& failure)
 {
     closeStation(number, failure, false);
-    failWaiting(number, false, failure);
+    failWaiting(number, failure);
 }
 
 /// The driver has given up a request, and with it all that was queued for the station.
@@ -75,15 +88,19 @@ void LinkMachine::linkLost(const RW_VAR& request)
     if (station.isUp)
         ++m_statistics.linkLosses;
     bool news = false;
-    if (refused && request.host_key == ReadKey)
-        news = true; // somebody else's wish, which ends here
+    if (refused && (request.host_key == ReadKey || request.host_key == WriteKey))
+        news = true; // a single request, which ends here
     else if (refused)
         news = m_watch.refused(blockOf(request), request.host_key == ApartKey, failure, m_now);
+    if (refused && !news)
+        news = station.probeRefused = true; // which shows that the link is good without
+    if (refused && request.host_key == ApartKey)
+        station.nextTrial = m_now + TrialSpacing;
     dropActive(request, failure, news);
     closeStation(number, failure, news);
-    const Failure dropped{Cause::Dropped,
-                          QStringLiteral("dropped with the link: ") + failure.detail};
-    failWaiting(number, news, dropped);
+    if (!news)
+        failWaiting(number,
+                    {Cause::Dropped, QStringLiteral("dropped with the link: ") + failure.detail});
 }
 
 /// `news`: the failure will not repeat itself, since what was refused is not asked for again.
@@ -91,6 +108,7 @@ void LinkMachine::closeStation(int number, const Failure& failure, bool news)
 {
     Station& station = m_stations.at(number);
     m_orders.close(number);
+    m_relist = m_relist || isConnected(station);
     station.phase = Phase::Waiting;
     station.isOpen = station.isUp = false;
     station.hurries = news;
@@ -99,7 +117,6 @@ void LinkMachine::closeStation(int number, const Failure& failure, bool news)
     else
         station.health.failed(failure, m_now);
     m_watch.linkDown(number, failure);
-    m_relist = true;
     tellLink(number);
 }
 
@@ -150,9 +167,12 @@ void LinkMachine::tellLink(int number)
         shown = status.attempts > m_settings.retries ? LinkState::Down : LinkState::Waiting;
     if (shown == station.toldState && status.cause == station.toldCause)
         return;
+    // A refusal is the variable's trouble; the link is told of if it does not come back at once.
+    if (station.hurries && station.toldState == LinkState::Up)
+        return;
     station.toldState = shown;
     station.toldCause = status.cause;
-    m_news.push_back([this, status] { m_orders.tellLink(status); });
+    m_news.push_back({0, [this, status] { m_orders.tellLink(status); }});
 }
 
 Value LinkMachine::value(int index, Micros now) const

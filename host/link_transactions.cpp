@@ -4,6 +4,7 @@
 
 #include "wire/s7_fields.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace s7200
@@ -96,7 +97,7 @@ void LinkMachine::finish(RequestPtr request, const Failure& failure)
         result.value.quality = Quality::Good;
     }
     const Controller::Done done = request->done;
-    m_news.push_back([done, result] { done(result); });
+    m_news.push_back({0, [done, result] { done(result); }});
 }
 
 void LinkMachine::finishActive(const Failure& failure)
@@ -121,9 +122,9 @@ void LinkMachine::dropActive(const RW_VAR& culprit, const Failure& failure, bool
         finishActive(dropped(failure));
 }
 
-void LinkMachine::failWaiting(int station, bool writesOnly, const Failure& failure)
+void LinkMachine::failWaiting(int station, const Failure& failure)
 {
-    for (RequestPtr& request : m_requests.takeWaiting(station, writesOnly))
+    for (RequestPtr& request : m_requests.takeWaiting(station))
         finish(std::move(request), failure);
 }
 
@@ -207,6 +208,8 @@ void LinkMachine::requestAnswered(const Transaction& transaction)
     if (station.phase == Phase::Handshake)
         ready(number); // of a remote link, which has no handshake
     up(number);
+    station.answered = true;
+    m_cycleTrips += std::min(m_now - transaction.sentAt, m_settings.timeoutMs * Micros(1000));
     if (isWrite(transaction.request))
         writeAnswered(transaction.request, station.failure);
     else
@@ -218,6 +221,7 @@ void LinkMachine::readAnswered(const RW_VAR& request)
     m_watch.blockRead(blockOf(request), m_now, [this](const Variable& variable, int station) {
         return fetch(variable, station);
     });
+    m_nextExpiry = std::min(m_nextExpiry, m_now + valueLifetime());
     Request* const active = m_requests.active();
     if (request.host_key == ReadKey) {
         if (active && !active->isWrite() && active->id == request.host_index &&
@@ -247,21 +251,6 @@ void LinkMachine::writeAnswered(const RW_VAR& request, const Failure& refusal)
     // Of a refused step the driver still carries out what it holds.
     if (--active->unanswered == 0 && active->steps.isEmpty())
         finishActive(Failure(active->refusal));
-}
-
-void LinkMachine::cycleProgress()
-{
-    if (!m_inCycle || m_cyclicLeft > 0 || m_apartLeft > 0)
-        return;
-    m_inCycle = false;
-    m_lastCycle = m_now - m_cycleBegan;
-    ++m_statistics.cycles;
-    for (auto& entry : m_stations) {
-        if (isReady(entry.second))
-            entry.second.health.goodCycle();
-    }
-    tellChanges();
-    m_news.push_back([this] { m_orders.tellCycle(); });
 }
 
 void LinkMachine::countFailure(Cause cause)

@@ -20,7 +20,8 @@ public:
     explicit NameLookup(QObject* parent = nullptr);
     ~NameLookup() override;
 
-    /// Begins; while a look-up of the same name is under way it goes on with that.
+    /// Begins. A look-up of the same name that is still under way goes on, and an answer that came
+    /// after it was given up is taken.
     void start(const QString& name);
 
     /// Gives the answer up. The look-up itself cannot be ended and goes on by itself.
@@ -31,6 +32,8 @@ Q_SIGNALS:
 
 private:
     struct Shared;
+    void tell();
+
     std::shared_ptr<Shared> m_shared;
     bool m_wanted = false;
 };

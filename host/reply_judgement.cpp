@@ -78,8 +78,11 @@ Failure judgeFunction(const SentFrame& frame, const QByteArray& reply)
         return failure(Cause::WrongReference, QStringLiteral("a reply to another request"));
     if (function != int(Function::Read) && function != int(Function::Write))
         return Failure();
+    if (wordAt(reply, wire::ParameterLengthOffset) != 2 ||
+        wordAt(reply, wire::DataLengthOffset) < 1 || byteAt(reply, wire::AckItemCountOffset) != 1)
+        return failure(Cause::WrongLength, QStringLiteral("not a reply of one item"));
     const auto code = wire::ItemCode(byteAt(reply, wire::ItemCodeOffset));
-    if (reply.size() > wire::ItemCodeOffset && code != wire::ItemCode::Success)
+    if (code != wire::ItemCode::Success)
         return failure(Cause::Refused, describe(code));
     return Failure();
 }

@@ -26,8 +26,8 @@ constexpr int AqwType = 17;
 constexpr int TType = 18;
 constexpr int CType = 19;
 
-/// Queued at once, far from the 1024 at which the driver drops writes.
-constexpr int BitsPerStep = 64;
+/// One at a time, since what the driver holds goes out even after a refusal.
+constexpr int BitsPerStep = 1;
 
 bool isTimer(int type)
 {

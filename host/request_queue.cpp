@@ -20,12 +20,12 @@ Request* RequestQueue::activate(const std::function<bool(int station)>& isReady)
     return m_active.get();
 }
 
-std::vector<RequestPtr> RequestQueue::takeWaiting(int station, bool writesOnly)
+std::vector<RequestPtr> RequestQueue::takeWaiting(int station)
 {
     std::vector<RequestPtr> taken;
     std::deque<RequestPtr> kept;
     for (RequestPtr& request : std::exchange(m_waiting, {})) {
-        if (request->station == station && (request->isWrite() || !writesOnly))
+        if (request->station == station)
             taken.push_back(std::move(request));
         else
             kept.push_back(std::move(request));

@@ -39,7 +39,8 @@ class RequestQueue
 public:
     void add(RequestPtr request)
     {
-        request->id = ++m_lastId;
+        m_lastId = m_lastId % MostIds + 1;
+        request->id = m_lastId;
         m_waiting.push_back(std::move(request));
     }
 
@@ -64,10 +65,12 @@ public:
         m_waiting.push_front(std::move(m_active));
     }
 
-    /// Those that wait for a station; all, or writes only.
-    std::vector<RequestPtr> takeWaiting(int station, bool writesOnly);
+    /// Those that wait for a station.
+    std::vector<RequestPtr> takeWaiting(int station);
 
 private:
+    static constexpr int MostIds = 1 << 30;
+
     std::deque<RequestPtr> m_waiting;
     RequestPtr m_active;
     int m_lastId = 0;

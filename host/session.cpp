@@ -7,6 +7,13 @@
 namespace s7200
 {
 
+namespace
+{
+
+constexpr int LargestStation = 255; // the driver's records have a byte for it
+
+} // namespace
+
 Session::Session(const ControllerSettings& settings)
     : m_settings(settings),
       m_machine(m_driver, settings, *this, QRandomGenerator::global()->generate())
@@ -39,8 +46,17 @@ void Session::addSocket(int station, const Endpoint& endpoint)
             [=] { happened([=] { m_machine.closed(station, now()); }); });
 }
 
-bool Session::start(const QVector<Variable>& watched, QString* error)
+/// A copy of the list: a slot may delete the one that it belongs to.
+bool Session::start(const QVector<Variable> watched, QString* error)
 {
+    const QList<int> stations = m_settings.stations.keys() + QList<int>{m_settings.defaultStation};
+    for (int station : stations) {
+        if (station < 0 || station > LargestStation) {
+            *error =
+                QStringLiteral("station %1: stations are 0 to %2").arg(station).arg(LargestStation);
+            return false;
+        }
+    }
     const QString file = findDriver(m_settings.driverFile, error);
     if (file.isEmpty() || !m_driver.load(file, error))
         return false;

@@ -22,7 +22,7 @@ public:
     explicit Session(const ControllerSettings& settings);
     ~Session() override;
 
-    bool start(const QVector<Variable>& watched, QString* error);
+    bool start(const QVector<Variable> watched, QString* error);
     void stop();
 
     /// Not while one of its functions is running further up; then deleteLater().

@@ -1,5 +1,7 @@
 #include "host/watch_list.h"
 
+#include "host/variable_bounds.h"
+
 #include <algorithm>
 #include <limits>
 #include <tuple>
@@ -13,7 +15,6 @@ namespace
 
 /// Longer than any block in bytes, timers or counters.
 constexpr int LongestBlock = 256;
-constexpr int StrikesToSetAside = 2;
 constexpr int MostDoublings = 6;
 
 /// Values and bits of a timer or counter are one area: a write to one changes both.
@@ -37,9 +38,14 @@ void WatchList::assign(const QVector<Variable>& variables, const QVector<int>& s
     m_entries.clear();
     m_places.clear();
     m_changes.clear();
+    m_firstApart = 0;
     for (int i = 0; i < int(variables.size()); ++i) {
         Entry entry;
         entry.station = stations.at(i);
+        if (!isInItsArea(variables.at(i))) {
+            m_entries.push_back(entry); // never read
+            continue;
+        }
         for (const ReadBlock& block : readBlocks(variables.at(i), entry.station, limit)) {
             m_places.push_back(
                 {block.type, block.station, block.start, i, int(entry.blocks.size())});
@@ -66,15 +72,19 @@ QVector<ReadBlock> WatchList::apartBlocks(int station) const
 QVector<ReadBlock> WatchList::blocks(int station, bool apart) const
 {
     QVector<ReadBlock> found;
-    for (const Entry& entry : m_entries) {
+    QVector<ReadBlock> onTrial;
+    const std::size_t first = apart ? m_firstApart : 0;
+    for (std::size_t i = 0; i < m_entries.size(); ++i) {
+        const Entry& entry = m_entries[(first + i) % m_entries.size()];
         if (entry.station != station || entry.setAside || (entry.apartFor > 0) != apart)
             continue;
         for (const Block& block : entry.blocks) {
-            if (!apart || !found.contains(block.block))
-                found.append(block.block);
+            QVector<ReadBlock>& list = entry.onTrial ? onTrial : found;
+            if (!apart || (!found.contains(block.block) && !onTrial.contains(block.block)))
+                list.append(block.block);
         }
     }
-    return found;
+    return found + onTrial;
 }
 
 /// Calls `visit` with entry and block number for every block that overlaps.
@@ -119,7 +129,6 @@ void WatchList::readGood(int index, Micros now, const Fetch& fetch)
     entry.readAt = oldest;
     entry.expired = false;
     entry.setAside = entry.onTrial = false;
-    entry.strikes = 0;
     entry.detail.clear();
     if (entry.apartFor > 0 && --entry.apartFor == 0)
         m_listChanged = true;
@@ -179,15 +188,16 @@ bool WatchList::refused(const ReadBlock& block, bool apart, const Failure& failu
     });
     for (int suspect : std::as_const(suspects)) {
         Entry& entry = m_entries[std::size_t(suspect)];
-        ++entry.strikes;
         entry.detail = failure.detail;
-        if (!apart && suspects.size() > 1)
-            entry.suspected = std::min(entry.suspected + 1, MostDoublings);
-        if (entry.strikes >= StrikesToSetAside) {
+        if (apart) {
             entry.setAside = true;
+            entry.onTrial = false;
             entry.retryAt = now + RetryRefusedAfter;
+            m_firstApart = std::size_t(suspect) + 1;
+        } else {
+            entry.apartFor = 1 << entry.suspected;
+            entry.suspected = std::min(entry.suspected + 1, MostDoublings);
         }
-        entry.apartFor = 1 << entry.suspected;
         touch(suspect);
     }
     m_listChanged = m_listChanged || !suspects.isEmpty();
@@ -197,28 +207,28 @@ bool WatchList::refused(const ReadBlock& block, bool apart, const Failure& failu
 void WatchList::forgive(int station)
 {
     for (Entry& entry : m_entries) {
-        if (entry.station == station && entry.setAside)
-            tryAgain(entry);
+        if (entry.station == station)
+            entry.retryAt = 0;
     }
 }
 
-void WatchList::forgiveDue(Micros now)
+/// It is shown as refused until it is read.
+void WatchList::beginTrial(int station, Micros now)
 {
+    Entry* next = nullptr;
     for (Entry& entry : m_entries) {
-        if (entry.setAside && now >= entry.retryAt)
-            tryAgain(entry);
+        if (entry.station != station)
+            continue;
+        if (entry.onTrial)
+            return;
+        if (entry.setAside && entry.retryAt <= now && (!next || entry.retryAt < next->retryAt))
+            next = &entry;
     }
-}
-
-/// Apart from the others, and shown as refused until it is read; refused once more it is set aside
-/// at once.
-void WatchList::tryAgain(Entry& entry)
-{
-    entry.setAside = false;
-    entry.onTrial = true;
-    entry.strikes = StrikesToSetAside - 1;
-    entry.apartFor = std::max(entry.apartFor, 1);
-    m_listChanged = true;
+    if (!next)
+        return;
+    next->setAside = false;
+    next->onTrial = true;
+    next->apartFor = std::max(next->apartFor, 1);
 }
 
 bool WatchList::takeListChange()

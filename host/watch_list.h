@@ -17,7 +17,8 @@ namespace s7200
 ///
 /// A read that is refused takes the link down with it, and the driver reads neighbours together. So
 /// after a refusal all variables of that read are suspects and are read apart, each on its own,
-/// where a good reading clears them; who is refused apart as well is set aside for a while.
+/// where a good reading clears them; who is refused apart as well is set aside for a while. Then
+/// one at a time is put on trial, since each refusal costs a connection.
 class WatchList
 {
 public:
@@ -34,7 +35,8 @@ public:
         return m_variables;
     }
 
-    /// To be read in the cyclic list, and apart.
+    /// To be read in the cyclic list, and apart: those on trial last, and first those that come
+    /// behind the one that was refused last.
     QVector<ReadBlock> cyclicBlocks(int station) const;
     QVector<ReadBlock> apartBlocks(int station) const;
 
@@ -49,10 +51,10 @@ public:
     /// variable.
     bool refused(const ReadBlock& block, bool apart, const Failure& failure, Micros now);
 
-    /// All that are set aside shall be tried again: the connection is a new one.
+    /// All that are set aside are due for a trial: the connection is a new one.
     void forgive(int station);
-    /// The same for those whose time has come.
-    void forgiveDue(Micros now);
+    /// Puts one of those that are due on trial, unless one is already.
+    void beginTrial(int station, Micros now);
 
     /// True once after the cyclic list has become another.
     bool takeListChange();
@@ -82,7 +84,6 @@ private:
         bool expired = false;
         bool setAside = false;
         bool onTrial = false; ///< Was set aside and is being tried again.
-        int strikes = 0;      ///< Refusals without a good reading between.
         int apartFor = 0;     ///< Good readings apart before it joins the others again.
         int suspected = 0;    ///< How often, in all.
         Micros retryAt = 0;
@@ -102,13 +103,13 @@ private:
     void readGood(int index, Micros now, const Fetch& fetch);
     QVector<ReadBlock> blocks(int station, bool apart) const;
     void touch(int index);
-    void tryAgain(Entry& entry);
 
     QVector<Variable> m_variables;
     std::vector<Entry> m_entries;
     std::vector<Place> m_places; ///< Of all blocks, in order.
     QVector<int> m_changes;
     bool m_listChanged = false;
+    std::size_t m_firstApart = 0; ///< Behind the one that was refused last.
 };
 
 } // namespace s7200

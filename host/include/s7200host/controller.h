@@ -72,8 +72,12 @@ struct Result {
 /// an interval, reads and writes on request. Any number may live in one thread.
 ///
 /// Non-blocking: everything happens in the event loop of the object's thread, which is also the
-/// only thread that may call its functions, and on which completions and signals come. A completion
-/// may call any function, and may delete the object later (deleteLater) but not at once.
+/// only thread that may call its functions, and on which completions and signals come, never
+/// before the function that asks for them has returned, stop() excepted. They may call any
+/// function and delete the object.
+///
+/// Requests that are open when the object ends are told so then: delete it, or stop() it, before
+/// what its completions use.
 class S7200HOST_EXPORT Controller : public QObject
 {
     Q_OBJECT
@@ -108,12 +112,12 @@ public:
     Value value(int index) const;
 
     /// Reads a variable once. A request waits while the link is being brought up and fails at once
-    /// while it is Waiting or Down.
+    /// while it is Waiting or Down, unless for a refused variable's sake.
     void read(const Variable& variable, const Done& done);
 
     /// Writes a variable, one value an element, right-aligned; done when the controller has
-    /// acknowledged all of it or refused a part. Writes are carried out in the order given; they
-    /// are not kept for a link that is Waiting or Down but fail at once.
+    /// acknowledged all of it or refused a part. Writes are carried out in the order given; as
+    /// reads they are not kept for a link that is Waiting or Down.
     void write(const Variable& variable, const QVector<quint32>& values, const Done& done = {});
 
     /// The same from a text such as "VW100=7". False with a one-line `error`, and nothing sent, if
@@ -126,7 +130,9 @@ public:
     const LinkStatistics& statistics() const; ///< Of all stations together.
 
 Q_SIGNALS:
-    /// At each change of a link's state; every attempt to connect is one.
+    /// A link has come up, was lost, or fails for another reason than before; each trouble is told
+    /// once, and that it is Down. Further attempts only count: see link(). A loss that a refused
+    /// variable has cost is not told if the link comes back at once.
     void linkChanged(const s7200::LinkStatus& status);
 
     /// Value or quality of watched variables has changed, by index in watched().

@@ -71,7 +71,7 @@ public:
     qint64 percentile(double share) const;
 
 private:
-    std::array<quint32, Buckets> m_buckets = {};
+    std::array<quint64, Buckets> m_buckets = {};
     quint64 m_count = 0;
     qint64 m_minimum = 0;
     qint64 m_maximum = 0;

@@ -1,0 +1,139 @@
+// The part of LinkMachine that reads what is watched: once an interval, all of it.
+
+#include "host/link_machine.h"
+
+#include <algorithm>
+
+namespace s7200
+{
+
+namespace
+{
+
+constexpr Micros PerMs = 1000;
+/// A value that has not been read for so many intervals is stale.
+constexpr int IntervalsToStale = 3;
+constexpr int MostTags = 1 << 30;
+constexpr Micros RestingInterval = 1000 * PerMs;
+constexpr Micros ShortestInterval = 10 * PerMs;
+
+/// SMW0, the controller's own status: read where nothing else is, to keep up a link.
+ReadBlock probeOf(int station)
+{
+    ReadBlock probe;
+    probe.type = Type_SMW;
+    probe.station = station;
+    probe.units = 2;
+    return probe;
+}
+
+} // namespace
+
+/// Hands the driver its cyclic list, of the stations that are connected. A failed handshake does
+/// not move the driver on to the next request of that list, so the others do not belong there.
+void LinkMachine::relist()
+{
+    QVector<ReadBlock> blocks;
+    for (const auto& entry : m_stations) {
+        const Station& station = entry.second;
+        if (!isConnected(station))
+            continue;
+        const QVector<ReadBlock> wanted = m_watch.cyclicBlocks(entry.first);
+        const bool probes = isProbed(station) && m_watch.apartBlocks(entry.first).isEmpty();
+        // The driver shakes hands, and finds out that a link is lost, in the place of a request.
+        if (wanted.isEmpty() && (probes || !isReady(station)))
+            blocks.append(probeOf(entry.first));
+        blocks += wanted;
+    }
+    m_comInfo.block_length_limit = m_blockLimit;
+    m_listed =
+        m_driver.ReCreatReadVarList(cyclicRecords(blocks, m_comInfo.per_variable_stations != 0));
+    m_watch.takeListChange();
+    m_relist = m_inCycle = false;
+    m_nextCycle = m_now;
+    m_cycleBegan = -1;
+}
+
+void LinkMachine::beginCycleIfDue()
+{
+    if (m_inCycle || m_now < m_nextCycle || !anyReady())
+        return;
+    if (m_watch.takeListChange())
+        relist();
+    const Micros interval = std::max(1, m_settings.intervalMs) * PerMs;
+    // Timers are a little late by nature.
+    if (m_cycleBegan >= 0 && m_now > m_cycleBegan + interval + interval / 10)
+        ++m_statistics.lateCycles;
+    m_cycleBegan = m_now;
+    m_nextCycle += interval;
+    if (m_nextCycle <= m_now)
+        m_nextCycle = m_now + interval; // what was missed is not made up for
+    m_inCycle = true;
+    m_cyclicLeft = m_listed;
+    m_apartLeft = 0;
+    m_apartQueued = false;
+    m_cycleTrips = 0;
+    m_cycleTag = m_cycleTag % MostTags + 1;
+    for (auto& entry : m_stations)
+        entry.second.answered = false;
+    expireValues();
+    cycleProgress();
+}
+
+/// Behind the others, since a refusal ends the connection.
+void LinkMachine::readApart()
+{
+    m_apartQueued = true;
+    for (const auto& entry : m_stations) {
+        if (!isReady(entry.second))
+            continue;
+        if (m_now >= entry.second.nextTrial)
+            m_watch.beginTrial(entry.first, m_now);
+        for (const ReadBlock& block : m_watch.apartBlocks(entry.first)) {
+            queueRead(block, ApartKey, m_cycleTag);
+            ++m_apartLeft;
+        }
+    }
+}
+
+void LinkMachine::cycleProgress()
+{
+    if (!m_inCycle || m_cyclicLeft > 0)
+        return;
+    if (!m_apartQueued)
+        readApart();
+    if (m_apartLeft > 0)
+        return;
+    m_inCycle = false;
+    m_lastTrips = m_cycleTrips;
+    ++m_statistics.cycles;
+    bool anyAnswered = false;
+    for (auto& entry : m_stations) {
+        Station& station = entry.second;
+        anyAnswered = anyAnswered || station.answered;
+        // Where nothing is asked, that the connection lasts has to do.
+        if (isReady(station) &&
+            (station.answered || m_now >= station.upSince + LinkHealth::LongestDelay))
+            station.health.goodCycle();
+    }
+    if (!anyAnswered)
+        m_nextCycle = std::max(m_nextCycle, m_now + RestingInterval);
+    tellChanges();
+    m_news.push_back({m_list, [this] { m_orders.tellCycle(); }});
+}
+
+/// An interval may be shorter than it takes to read everything once.
+Micros LinkMachine::valueLifetime() const
+{
+    const Micros interval = m_settings.intervalMs * PerMs;
+    // As quickly as possible, so that how long it takes is not known beforehand.
+    const Micros floor = interval < ShortestInterval ? m_settings.timeoutMs * PerMs : 0;
+    return IntervalsToStale * std::max({interval, m_lastTrips, floor});
+}
+
+void LinkMachine::expireValues()
+{
+    m_nextExpiry = m_watch.expire(m_now - valueLifetime(), valueLifetime());
+}
+
+} // namespace s7200
