@@ -1,7 +1,5 @@
 #include "host/link_machine.h"
 
-#include "host/variable_bounds.h"
-
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -17,15 +15,13 @@ namespace
 constexpr int LinkId = 1; // the same in all requests: a reply to another link's is not stored
 constexpr Micros PerMs = 1000;
 constexpr Micros Never = std::numeric_limits<Micros>::max();
-/// Blocks are whole words.
-constexpr int SmallestBlock = 2;
 /// Null in a row while there are requests; one is the driver's idle call in five.
 constexpr int MostIdleCalls = 3;
 
 } // namespace
 
-/// What FlashLocalRegister wants: LocalWordCount words, of which the last two are the TSAPs. The rest is
-/// never touched, so it is mapped and takes no memory.
+/// What FlashLocalRegister wants: LocalWordCount words, of which the last two are the TSAPs. The
+/// rest is never touched, so it is mapped and takes no memory.
 struct LinkMachine::LocalWords {
     static constexpr std::size_t Count = LocalWordCount;
     static constexpr std::size_t CalledTsap = LocalWord_CalledTsap;
@@ -61,8 +57,7 @@ LinkMachine::LinkMachine(DriverCopy& driver, const ControllerSettings& settings,
         m_localWords->words[LocalWords::CalledTsap] = settings.remoteTsap;
         m_localWords->words[LocalWords::CallingTsap] = settings.localTsap;
     }
-    m_requestLimit =
-        settings.blockLimit > 0 ? std::max(settings.blockLimit, SmallestBlock) : blockLimitFor({});
+    m_requestLimit = requestLimitFor(settings.blockLimit);
     m_comInfo.default_station = settings.defaultStation;
     m_comInfo.retry_limit = settings.retries;
     m_comInfo.per_variable_stations = settings.stations.isEmpty() ? 0 : 1;
@@ -174,19 +169,9 @@ void LinkMachine::watch(const QVector<Variable>& variables, Micros now)
 {
     m_now = std::max(m_now, now);
     QVector<int> stations;
-    QVector<Variable> usable;
-    int analogWords = 0;
-    for (const Variable& variable : variables) {
+    for (const Variable& variable : variables)
         stations.append(stationOf(variable));
-        if (!isInItsArea(variable))
-            continue;
-        usable.append(variable);
-        if (variable.isAnalog())
-            analogWords = variable.area->size / 2;
-    }
-    // The driver merges neighbours up to the limit whatever their kind takes in a reply, and
-    // cannot cut analogue words.
-    m_blockLimit = std::max(std::min(m_requestLimit, blockLimitFor(usable)), analogWords);
+    m_blockLimit = listLimitFor(variables, m_settings.blockLimit);
     m_watch.assign(variables, stations, m_blockLimit);
     for (const auto& entry : m_stations) {
         if (entry.second.isUp)
@@ -298,9 +283,10 @@ void LinkMachine::checkDeadlines()
         if (entry.second.phase != Phase::Connecting || m_now < entry.second.deadline)
             continue;
         countFailure(Cause::NoConnection);
-        attemptFailed(entry.first,
-                      {Cause::NoConnection,
-                       QStringLiteral("no connection within %1 ms").arg(m_settings.timeoutMs)});
+        const QString what = m_orders.isLookingUp(entry.first)
+                                 ? QStringLiteral("name look-up failed: nothing within %1 ms")
+                                 : QStringLiteral("no connection within %1 ms");
+        attemptFailed(entry.first, {Cause::NoConnection, what.arg(m_settings.timeoutMs)});
     }
     if (m_now >= m_nextExpiry)
         expireValues();

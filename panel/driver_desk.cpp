@@ -68,7 +68,7 @@ void DriverDesk::setTsaps(quint16 local, quint16 remote)
 
 int DriverDesk::watch(const QVector<Variable>& variables)
 {
-    const int limit = m_settings.blockLimit > 0 ? m_settings.blockLimit : blockLimitFor(variables);
+    const int limit = listLimitFor(variables, m_settings.blockLimit);
     comInfo.block_length_limit = limit;
     QVector<int> stations;
     for (const Variable& variable : variables)
