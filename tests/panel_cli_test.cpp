@@ -266,7 +266,11 @@ private slots:
             const QByteArray seen =
                 QStringLiteral("%1: %2\n%3%4").arg(row.line).arg(status).arg(out, err).toUtf8();
             QVERIFY2(status == row.status && err.contains(row.err), seen);
-            QVERIFY2(row.out ? out == row.out : status != 0 || !out.isEmpty(), seen);
+            // On a slow machine what was not yet read may be told before.
+            QVERIFY2(!row.out           ? status != 0 || !out.isEmpty()
+                     : *row.out == '\0' ? out.isEmpty()
+                                        : out.endsWith(row.out),
+                     seen);
             QVERIFY2(status != 2 || err.count('\n') <= 2, seen);
         }
         for (const char* faulty : {"silent", "mute", "closing", "refusing", "babbling"})
