@@ -283,9 +283,10 @@ void LinkMachine::checkDeadlines()
         if (entry.second.phase != Phase::Connecting || m_now < entry.second.deadline)
             continue;
         countFailure(Cause::NoConnection);
-        attemptFailed(entry.first,
-                      {Cause::NoConnection,
-                       QStringLiteral("no connection within %1 ms").arg(m_settings.timeoutMs)});
+        const QString what = m_orders.isLookingUp(entry.first)
+                                 ? QStringLiteral("name look-up failed: nothing within %1 ms")
+                                 : QStringLiteral("no connection within %1 ms");
+        attemptFailed(entry.first, {Cause::NoConnection, what.arg(m_settings.timeoutMs)});
     }
     if (m_now >= m_nextExpiry)
         expireValues();

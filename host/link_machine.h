@@ -27,6 +27,12 @@ public:
     virtual void open(int station) = 0;
     /// Close it, or give up opening it, without an answer.
     virtual void close(int station) = 0;
+    /// True while open() still awaits a name server.
+    virtual bool isLookingUp(int station) const
+    {
+        Q_UNUSED(station);
+        return false;
+    }
     /// Drop what has come in, then send.
     virtual void send(int station, const QByteArray& frame) = 0;
     /// timePassed() is due at that time; replaces what was said before.

@@ -87,18 +87,20 @@ void LinkMachine::linkLost(const RW_VAR& request)
     const bool refused = failure.cause == Cause::Refused;
     if (station.isUp)
         ++m_statistics.linkLosses;
-    bool news = false;
-    if (refused && (request.host_key == ReadKey || request.host_key == WriteKey))
-        news = true; // a single request, which ends here
-    else if (refused)
-        news = m_watch.refused(blockOf(request), request.host_key == ApartKey, failure, m_now);
-    if (refused && !news)
-        news = station.probeRefused = true; // which shows that the link is good without
-    if (refused && request.host_key == ApartKey)
+    // A single request ends here.
+    const bool isWatched = request.host_key != ReadKey && request.host_key != WriteKey;
+    const bool isApart = request.host_key == ApartKey;
+    if (refused && isWatched) {
+        if (m_watch.refused(blockOf(request), isApart, failure, m_now))
+            station.health.hasLearnt();
+        else
+            station.probeRefused = true; // which shows that the link is good without
+    }
+    if (refused && isApart)
         station.nextTrial = m_now + TrialSpacing;
-    dropActive(request, failure, news);
-    closeStation(number, failure, news);
-    if (!news)
+    dropActive(request, failure, refused);
+    closeStation(number, failure, refused);
+    if (!refused)
         failWaiting(number,
                     {Cause::Dropped, QStringLiteral("dropped with the link: ") + failure.detail});
 }
