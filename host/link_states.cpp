@@ -72,6 +72,20 @@ void LinkMachine::up(int number)
     tellLink(number);
 }
 
+/// The driver has to find out that the connection is gone, by a request of its own.
+void LinkMachine::disconnected(int number, const Failure& failure)
+{
+    Station& station = m_stations.at(number);
+    station.isOpen = false;
+    m_relist = true;
+    if (m_transaction.isOpen && m_transaction.request.station == number) {
+        replied(m_collector.whatCameInstead(), failure);
+    } else {
+        station.failure = failure;
+        countFailure(failure.cause);
+    }
+}
+
 void LinkMachine::attemptFailed(int number, const Failure& failure)
 {
     closeStation(number, failure, false);

@@ -23,6 +23,7 @@ constexpr Micros Ms = 1000;
 ///   +MS                          time passes, with the wakes that were ordered
 ///   stall MS                     time passes at once
 ///   watch V..., read V, write V=N
+///   flood KB                     zeros that nobody has asked for
 ///   then EVENT                   that is what the next slot or completion does
 ///
 ///   show                         the watched values
@@ -81,6 +82,8 @@ private:
             request(rest);
         else if (verb == "then")
             m_then = rest;
+        else if (verb == "flood")
+            m_machine->received(station, QByteArray(rest.toInt() * 1024, '\0'), m_now);
         else if (verb == "show")
             tellAll();
         else if (verb == "stall")
@@ -349,6 +352,13 @@ private slots:
             "ok              -> up; cycle\n"
             "+999            -> \n"
             "+1              -> cycle\n");
+        add("a peer that floods", "",
+            Up + "flood 255       -> \n"
+                 "+500            -> get V0+6\n"
+                 "ok 000100000005 -> cycle\n"
+                 "flood 255       -> \n"
+                 "flood 1         -> close; close; down: not S7; VW0 link down 1; "
+                 "VW4 link down 5\n");
         add("a completion that stops leaves no other out", "",
             "start           -> open; connecting\n"
             "read VW0        -> \n"
