@@ -17,6 +17,8 @@ constexpr Micros PerMs = 1000;
 constexpr Micros Never = std::numeric_limits<Micros>::max();
 /// Null in a row while there are requests; one is the driver's idle call in five.
 constexpr int MostIdleCalls = 3;
+/// From one frame to the next. A reply has 240 bytes; who sends this much is read for nothing.
+constexpr int MostReceivedBytes = 256 * 1024;
 
 } // namespace
 
@@ -111,6 +113,7 @@ void LinkMachine::opened(int number, Micros now)
         ++m_statistics.connections;
         station.phase = Phase::Handshake;
         station.isOpen = true;
+        station.received = 0;
         m_relist = true;
         tellLink(number);
     }
@@ -130,7 +133,13 @@ void LinkMachine::openFailed(int number, const QString& why, Micros now)
 void LinkMachine::received(int number, const QByteArray& bytes, Micros now)
 {
     m_now = now;
-    if (m_transaction.isOpen && m_transaction.request.station == number) {
+    Station& station = m_stations.at(number);
+    station.received += int(bytes.size());
+    if (station.isOpen && station.received > MostReceivedBytes) {
+        m_orders.close(number);
+        disconnected(number, {Cause::NotS7, QStringLiteral("more than %1 KB that nothing asked for")
+                                                .arg(MostReceivedBytes / 1024)});
+    } else if (m_transaction.isOpen && m_transaction.request.station == number) {
         m_collector.append(bytes);
         if (const auto reply = m_collector.takeReply())
             replied(*reply, Failure());
@@ -143,19 +152,9 @@ void LinkMachine::received(int number, const QByteArray& bytes, Micros now)
 void LinkMachine::closed(int number, Micros now)
 {
     m_now = now;
-    Station& station = m_stations.at(number);
-    if (station.isOpen) {
-        station.isOpen = false;
-        m_relist = true; // the driver has to find out, by a request of its own
-        const Failure failure{Cause::Closed,
-                              QStringLiteral("the connection was closed by the controller")};
-        if (m_transaction.isOpen && m_transaction.request.station == number) {
-            replied(m_collector.whatCameInstead(), failure);
-        } else {
-            station.failure = failure;
-            countFailure(Cause::Closed);
-        }
-    }
+    if (m_stations.at(number).isOpen)
+        disconnected(
+            number, {Cause::Closed, QStringLiteral("the connection was closed by the controller")});
     settle(true);
 }
 
@@ -283,9 +282,10 @@ void LinkMachine::checkDeadlines()
         if (entry.second.phase != Phase::Connecting || m_now < entry.second.deadline)
             continue;
         countFailure(Cause::NoConnection);
-        attemptFailed(entry.first,
-                      {Cause::NoConnection,
-                       QStringLiteral("no connection within %1 ms").arg(m_settings.timeoutMs)});
+        const QString what = m_orders.isLookingUp(entry.first)
+                                 ? QStringLiteral("name look-up failed: nothing within %1 ms")
+                                 : QStringLiteral("no connection within %1 ms");
+        attemptFailed(entry.first, {Cause::NoConnection, what.arg(m_settings.timeoutMs)});
     }
     if (m_now >= m_nextExpiry)
         expireValues();
