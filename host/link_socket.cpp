@@ -2,6 +2,11 @@
 
 #include <QNetworkProxy>
 
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <algorithm>
+
 namespace s7200
 {
 
@@ -10,7 +15,7 @@ namespace
 
 /// A peer that sends without being asked must not fill our memory.
 constexpr int MostUnreadBytes = 64 * 1024;
-constexpr int MostStaleReads = 4;
+constexpr int MostStaleReads = 64;
 
 } // namespace
 
@@ -60,23 +65,40 @@ void LinkSocket::close()
     m_socket.abort();
 }
 
+/// Past QTcpSocket where that is possible: asked to look for input or to write, it takes its
+/// notifiers out of the event loop and puts them in again, which costs more the more links there
+/// are.
 void LinkSocket::send(const QByteArray& frame)
 {
-    // What has arrived but was not yet noticed cannot be the reply.
-    const State state = std::exchange(m_state, State::Closed);
-    int rounds = 0;
-    while (m_socket.state() == QTcpSocket::ConnectedState && m_socket.waitForReadyRead(0)) {
-        take();
-        if (++rounds > MostStaleReads)
-            m_socket.abort(); // it never stops; the others of this thread want to go on
-    }
-    m_state = state;
-    if (m_trace)
-        m_trace->record(m_traceId, wire::FrameTrace::ToController, frame);
+    dropStaleInput();
     if (m_socket.state() != QTcpSocket::ConnectedState)
         return; // which is told
-    m_socket.write(frame);
+    if (m_trace)
+        m_trace->record(m_traceId, wire::FrameTrace::ToController, frame);
+    const auto sent = ::send(int(m_socket.socketDescriptor()), frame.constData(),
+                             std::size_t(frame.size()), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent == frame.size())
+        return;
+    m_socket.write(frame.mid(int(std::max<ssize_t>(sent, 0))));
     m_socket.flush();
+}
+
+/// What has arrived but was not yet noticed cannot be the reply.
+void LinkSocket::dropStaleInput()
+{
+    m_socket.readAll();
+    char stale[4096];
+    for (int round = 0; m_socket.state() == QTcpSocket::ConnectedState; ++round) {
+        const auto size =
+            ::recv(int(m_socket.socketDescriptor()), stale, sizeof stale, MSG_DONTWAIT);
+        if (size <= 0)
+            return;
+        if (m_trace)
+            m_trace->record(m_traceId, wire::FrameTrace::FromController,
+                            QByteArray(stale, int(size)));
+        if (round == MostStaleReads)
+            m_socket.abort(); // it never stops; the others of this thread want to go on
+    }
 }
 
 void LinkSocket::resolved(const QList<QHostAddress>& addresses)

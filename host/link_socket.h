@@ -51,6 +51,7 @@ private:
     void failed();
     void fail(const QString& why);
     void traceEnd(wire::FrameTrace::Direction by);
+    void dropStaleInput();
     QByteArray take();
 
     const Endpoint m_endpoint;

@@ -6,6 +6,8 @@
 
 #include <QStringList>
 
+#include <limits>
+
 namespace s7200
 {
 
@@ -84,13 +86,13 @@ public:
     {
         return run(isLetter);
     }
-    /// -1: no digits, or more than fit.
+    /// -1: no digits. What is too large is as large as fits, beyond every limit.
     int number()
     {
         const QString digits = run(isDigit);
         bool ok = false;
         const int value = digits.toInt(&ok);
-        return ok ? value : -1;
+        return ok ? value : digits.isEmpty() ? -1 : std::numeric_limits<int>::max();
     }
 
 private:

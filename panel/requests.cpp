@@ -1,5 +1,6 @@
 #include "panel/requests.h"
 
+#include "panel/merged_reads.h"
 #include "panel/progress_line.h"
 
 namespace s7200::panel
@@ -46,12 +47,32 @@ QVector<Result> readItems(const Session& session, const QVector<Item>& items)
 {
     QVector<Result> results(items.size());
     Batch batch(session, "read", int(items.size()));
-    for (int i = 0; i < int(items.size()); ++i) {
-        session.controller(items.at(i).controller)
-            .read(items.at(i).tag.variable, [&results, &batch, i](const Result& result) {
-                results[i] = result;
+    const auto readAlone = [&](int index) {
+        const Item& item = items.at(index);
+        session.controller(item.controller)
+            .read(item.tag.variable, [&, index](const Result& result) {
+                results[index] = result;
                 batch.finishOne();
             });
+    };
+    for (const MergedRead& read : mergedReads(items)) {
+        if (read.indexes.size() == 1) {
+            readAlone(read.indexes.first());
+            continue;
+        }
+        session.controller(read.controller).read(read.variable, [&, read](const Result& result) {
+            for (int index : read.indexes) {
+                if (result.cause == Cause::Refused) { // one of them, perhaps
+                    readAlone(index);
+                    continue;
+                }
+                results[index] = result;
+                if (result)
+                    results[index].value.elements = elementsWithin(
+                        items.at(index).tag.variable, read.variable, result.value.elements);
+                batch.finishOne();
+            }
+        });
     }
     batch.wait();
     return results;

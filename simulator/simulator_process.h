@@ -27,10 +27,7 @@ public:
     {
         constexpr int Highest = 32000;
         for (int port = m_port ? m_port : lowestPort; port + m_count < Highest; port += m_count) {
-            m_process.start(QCoreApplication::applicationDirPath() + "/s7200-sim",
-                            QStringList{"--frozen", "--count", QString::number(m_count), "--listen",
-                                        QString("127.0.0.1:%1").arg(port)} +
-                                m_options);
+            m_process.start(program(), arguments(port));
             const bool listens = m_process.waitForReadyRead(StartMs);
             if (listens)
                 m_port = quint16(port);
@@ -39,6 +36,17 @@ public:
             m_process.waitForFinished(StartMs);
         }
         return false;
+    }
+
+    /// Starts again on the same ports, without waiting; isListening() tells when it does.
+    void startAgain()
+    {
+        m_process.start(program(), arguments(m_port));
+    }
+
+    bool isListening() const
+    {
+        return m_process.bytesAvailable() > 0;
     }
 
     void kill()
@@ -54,6 +62,18 @@ public:
 
 private:
     static constexpr int StartMs = 60000;
+
+    static QString program()
+    {
+        return QCoreApplication::applicationDirPath() + "/s7200-sim";
+    }
+
+    QStringList arguments(int port) const
+    {
+        return QStringList{"--frozen", "--count", QString::number(m_count), "--listen",
+                           QString("127.0.0.1:%1").arg(port)} +
+               m_options;
+    }
 
     const int m_count;
     const QStringList m_options;

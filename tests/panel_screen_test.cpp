@@ -136,6 +136,16 @@ private slots:
         QCOMPARE(textOf(drawPlant(rows, {40, 10, false, false, true}, 5)), small);
     }
 
+    void moreTroublesThanRoom()
+    {
+        const QVector<WatchedRow> rows = plant();
+        ScreenContents contents;
+        contents.status = QStringList{"0 of 4 links up", "a: off", "b: off", "c: off", "d: off"};
+        contents.rows = &rows;
+        QVERIFY(textOf(draw(contents, {40, 10})).contains("up\n4 in trouble: a: off\n"));
+        QVERIFY(textOf(draw(contents, {40, 16})).contains("b: off\nand 2 more in trouble\n"));
+    }
+
     // Whatever the size, no line is too wide, none is missing, and the scrolling stays inside.
     void everySize()
     {

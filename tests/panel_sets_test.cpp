@@ -138,11 +138,33 @@ private slots:
         QVERIFY2(err.contains("--controller"), qPrintable(err));
     }
 
+    // Neighbours are read together, and each gets what it gets alone.
+    void neighbours()
+    {
+        QByteArray memory;
+        for (int i = 0; i < 120; ++i)
+            memory.append(char(0x35 + 7 * i));
+        m_simulator->poke(SimulatorArea::V, 200, memory);
+        m_simulator->poke(SimulatorArea::M, 0, memory.left(9));
+        m_simulator->poke(SimulatorArea::AIW, 0, memory.left(8));
+        m_simulator->poke(SimulatorArea::Timer, 5, QByteArray::fromHex("0000000007"));
+        m_simulator->poke(SimulatorArea::Timer, 10, QByteArray::fromHex("0000000008"));
+        const QString variables = "VD203 VW200 V201.3x9 TV9x2 VB207 VB305 VW206/s VW307 MB3 MD1 "
+                                  "M2.7x2 TV5 CV3 AIW6 AIW2 VD203";
+        QString alone;
+        for (const QString& variable : variables.split(' '))
+            alone += run("read " + variable).out;
+        const Run together = run("read --trace - " + variables);
+        QCOMPARE(together.out, alone);
+        // VW307 would be beyond what one request brings.
+        QCOMPARE(int(together.err.count(QRegularExpression("0401120a1002....000184"))), 2);
+    }
+
     void reads()
     {
-        const Run text = run("read --tags tags.csv s* VW100 VW100/h MW4000");
+        const Run text = run("read --tags tags.csv s* VW100 VW100/h MW254 MW256");
         QCOMPARE(text.status, 6);
-        QCOMPARE(text.out, QString("speed 0.0 rpm\nVW100 0\nVW100/hex 0x0000\n"));
+        QCOMPARE(text.out, QString("speed 0.0 rpm\nVW100 0\nVW100/hex 0x0000\nMW254 0\n"));
         // Programs get a record of what could not be read, too.
         const QString csv = run("read --format csv VW100 MW4000").out;
         QVERIFY2(QRegularExpression("^time,[^\n]*\n[^\n]*,VW100,VW100,0,,good\n"
