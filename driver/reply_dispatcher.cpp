@@ -71,6 +71,7 @@ void handshakeFailed(PLC_CHECK& check)
     }
 }
 
+/// By the reply's bytes alone, whatever its length. Deliberate: docs/oddities.md, Link loss.
 void dealHandshakeReply(PLC_CHECK& check, QByteArray* reply)
 {
     COM_INFO& info = *PLC_driver.com_info;
@@ -210,6 +211,7 @@ void requestFailed(PLC_CHECK& check, bool local, int result)
     completeRequest(local, result);
 }
 
+/// Transactions of every kind. Deliberate: docs/oddities.md, Scheduling.
 void countTransaction()
 {
     COM_INFO& info = *PLC_driver.com_info;
@@ -220,6 +222,7 @@ void countTransaction()
     }
 }
 
+/// Leaves retry_count as it is. Deliberate: docs/oddities.md, Link loss.
 void requestSucceeded(PLC_CHECK& check, bool local, int result)
 {
     COM_INFO& info = *PLC_driver.com_info;

@@ -20,7 +20,8 @@ namespace
 constexpr int ReplyTimeMs = 1000;
 constexpr int RoundMs = 500;
 constexpr int IdleMs = 10;
-constexpr int ReconnectMs = 1000;
+constexpr int FirstPauseMs = 200; ///< Between attempts to connect; doubled,
+constexpr int LongestPauseMs = 10000;
 constexpr int EmptyTpdu = 7; // TPKT and data header without content
 
 /// The host's side of the wire: one TCP connection, one frame out, one TPKT (RFC 1006) in.
@@ -31,6 +32,12 @@ public:
     ~Connection()
     {
         close();
+    }
+
+    /// All is well: the next attempt to connect need not wait long.
+    void roundDone()
+    {
+        m_pauseMs = FirstPauseMs;
     }
 
     /// The reply to a frame; empty if there is none in time.
@@ -51,11 +58,14 @@ private:
     bool open()
     {
         close();
+        // Do not knock without a pause, whatever the last attempt failed for.
+        if (m_attempted) {
+            QThread::msleep(quint64(m_pauseMs));
+            m_pauseMs = qMin(2 * m_pauseMs, LongestPauseMs);
+        }
+        m_attempted = true;
         m_socket = ::socket(AF_INET, SOCK_STREAM, 0);
-        if (::connect(m_socket, reinterpret_cast<sockaddr*>(&m_address), sizeof m_address) == 0)
-            return true;
-        QThread::msleep(ReconnectMs); // do not knock without a pause
-        return false;
+        return ::connect(m_socket, reinterpret_cast<sockaddr*>(&m_address), sizeof m_address) == 0;
     }
 
     void close()
@@ -82,11 +92,13 @@ private:
             // Bytes 2 and 3 of a TPKT are its length, most significant byte first.
             while (reply.size() >= 4) {
                 const int length = quint8(reply.at(2)) << 8 | quint8(reply.at(3));
+                if (quint8(reply.at(0)) != 3 || length < EmptyTpdu)
+                    return reply; // no TPKT: the driver says no to it
                 if (reply.size() < length)
                     break;
                 if (length > EmptyTpdu)
                     return reply;
-                reply.remove(0, qMax(length, 4)); // a module may send one ahead of the reply
+                reply.remove(0, length); // a module may send one ahead of the reply
             }
             pollfd readable = {m_socket, POLLIN, 0};
             const int left = ReplyTimeMs - int(time.elapsed());
@@ -102,7 +114,19 @@ private:
 
     sockaddr_in m_address;
     int m_socket = -1;
+    int m_pauseMs = FirstPauseMs;
+    bool m_attempted = false;
 };
+
+/// Says what a link does, once for each change.
+void report(int result)
+{
+    static int last = Result_Good;
+    if (result != Result_WillRetry && result != last) {
+        last = result;
+        std::fprintf(stderr, result == Result_Good ? "link up\n" : "link lost, code %d\n", result);
+    }
+}
 
 void showValue()
 {
@@ -127,13 +151,18 @@ void communicate(Connection& connection, int requestsPerRound, int rounds)
         // Look before DataCom: afterwards the record may be gone.
         const bool cyclicRead = pending->frame_len == 31 && pending->var.host_index == -1;
         QByteArray reply = connection.exchange(pending->frame);
-        const RW_VAR* result = DataCom(&reply, reply.size()); // checks, stores, completes
-        if (result->result != Result_Good && result->result != Result_WillRetry)
-            std::fprintf(stderr, "link lost, code %d\n", result->result);
-        if (!cyclicRead || result->result != Result_Good || ++answered < requestsPerRound)
+        const RW_VAR* result = DataCom(&reply, int(reply.size())); // checks, stores, completes
+        if (result->result != Result_Good) {
+            answered = 0; // what was read before is no part of a round of now
+            report(result->result);
+            continue;
+        }
+        if (!cyclicRead || ++answered < requestsPerRound)
             continue;
         answered = 0; // all that is listed was read: show it, and wait for the next round
         --rounds;
+        connection.roundDone();
+        report(Result_Good);
         showValue();
         QThread::msleep(quint64(qMax(qint64(0), RoundMs - sinceRound.elapsed())));
         sinceRound.start();
@@ -161,7 +190,7 @@ int main(int argc, char** argv)
     info.communication_mode = Mode_WriteThrough;
     SetComInfo(&info);
     RegistCallBackFuncIntf(nullptr, 0);
-    static std::vector<unsigned short> words(55002);
+    static std::vector<unsigned short> words(LocalWordCount);
     FlashLocalRegister(nullptr, words.data(), nullptr);
 
     // What is read over and over: VW0.

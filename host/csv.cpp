@@ -210,7 +210,10 @@ QVector<CsvRow> readCsv(const QByteArray& csv, const QVector<CsvColumn>& columns
         faults->addFile(QStringLiteral("the header line is missing"));
         return {};
     }
+    const int before = faults->count();
     const QVector<int> indexes = columnsOf(rows.takeFirst(), columns, faults);
+    if (faults->count() > before)
+        return {}; // under a wrong header every row would look wrong
     for (CsvRow& row : rows) {
         QStringList fields;
         for (int i = 0; i < int(columns.size()); ++i)

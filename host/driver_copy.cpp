@@ -53,19 +53,22 @@ bool readFile(Shelf& shelf, const QString& name, QString* error)
     return true;
 }
 
-/// Opens a copy in `directory`. The file is gone from there when this returns.
-void* openCopy(const QByteArray& bytes, const QString& directory, QString* error)
+/// Opens a copy in `directory`. The copy is gone from there when this returns.
+void* openCopy(const Shelf& shelf, const QString& directory, QString* error)
 {
     QTemporaryFile copy(directory + QStringLiteral("/s7200-driver-XXXXXX"));
-    if (!copy.open() || copy.write(bytes) != bytes.size() || !copy.flush()) {
+    if (!copy.open() || copy.write(shelf.bytes) != shelf.bytes.size() || !copy.flush()) {
         *error = QStringLiteral("no copy of the driver library in %1: %2")
                      .arg(directory, copy.errorString());
         return nullptr;
     }
     void* const library =
         dlopen(QFile::encodeName(copy.fileName()).constData(), RTLD_NOW | RTLD_LOCAL);
-    if (!library)
-        *error = QString::fromLocal8Bit(dlerror()).simplified();
+    if (!library) // the loader names the copy, which nobody knows
+        *error = QStringLiteral("driver library %1 cannot be loaded as a copy in %2: %3")
+                     .arg(shelf.file, directory,
+                          QString::fromLocal8Bit(dlerror()).simplified().remove(
+                              copy.fileName() + QStringLiteral(": ")));
     return library;
 }
 
@@ -89,7 +92,7 @@ bool DriverCopy::load(const QString& file, QString* error)
     for (const QString& directory :
          {QDir::tempPath(), QStringLiteral("/var/tmp"), QStringLiteral("/dev/shm")}) {
         QString reason;
-        m_library = openCopy(shelf().bytes, directory, &reason);
+        m_library = openCopy(shelf(), directory, &reason);
         if (m_library)
             break;
         if (error->isEmpty())

@@ -128,7 +128,7 @@ Micros LinkMachine::valueLifetime() const
     const Micros interval = m_settings.intervalMs * PerMs;
     // As quickly as possible, so that how long it takes is not known beforehand.
     const Micros floor = interval < ShortestInterval ? m_settings.timeoutMs * PerMs : 0;
-    return IntervalsToStale * std::max({interval, m_lastTrips, floor});
+    return IntervalsToStale * std::max({interval, m_cycleTrips, m_lastTrips, floor});
 }
 
 void LinkMachine::expireValues()

@@ -31,6 +31,11 @@ void LinkHealth::up()
     m_failure = Failure();
 }
 
+void LinkHealth::hasLearnt()
+{
+    m_news = 0;
+}
+
 void LinkHealth::goodCycle()
 {
     m_delay = FirstDelay;

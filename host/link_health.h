@@ -32,6 +32,9 @@ public:
     /// The link works again: the count of attempts begins anew, but not yet the delays.
     void up();
 
+    /// Such news were of a kind that comes to an end: a variable that is not asked for any more.
+    void hasLearnt();
+
     /// Everything was read: the next failure is the first.
     void goodCycle();
 

@@ -1,7 +1,5 @@
 #include "host/link_machine.h"
 
-#include "host/variable_bounds.h"
-
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -17,19 +15,19 @@ namespace
 constexpr int LinkId = 1; // the same in all requests: a reply to another link's is not stored
 constexpr Micros PerMs = 1000;
 constexpr Micros Never = std::numeric_limits<Micros>::max();
-/// Blocks are whole words.
-constexpr int SmallestBlock = 2;
 /// Null in a row while there are requests; one is the driver's idle call in five.
 constexpr int MostIdleCalls = 3;
+/// From one frame to the next. A reply has 240 bytes; who sends this much is read for nothing.
+constexpr int MostReceivedBytes = 256 * 1024;
 
 } // namespace
 
-/// What FlashLocalRegister wants: 55002 words, of which the last two are the TSAPs. The rest is
-/// never touched, so it is mapped and takes no memory.
+/// What FlashLocalRegister wants: LocalWordCount words, of which the last two are the TSAPs. The
+/// rest is never touched, so it is mapped and takes no memory.
 struct LinkMachine::LocalWords {
-    static constexpr std::size_t Count = 55002;
-    static constexpr std::size_t CalledTsap = 55000;
-    static constexpr std::size_t CallingTsap = 55001;
+    static constexpr std::size_t Count = LocalWordCount;
+    static constexpr std::size_t CalledTsap = LocalWord_CalledTsap;
+    static constexpr std::size_t CallingTsap = LocalWord_CallingTsap;
 
     LocalWords()
     {
@@ -61,8 +59,7 @@ LinkMachine::LinkMachine(DriverCopy& driver, const ControllerSettings& settings,
         m_localWords->words[LocalWords::CalledTsap] = settings.remoteTsap;
         m_localWords->words[LocalWords::CallingTsap] = settings.localTsap;
     }
-    m_requestLimit =
-        settings.blockLimit > 0 ? std::max(settings.blockLimit, SmallestBlock) : blockLimitFor({});
+    m_requestLimit = requestLimitFor(settings.blockLimit);
     m_comInfo.default_station = settings.defaultStation;
     m_comInfo.retry_limit = settings.retries;
     m_comInfo.per_variable_stations = settings.stations.isEmpty() ? 0 : 1;
@@ -116,6 +113,7 @@ void LinkMachine::opened(int number, Micros now)
         ++m_statistics.connections;
         station.phase = Phase::Handshake;
         station.isOpen = true;
+        station.received = 0;
         m_relist = true;
         tellLink(number);
     }
@@ -135,7 +133,13 @@ void LinkMachine::openFailed(int number, const QString& why, Micros now)
 void LinkMachine::received(int number, const QByteArray& bytes, Micros now)
 {
     m_now = now;
-    if (m_transaction.isOpen && m_transaction.request.station == number) {
+    Station& station = m_stations.at(number);
+    station.received += int(bytes.size());
+    if (station.isOpen && station.received > MostReceivedBytes) {
+        m_orders.close(number);
+        disconnected(number, {Cause::NotS7, QStringLiteral("more than %1 KB that nothing asked for")
+                                                .arg(MostReceivedBytes / 1024)});
+    } else if (m_transaction.isOpen && m_transaction.request.station == number) {
         m_collector.append(bytes);
         if (const auto reply = m_collector.takeReply())
             replied(*reply, Failure());
@@ -148,19 +152,9 @@ void LinkMachine::received(int number, const QByteArray& bytes, Micros now)
 void LinkMachine::closed(int number, Micros now)
 {
     m_now = now;
-    Station& station = m_stations.at(number);
-    if (station.isOpen) {
-        station.isOpen = false;
-        m_relist = true; // the driver has to find out, by a request of its own
-        const Failure failure{Cause::Closed,
-                              QStringLiteral("the connection was closed by the controller")};
-        if (m_transaction.isOpen && m_transaction.request.station == number) {
-            replied(m_collector.whatCameInstead(), failure);
-        } else {
-            station.failure = failure;
-            countFailure(Cause::Closed);
-        }
-    }
+    if (m_stations.at(number).isOpen)
+        disconnected(
+            number, {Cause::Closed, QStringLiteral("the connection was closed by the controller")});
     settle(true);
 }
 
@@ -174,19 +168,9 @@ void LinkMachine::watch(const QVector<Variable>& variables, Micros now)
 {
     m_now = std::max(m_now, now);
     QVector<int> stations;
-    QVector<Variable> usable;
-    int analogWords = 0;
-    for (const Variable& variable : variables) {
+    for (const Variable& variable : variables)
         stations.append(stationOf(variable));
-        if (!isInItsArea(variable))
-            continue;
-        usable.append(variable);
-        if (variable.isAnalog())
-            analogWords = variable.area->size / 2;
-    }
-    // The driver merges neighbours up to the limit whatever their kind takes in a reply, and
-    // cannot cut analogue words.
-    m_blockLimit = std::max(std::min(m_requestLimit, blockLimitFor(usable)), analogWords);
+    m_blockLimit = listLimitFor(variables, m_settings.blockLimit);
     m_watch.assign(variables, stations, m_blockLimit);
     for (const auto& entry : m_stations) {
         if (entry.second.isUp)
@@ -298,9 +282,10 @@ void LinkMachine::checkDeadlines()
         if (entry.second.phase != Phase::Connecting || m_now < entry.second.deadline)
             continue;
         countFailure(Cause::NoConnection);
-        attemptFailed(entry.first,
-                      {Cause::NoConnection,
-                       QStringLiteral("no connection within %1 ms").arg(m_settings.timeoutMs)});
+        const QString what = m_orders.isLookingUp(entry.first)
+                                 ? QStringLiteral("name look-up failed: nothing within %1 ms")
+                                 : QStringLiteral("no connection within %1 ms");
+        attemptFailed(entry.first, {Cause::NoConnection, what.arg(m_settings.timeoutMs)});
     }
     if (m_now >= m_nextExpiry)
         expireValues();

@@ -27,6 +27,12 @@ public:
     virtual void open(int station) = 0;
     /// Close it, or give up opening it, without an answer.
     virtual void close(int station) = 0;
+    /// True while open() still awaits a name server.
+    virtual bool isLookingUp(int station) const
+    {
+        Q_UNUSED(station);
+        return false;
+    }
     /// Drop what has come in, then send.
     virtual void send(int station, const QByteArray& frame) = 0;
     /// timePassed() is due at that time; replaces what was said before.
@@ -90,6 +96,7 @@ private:
         bool wasUp = false;    ///< Ever.
         bool hurries = false;  ///< Waits after a refusal: requests need not be given up.
         bool answered = false; ///< A request, in this cycle.
+        int received = 0;      ///< Bytes since the last frame was sent.
         bool probeRefused = false;
         Micros upSince = 0;
         Micros nextTrial = 0; ///< Of a variable that is set aside, at the earliest.
@@ -149,6 +156,7 @@ private:
     static bool isGivenUp(const Station& station);
     void ready(int station);
     void up(int station);
+    void disconnected(int station, const Failure& failure);
     void attemptFailed(int station, const Failure& failure);
     void linkLost(const RW_VAR& request);
     void closeStation(int station, const Failure& failure, bool news);

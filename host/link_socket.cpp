@@ -106,7 +106,7 @@ void LinkSocket::resolved(const QList<QHostAddress>& addresses)
     if (m_state != State::Resolving)
         return;
     if (addresses.isEmpty()) {
-        fail(QStringLiteral("no such host: %1").arg(m_endpoint.host));
+        fail(QStringLiteral("no such host"));
         return;
     }
     m_addresses = addresses;

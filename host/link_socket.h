@@ -27,6 +27,12 @@ public:
     /// Closes it, or gives up opening it. No signal comes any more.
     void close();
 
+    /// True while open() still awaits a name server.
+    bool isLookingUp() const
+    {
+        return m_state == State::Resolving;
+    }
+
     /// Drops what has come in since the last signal, then sends.
     void send(const QByteArray& frame);
 

@@ -72,6 +72,20 @@ void LinkMachine::up(int number)
     tellLink(number);
 }
 
+/// The driver has to find out that the connection is gone, by a request of its own.
+void LinkMachine::disconnected(int number, const Failure& failure)
+{
+    Station& station = m_stations.at(number);
+    station.isOpen = false;
+    m_relist = true;
+    if (m_transaction.isOpen && m_transaction.request.station == number) {
+        replied(m_collector.whatCameInstead(), failure);
+    } else {
+        station.failure = failure;
+        countFailure(failure.cause);
+    }
+}
+
 void LinkMachine::attemptFailed(int number, const Failure& failure)
 {
     closeStation(number, failure, false);
@@ -87,18 +101,20 @@ void LinkMachine::linkLost(const RW_VAR& request)
     const bool refused = failure.cause == Cause::Refused;
     if (station.isUp)
         ++m_statistics.linkLosses;
-    bool news = false;
-    if (refused && (request.host_key == ReadKey || request.host_key == WriteKey))
-        news = true; // a single request, which ends here
-    else if (refused)
-        news = m_watch.refused(blockOf(request), request.host_key == ApartKey, failure, m_now);
-    if (refused && !news)
-        news = station.probeRefused = true; // which shows that the link is good without
-    if (refused && request.host_key == ApartKey)
+    // A single request ends here.
+    const bool isWatched = request.host_key != ReadKey && request.host_key != WriteKey;
+    const bool isApart = request.host_key == ApartKey;
+    if (refused && isWatched) {
+        if (m_watch.refused(blockOf(request), isApart, failure, m_now))
+            station.health.hasLearnt();
+        else
+            station.probeRefused = true; // which shows that the link is good without
+    }
+    if (refused && isApart)
         station.nextTrial = m_now + TrialSpacing;
-    dropActive(request, failure, news);
-    closeStation(number, failure, news);
-    if (!news)
+    dropActive(request, failure, refused);
+    closeStation(number, failure, refused);
+    if (!refused)
         failWaiting(number,
                     {Cause::Dropped, QStringLiteral("dropped with the link: ") + failure.detail});
 }

@@ -155,6 +155,7 @@ void LinkMachine::transact(const Protocol& pending)
     m_transaction.isOpen = true;
     ++m_statistics.requests;
     m_collector.begin(m_transaction.frame.bytes);
+    m_stations.at(pending.var.station).received = 0;
     m_orders.send(pending.var.station, m_transaction.frame.bytes);
 }
 

@@ -36,13 +36,16 @@ Failure wrongLength(int length, int wanted)
 
 Failure judgeConfirm(const SentFrame& frame, const QByteArray& reply)
 {
+    if (byteAt(reply, 0) != 3)
+        return notS7(reply);
     const auto type = wire::tpduType(reply);
-    if (type == wire::Tpdu::DisconnectRequest)
+    if (type == wire::Tpdu::DisconnectRequest && reply.size() > wire::DisconnectReasonOffset &&
+        wordAt(reply, wire::TpktLengthOffset) == reply.size())
         return failure(Cause::ConnectionRefused,
                        QStringLiteral("the connection was refused, %1 (are the TSAPs right?)")
                            .arg(describe(wire::DisconnectReason(
                                byteAt(reply, wire::DisconnectReasonOffset)))));
-    if (byteAt(reply, 0) != 3 || type != wire::Tpdu::ConnectionConfirm)
+    if (type != wire::Tpdu::ConnectionConfirm)
         return notS7(reply);
     return reply.size() == frame.replyLength ? Failure()
                                              : wrongLength(int(reply.size()), frame.replyLength);
@@ -139,7 +142,10 @@ Failure judgeBadReply(const SentFrame& frame, const QByteArray& reply)
     // A remote peer's reference is known to the driver alone, and its length is not told to us.
     if (frame.remote && reply.size() == frame.replyLength)
         return failure(Cause::WrongReference, QStringLiteral("a reply to another request"));
-    return wrongLength(int(reply.size()), frame.replyLength);
+    if (reply.size() != frame.replyLength)
+        return wrongLength(int(reply.size()), frame.replyLength);
+    return failure(Cause::WrongLength,
+                   QStringLiteral("a reply with a wrong field, %1 bytes").arg(reply.size()));
 }
 
 } // namespace s7200

@@ -1,5 +1,7 @@
 #include "host/request_plan.h"
 
+#include "host/variable_bounds.h"
+
 #include <QtEndian>
 
 #include <algorithm>
@@ -103,9 +105,9 @@ QByteArray doubleWordBytes(quint32 value)
 }
 
 /// Bits are one request each, in the order given; `first` counts bits from the area's start.
-QVector<WriteStep> bitSteps(int type, int first, const QByteArray& bits)
+QList<WriteStep> bitSteps(int type, int first, const QByteArray& bits)
 {
-    QVector<WriteStep> steps;
+    QList<WriteStep> steps;
     for (int done = 0; done < int(bits.size()); done += BitsPerStep) {
         WriteStep step;
         step.type = type;
@@ -135,12 +137,12 @@ int elementsPerStep(int type, int limit)
 }
 
 /// Words from `address` on, or timers or counters; of double words two for each value.
-QVector<WriteStep> wordSteps(int type, int address, const QVector<quint32>& values, int valueWords,
-                             int limit)
+QList<WriteStep> wordSteps(int type, int address, const QVector<quint32>& values, int valueWords,
+                           int limit)
 {
     const bool numbered = isTimer(type) || isCounter(type);
     const int most = elementsPerStep(type, limit) / valueWords;
-    QVector<WriteStep> steps;
+    QList<WriteStep> steps;
     for (int done = 0; done < int(values.size()); done += most) {
         WriteStep step;
         step.type = type;
@@ -162,14 +164,14 @@ int bitTypeOf(int wordType)
 
 /// Bytes in pairs as words, which may begin at any byte, and a last odd one as bits: the driver's
 /// own write of V bytes covers twice the bytes named, and other areas have no such write.
-QVector<WriteStep> byteSteps(const Variable& variable, const QVector<quint32>& values, int limit)
+QList<WriteStep> byteSteps(const Variable& variable, const QVector<quint32>& values, int limit)
 {
     const int pairs = int(values.size()) / 2;
     QVector<quint32> words;
     for (int i = 0; i < pairs; ++i)
         words.append(values.at(2 * i) << 8 | values.at(2 * i + 1));
     const int type = variable.area->reads;
-    QVector<WriteStep> steps = wordSteps(type, variable.address, words, 1, limit);
+    QList<WriteStep> steps = wordSteps(type, variable.address, words, 1, limit);
     const int odd = 8 * (variable.address + 2 * pairs);
     return steps + bitSteps(bitTypeOf(type), odd, bitsOf(values.mid(2 * pairs), 8));
 }
@@ -182,6 +184,28 @@ int blockLimitFor(const QVector<Variable>& variables)
     for (const Variable& variable : variables)
         limit = std::min(limit, limitOf(variable.area->reads));
     return limit;
+}
+
+int requestLimitFor(int wanted)
+{
+    constexpr int Word = 2; // of less the driver would cut each read in two
+    return wanted > 0 ? std::max(wanted, Word) : ByteLimit;
+}
+
+int listLimitFor(const QVector<Variable>& variables, int wanted)
+{
+    QVector<Variable> usable;
+    int analogWords = 0;
+    for (const Variable& variable : variables) {
+        if (!isInItsArea(variable))
+            continue;
+        usable.append(variable);
+        if (variable.isAnalog())
+            analogWords = variable.area->size / 2;
+    }
+    // The driver merges neighbours up to the limit whatever their kind takes in a reply, and
+    // cannot cut analogue words.
+    return std::max(std::min(requestLimitFor(wanted), blockLimitFor(usable)), analogWords);
 }
 
 bool ReadBlock::operator==(const ReadBlock& other) const
@@ -289,7 +313,7 @@ RW_VAR oneShotRecord(const ReadBlock& block)
     return record;
 }
 
-QVector<WriteStep> writeSteps(const Variable& variable, const QVector<quint32>& values, int limit)
+QList<WriteStep> writeSteps(const Variable& variable, const QVector<quint32>& values, int limit)
 {
     switch (variable.area->width) {
     case Width::Bit:

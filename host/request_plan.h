@@ -24,6 +24,13 @@ namespace s7200
 /// else 106. The driver merges neighbours up to the limit whatever their kind takes in a reply.
 int blockLimitFor(const QVector<Variable>& variables);
 
+/// The limit of single requests. `wanted`: what the user has set, 0 if nothing.
+int requestLimitFor(int wanted);
+
+/// The limit for the driver's cyclic list of `variables`, of which those outside their areas do not
+/// count. `wanted`: as above.
+int listLimitFor(const QVector<Variable>& variables, int wanted);
+
 /// The limit that suits any variables.
 constexpr int SmallestBlockLimit = 42;
 
@@ -71,7 +78,7 @@ struct WriteStep {
 
 /// The calls that write `values` (as parseAssignment gives them), to be made one after the other,
 /// each when the one before has been acknowledged. They write nothing beside the variable.
-QVector<WriteStep> writeSteps(const Variable& variable, const QVector<quint32>& values, int limit);
+QList<WriteStep> writeSteps(const Variable& variable, const QVector<quint32>& values, int limit);
 
 } // namespace s7200
 

@@ -21,9 +21,9 @@ struct Request {
     int station = 0;
     QVector<quint32> values; ///< Empty: a read.
     Controller::Done done;
-    QVector<WriteStep> steps; ///< Of a write, not yet given to the driver.
-    int unanswered = 0;       ///< Of what was given to the driver.
-    Failure refusal;          ///< Of a part of a write.
+    QList<WriteStep> steps; ///< Of a write, not yet given to the driver.
+    int unanswered = 0;     ///< Of what was given to the driver.
+    Failure refusal;        ///< Of a part of a write.
 
     bool isWrite() const
     {

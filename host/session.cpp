@@ -101,6 +101,11 @@ void Session::close(int station)
     m_sockets.at(station)->close();
 }
 
+bool Session::isLookingUp(int station) const
+{
+    return m_sockets.at(station)->isLookingUp();
+}
+
 void Session::send(int station, const QByteArray& frame)
 {
     m_sockets.at(station)->send(frame);

@@ -51,6 +51,7 @@ Q_SIGNALS:
 private:
     void open(int station) override;
     void close(int station) override;
+    bool isLookingUp(int station) const override;
     void send(int station, const QByteArray& frame) override;
     void wakeAt(Micros time) override;
     void tellLink(const LinkStatus& status) override;

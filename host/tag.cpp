@@ -226,6 +226,10 @@ QStringList labelsOf(const QVector<Tag>& tags)
     const auto plain = [](const Tag& tag) {
         return tag.name.isEmpty() ? tag.variable.label() : tag.name;
     };
+    // press1:VW2 and VW2@2 are different ones, too.
+    const auto withoutStation = [](const QString& label) {
+        return label.section(QLatin1Char('@'), 0, 0);
+    };
     // By controller and label without a format, then by label alone.
     QHash<QString, QStringList> texts;
     for (const Tag& tag : tags) {
@@ -238,12 +242,13 @@ QStringList labelsOf(const QVector<Tag>& tags)
     for (const Tag& tag : tags) {
         const bool twice = texts.value(tag.controller + QLatin1Char(':') + plain(tag)).size() > 1;
         labels.append(twice ? tag.label() : plain(tag));
-        QStringList& known = controllers[labels.last()];
+        QStringList& known = controllers[withoutStation(labels.last())];
         if (!known.contains(tag.controller))
             known.append(tag.controller);
     }
     for (int i = 0; i < int(labels.size()); ++i) {
-        if (controllers.value(labels.at(i)).size() > 1 && !tags.at(i).controller.isEmpty())
+        if (controllers.value(withoutStation(labels.at(i))).size() > 1 &&
+            !tags.at(i).controller.isEmpty())
             labels[i].prepend(tags.at(i).controller + QLatin1Char(':'));
     }
     return labels;

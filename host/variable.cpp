@@ -2,7 +2,11 @@
 
 #include "host/element_text.h"
 
+#include <siemens_s7_200_cp243/register_types.h>
+
 #include <QStringList>
+
+#include <limits>
 
 namespace s7200
 {
@@ -20,40 +24,37 @@ constexpr int LongestText = 80;
 constexpr int HighestStation = 255;
 
 constexpr AreaRow Areas[] = {
-    {"I", Width::Bit, false, 0, 6, ByteArea, false},
-    {"Q", Width::Bit, false, 1, 7, ByteArea, true},
-    {"M", Width::Bit, false, 2, 8, ByteArea, true},
-    {"S", Width::Bit, false, 3, 9, ByteArea, true},
-    {"SM", Width::Bit, false, 4, 10, ByteArea, true},
-    {"V", Width::Bit, false, 5, 12, VArea, true},
-    {"IB", Width::Byte, false, 0, 6, ByteArea, false},
-    {"QB", Width::Byte, false, 1, 7, ByteArea, true},
-    {"MB", Width::Byte, false, 2, 8, ByteArea, true},
-    {"SB", Width::Byte, false, 3, 9, ByteArea, true},
-    {"SMB", Width::Byte, false, 4, 10, ByteArea, true},
-    {"VB", Width::Byte, false, 11, 12, VArea, true},
-    {"IW", Width::Word, false, 6, 6, ByteArea, false},
-    {"QW", Width::Word, false, 7, 7, ByteArea, true},
-    {"MW", Width::Word, false, 8, 8, ByteArea, true},
-    {"SW", Width::Word, false, 9, 9, ByteArea, true},
-    {"SMW", Width::Word, false, 10, 10, ByteArea, true},
-    {"VW", Width::Word, false, 12, 12, VArea, true},
-    {"ID", Width::DoubleWord, false, 20, 6, ByteArea, false},
-    {"QD", Width::DoubleWord, false, 21, 7, ByteArea, true},
-    {"MD", Width::DoubleWord, false, 22, 8, ByteArea, true},
-    {"SD", Width::DoubleWord, false, 23, 9, ByteArea, true},
-    {"SMD", Width::DoubleWord, false, 24, 10, ByteArea, true},
-    {"VD", Width::DoubleWord, false, 13, 12, VArea, true},
-    {"AIW", Width::Word, false, 16, 16, AnalogArea, false},
-    {"AQW", Width::Word, false, 17, 17, AnalogArea, true},
-    {"T", Width::Bit, true, 18, 18, Numbers, false},
-    {"C", Width::Bit, true, 19, 19, Numbers, false},
-    {"TV", Width::Number, true, 14, 14, Numbers, true},
-    {"CV", Width::Number, true, 15, 15, Numbers, true},
+    {"I", Width::Bit, false, Type_I, Type_IW, ByteArea, false},
+    {"Q", Width::Bit, false, Type_Q, Type_QW, ByteArea, true},
+    {"M", Width::Bit, false, Type_M, Type_MW, ByteArea, true},
+    {"S", Width::Bit, false, Type_S, Type_SW, ByteArea, true},
+    {"SM", Width::Bit, false, Type_SM, Type_SMW, ByteArea, true},
+    {"V", Width::Bit, false, Type_V, Type_VW, VArea, true},
+    {"IB", Width::Byte, false, Type_I, Type_IW, ByteArea, false},
+    {"QB", Width::Byte, false, Type_Q, Type_QW, ByteArea, true},
+    {"MB", Width::Byte, false, Type_M, Type_MW, ByteArea, true},
+    {"SB", Width::Byte, false, Type_S, Type_SW, ByteArea, true},
+    {"SMB", Width::Byte, false, Type_SM, Type_SMW, ByteArea, true},
+    {"VB", Width::Byte, false, Type_VB, Type_VW, VArea, true},
+    {"IW", Width::Word, false, Type_IW, Type_IW, ByteArea, false},
+    {"QW", Width::Word, false, Type_QW, Type_QW, ByteArea, true},
+    {"MW", Width::Word, false, Type_MW, Type_MW, ByteArea, true},
+    {"SW", Width::Word, false, Type_SW, Type_SW, ByteArea, true},
+    {"SMW", Width::Word, false, Type_SMW, Type_SMW, ByteArea, true},
+    {"VW", Width::Word, false, Type_VW, Type_VW, VArea, true},
+    {"ID", Width::DoubleWord, false, Type_ID, Type_IW, ByteArea, false},
+    {"QD", Width::DoubleWord, false, Type_QD, Type_QW, ByteArea, true},
+    {"MD", Width::DoubleWord, false, Type_MD, Type_MW, ByteArea, true},
+    {"SD", Width::DoubleWord, false, Type_SD, Type_SW, ByteArea, true},
+    {"SMD", Width::DoubleWord, false, Type_SMD, Type_SMW, ByteArea, true},
+    {"VD", Width::DoubleWord, false, Type_VD, Type_VW, VArea, true},
+    {"AIW", Width::Word, false, Type_AIW, Type_AIW, AnalogArea, false},
+    {"AQW", Width::Word, false, Type_AQW, Type_AQW, AnalogArea, true},
+    {"T", Width::Bit, true, Type_T, Type_T, Numbers, false},
+    {"C", Width::Bit, true, Type_C, Type_C, Numbers, false},
+    {"TV", Width::Number, true, Type_TV, Type_TV, Numbers, true},
+    {"CV", Width::Number, true, Type_CV, Type_CV, Numbers, true},
 };
-
-constexpr unsigned char AiwType = 16;
-constexpr unsigned char AqwType = 17;
 
 bool isDigit(QChar c)
 {
@@ -85,13 +86,13 @@ public:
     {
         return run(isLetter);
     }
-    /// -1: no digits, or more than fit.
+    /// -1: no digits. What is too large is as large as fits, beyond every limit.
     int number()
     {
         const QString digits = run(isDigit);
         bool ok = false;
         const int value = digits.toInt(&ok);
-        return ok ? value : -1;
+        return ok ? value : digits.isEmpty() ? -1 : std::numeric_limits<int>::max();
     }
 
 private:
@@ -137,7 +138,8 @@ QString parseAddress(Cursor& cursor, Variable* variable)
     const QString name = QLatin1String(area.name);
     variable->address = cursor.number();
     if (variable->address < 0)
-        return QStringLiteral("an address must follow %1, as in %2").arg(name, lastOf(area));
+        return QStringLiteral("an address must follow %1, as in %1%2")
+            .arg(name, QLatin1String(isByteAndBit(area) ? "0.0" : "0"));
     const bool hasBit = cursor.take('.');
     if (isByteAndBit(area)) {
         if (!hasBit)
@@ -152,7 +154,7 @@ QString parseAddress(Cursor& cursor, Variable* variable)
             .arg(name)
             .arg(variable->address);
     }
-    if ((area.type == AiwType || area.type == AqwType) && variable->address % 2 != 0)
+    if ((area.type == Type_AIW || area.type == Type_AQW) && variable->address % 2 != 0)
         return QStringLiteral("%1 addresses are even").arg(name);
     return QString();
 }
@@ -268,7 +270,7 @@ bool Variable::isLatched() const
 
 bool Variable::isAnalog() const
 {
-    return area->type == AiwType || area->type == AqwType;
+    return area->type == Type_AIW || area->type == Type_AQW;
 }
 
 bool Variable::isByteOfBits() const

@@ -18,7 +18,7 @@ namespace
 struct EntryLayout {
     int bytes;
     int valueOffset; ///< Current value, two bytes, most significant first.
-    uchar statusOn;
+    uchar statusOn;  ///< This and nothing else. Deliberate: docs/oddities.md, Timers and counters.
 };
 constexpr EntryLayout TimerEntry = {5, 3, 0x02};
 constexpr EntryLayout CounterEntry = {3, 1, 0x10};
@@ -102,7 +102,7 @@ void saveValues(const EntryReader& reader, qint64 number, unsigned short* area)
     }
 }
 
-/// Bits of timers or counters are only ever set, never cleared. Deliberate: docs/oddities.md,
+/// Bits of timers or counters latch: they are only ever set, never cleared. Deliberate: docs/oddities.md,
 /// Timers and counters.
 void saveBits(const EntryReader& reader, qint64 number, uchar statusOn, unsigned char* area)
 {

@@ -11,7 +11,7 @@
 CP243_EXPORT void SaveToLocalDataErea(QByteArray* reply);
 
 /// Index in extend_list of the element (station, type, address); a missing one is appended with
-/// four zero bytes. A linear search. The caller holds the data mutex.
+/// four zero bytes. Defined with the list, in extend_list.cpp. The caller holds the data mutex.
 CP243_EXPORT int ExtendFindSameVar(int station, int reg_type, int address);
 
 #endif

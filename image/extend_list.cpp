@@ -146,17 +146,14 @@ private:
 namespace
 {
 
-/// Made at the first use: loading the library does no work but that of its one object.
-ExtendIndex& extendIndex()
-{
-    static ExtendIndex index;
-    return index;
-}
+/// Not a static of a function, which would be gone before the host's own static objects, whose
+/// destructors may still ask for values.
+ExtendIndex extendIndex;
 
 } // namespace
 
 ExtendElements::ExtendElements(int station, int keyType)
-    : m_index(extendIndex()), m_station(station), m_keyType(keyType)
+    : m_index(extendIndex), m_station(station), m_keyType(keyType)
 {
     m_index.takeIn();
 }
@@ -218,7 +215,6 @@ int ExtendElements::clear(qint64 address) const
 
 int ExtendFindSameVar(int station, int reg_type, int address)
 {
-    cp243::ExtendIndex& index = cp243::extendIndex();
-    index.takeIn();
-    return index.find({station, reg_type, address});
+    cp243::extendIndex.takeIn();
+    return cp243::extendIndex.find({station, reg_type, address});
 }

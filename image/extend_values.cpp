@@ -160,7 +160,8 @@ void extendValues(const RW_VAR& var, const ExtendElements& stored)
 void readExtendList(QByteArray& out, int regType, int station, int address, int count)
 {
     const RegisterTypeInfo* type = registerTypeInfo(regType);
-    // Codes outside the table read as words here, where the image reads nothing.
+    // Codes outside the table read as words here, where the image reads nothing. Deliberate:
+    // docs/oddities.md, Several stations.
     const int keyType = type ? type->wordType : regType;
     ExtendReader reader(out, station, keyType, address);
     switch (type ? type->width : Width::Word) {
@@ -179,7 +180,8 @@ void readExtendList(QByteArray& out, int regType, int station, int address, int 
         break;
     case Width::TimerBit:
     case Width::CounterBit:
-        // The bits do not end the read: the values go over them, and hosts expect two bytes each.
+        // The bits do not end the read: the values go over them, two bytes each. Deliberate:
+        // docs/oddities.md, Several stations.
         reader.bits(count, MostExtendElements);
         reader.values(count);
         break;

@@ -24,8 +24,8 @@ namespace
 constexpr int WriteOrigin = 1;
 
 /// Most elements of one write request, which is what the 16-bit length of an item can name, and
-/// most requests of one host write. Keeps an absurd count from allocating and looping in
-/// proportion.
+/// most requests of one host write (of bits as many as V memory has). Keeps an absurd count from
+/// allocating and looping in proportion.
 constexpr int MostWriteElements = 0xFFFF;
 constexpr int MostWriteRequests = 0xFFFF;
 

@@ -15,9 +15,9 @@ constexpr int LongestMs = 24 * 60 * 60 * 1000; // three times that is still an i
 constexpr int LargestBlock = 222;              // what a reply of 240 bytes has room for
 
 const char* const ExitStatuses =
-    "Exit status: 0 good, 2 wrong usage, 3 no connection, 4 no answer, 5 refused,\n"
-    "invalid or not verified, 6 some of several failed, 7 output cannot be written,\n"
-    "8 time was up before --until was met.\n";
+    "Exit status: 0 good, 1 differences found (diff, replay), 2 wrong usage, 3 no\n"
+    "connection, 4 no answer, 5 refused, invalid or not verified, 6 some of several\n"
+    "failed, 7 output cannot be written, 8 time was up before --until was met.\n";
 
 const char* const TagHelp =
     "With --tags a VARIABLE may also be a tag's name or a pattern ('press1.*').\n"
@@ -39,7 +39,8 @@ QList<QCommandLineOption> controllerOptions()
         {"remote-tsap", "The controller's, kind and place of the module (default 11.00).", "tsap"},
         {"timeout", "How long a connection or a reply may take (default 1000).", "ms"},
         {"retries", "Failed replies before the link counts as down (default 3).", "n"},
-        {"block-limit", "Most bytes of one read (default: as many as fit a reply).", "bytes"},
+        {"block-limit",
+         "Most bytes of one read (default 106; cyclic ones take no more in any case).", "bytes"},
         {"remote", "Use forwarding records of remote access in place of S7 jobs."},
         {"one-driver",
          "All stations behind one driver, in turn. A dead one then costs the others time."},
@@ -80,9 +81,10 @@ QString helpText(const Command& command, const QCommandLineParser& parser)
         variables = variableHelp() + QLatin1Char('\n');
     if ((command.takes & TakesTags) != 0 && !variables.isEmpty())
         variables += QLatin1String(TagHelp);
-    return QStringLiteral("Usage: s7200-panel %1 [options] %2\n\n%3\n\n%4%5\n%6")
-        .arg(QLatin1String(command.name), QLatin1String(command.operands),
-             QString::fromUtf8(command.description), variables, options,
+    const QString usage = QStringLiteral("Usage: s7200-panel %1 [options] %2")
+                              .arg(QLatin1String(command.name), QLatin1String(command.operands));
+    return QStringLiteral("%1\n\n%2\n\n%3%4\n%5")
+        .arg(usage.trimmed(), QString::fromUtf8(command.description), variables, options,
              QLatin1String(ExitStatuses));
 }
 
@@ -207,8 +209,9 @@ bool CommandLine::readTsap(const char* option, quint16* tsap, QString* error) co
         *tsap = *given;
         return true;
     }
-    *error = QStringLiteral("--%1 takes two hexadecimal bytes, 10.00 or 1000, not 0 and not %2")
-                 .arg(name, quoted(m_parser.value(name)));
+    *error =
+        QStringLiteral("--%1 takes two hexadecimal bytes, 10.00 or 1000, not both 0, and not %2")
+            .arg(name, quoted(m_parser.value(name)));
     return false;
 }
 

@@ -16,9 +16,6 @@ namespace
 {
 
 constexpr int LinkId = 1;
-constexpr int LocalWords = 55002;
-constexpr int RemoteTsapWord = 55000;
-constexpr int LocalTsapWord = 55001;
 /// One in five calls gives nothing although there is something to send.
 constexpr int MostIdleCalls = 2;
 
@@ -54,7 +51,7 @@ std::unique_ptr<DriverDesk> DriverDesk::open(const ControllerSettings& settings,
     info.remote_access = settings.remoteAccess ? 1 : 0;
     info.link_id = LinkId;
     info.communication_mode = Mode_WriteThrough;
-    desk->m_localWords.fill(0, LocalWords);
+    desk->m_localWords.fill(0, LocalWordCount);
     desk->setTsaps(settings.localTsap, settings.remoteTsap);
     desk->driver.SetComInfo(&info);
     desk->driver.FlashLocalRegister(nullptr, desk->m_localWords.data(), nullptr);
@@ -65,13 +62,13 @@ void DriverDesk::setTsaps(quint16 local, quint16 remote)
 {
     if (local == 0 || remote == 0)
         local = remote = 0; // the driver's defaults
-    m_localWords[RemoteTsapWord] = remote;
-    m_localWords[LocalTsapWord] = local;
+    m_localWords[LocalWord_CalledTsap] = remote;
+    m_localWords[LocalWord_CallingTsap] = local;
 }
 
 int DriverDesk::watch(const QVector<Variable>& variables)
 {
-    const int limit = m_settings.blockLimit > 0 ? m_settings.blockLimit : blockLimitFor(variables);
+    const int limit = listLimitFor(variables, m_settings.blockLimit);
     comInfo.block_length_limit = limit;
     QVector<int> stations;
     for (const Variable& variable : variables)

@@ -129,7 +129,9 @@ int run(CommandLine& line)
         if (own.isEmpty())
             continue;
         if (controllers.size() > 1)
-            print(controllers.at(i).name + QLatin1Char(':'));
+            print((controllers.at(i).name.isEmpty() ? QStringLiteral("no controller named")
+                                                    : controllers.at(i).name) +
+                  QLatin1Char(':'));
         const int status = explainController(controllers.at(i), own, line, roundTripMs);
         if (status != ExitGood)
             return status;

@@ -41,6 +41,18 @@ const QString& Keyboard::typed() const
 void Keyboard::clear()
 {
     m_typed.clear();
+    m_letter.clear();
+}
+
+bool Keyboard::isInSequence() const
+{
+    return !m_sequence.isEmpty();
+}
+
+void Keyboard::endEscape()
+{
+    m_sequence.clear();
+    clear();
 }
 
 void Keyboard::feedByte(char byte, QVector<Key>* keys)
@@ -48,16 +60,13 @@ void Keyboard::feedByte(char byte, QVector<Key>* keys)
     if (!m_sequence.isEmpty()) {
         // ESC [ or ESC O, parameters, and a last byte from 0x40 on.
         const bool begins = m_sequence.size() == 1;
-        if (begins && byte != '[' && byte != 'O') {
-            m_sequence.clear(); // the key ESC, or one together with Alt: means nothing
-            if (byte == Escape)
-                m_sequence = QByteArray(1, byte);
+        if (!begins || byte == '[' || byte == 'O') {
+            m_sequence += byte;
+            if (!begins && (byte >= 0x40 || m_sequence.size() > LongestSequence))
+                endSequence(keys);
             return;
         }
-        m_sequence += byte;
-        if (!begins && (byte >= 0x40 || m_sequence.size() > LongestSequence))
-            endSequence(keys);
-        return;
+        endEscape(); // no letter may be lost: the rest could name another variable
     }
     if (byte == Escape) {
         m_sequence = QByteArray(1, byte);

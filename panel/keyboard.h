@@ -25,6 +25,11 @@ public:
     const QString& typed() const; ///< Not yet ended by Enter.
     void clear();
 
+    /// True from ESC on until it is clear which key it was.
+    bool isInSequence() const;
+    /// Nothing more has come for a while: it was the key ESC, which clears what was typed.
+    void endEscape();
+
 private:
     void feedByte(char byte, QVector<Key>* keys);
     void endSequence(QVector<Key>* keys);

@@ -116,13 +116,17 @@ LinkProbe::LinkProbe(const ControllerSettings& settings, std::unique_ptr<DriverD
     }
     connect(&m_timeout, &QTimer::timeout, this, &LinkProbe::timeUp);
     connect(&m_pause, &QTimer::timeout, this, &LinkProbe::goOn);
+    connect(&m_lookup, &NameLookup::found, this, &LinkProbe::resolved);
     connect(&m_socket, &QTcpSocket::connected, this, &LinkProbe::tcpConnected);
     connect(&m_socket, &QTcpSocket::readyRead, this, &LinkProbe::receive);
-    // Also comes when a connection could not be made.
-    connect(&m_socket, &QTcpSocket::stateChanged, this, [this](QAbstractSocket::SocketState state) {
-        if (state == QAbstractSocket::UnconnectedState)
-            disconnected();
-    });
+    // Also comes when a connection could not be made. Queued: the next one may be tried then.
+    connect(
+        &m_socket, &QTcpSocket::stateChanged, this,
+        [this] {
+            if (m_socket.state() == QAbstractSocket::UnconnectedState)
+                disconnected();
+        },
+        Qt::QueuedConnection);
 }
 
 LinkProbe::~LinkProbe()
@@ -150,10 +154,30 @@ void LinkProbe::connectAfresh()
     if (m_settings.trace != nullptr && m_traceId >= 0)
         m_settings.trace->closeConnection(m_traceId, FrameTrace::ToController);
     m_traceId = -1;
-    m_results.socketError = QAbstractSocket::UnknownSocketError;
     m_clock.start();
     m_timeout.start(m_settings.timeoutMs);
-    m_socket.connectToHost(m_settings.endpoint.host, m_settings.endpoint.port);
+    QHostAddress address;
+    if (address.setAddress(m_settings.endpoint.host)) {
+        resolved({address});
+        return;
+    }
+    m_lookingUp = true;
+    m_lookup.start(m_settings.endpoint.host);
+}
+
+void LinkProbe::resolved(const QList<QHostAddress>& addresses)
+{
+    m_lookingUp = false;
+    m_addresses = addresses;
+    if (m_addresses.isEmpty())
+        fail(ProbeStep::LookUp, {Cause::NoConnection, QStringLiteral("no such host")});
+    else
+        tryNext();
+}
+
+void LinkProbe::tryNext()
+{
+    m_socket.connectToHost(m_addresses.takeFirst(), m_settings.endpoint.port);
 }
 
 void LinkProbe::tcpConnected()
@@ -220,12 +244,13 @@ void LinkProbe::disconnected()
                     {Cause::Closed, QStringLiteral("the connection was closed by the controller")});
         return;
     }
-    if (!m_timeout.isActive())
+    if (!m_timeout.isActive() || m_lookingUp)
         return; // between two reads: the next one finds out
-    m_results.socketError = m_socket.error();
-    const bool unknown = m_results.socketError == QAbstractSocket::HostNotFoundError;
-    fail(unknown ? ProbeStep::LookUp : ProbeStep::Connect,
-         {Cause::NoConnection, m_socket.errorString().toLower()});
+    if (m_addresses.isEmpty())
+        fail(ProbeStep::Connect, {Cause::NoConnection, m_socket.errorString().toLower()},
+             m_socket.error());
+    else
+        tryNext();
 }
 
 void LinkProbe::timeUp()
@@ -239,10 +264,10 @@ void LinkProbe::timeUp()
         replied(instead, failure);
         return;
     }
-    m_results.socketError = QAbstractSocket::SocketTimeoutError;
-    const bool lookingUp = m_socket.state() == QAbstractSocket::HostLookupState;
-    fail(lookingUp ? ProbeStep::LookUp : ProbeStep::Connect,
-         {Cause::NoConnection, QStringLiteral("nothing within %1 ms").arg(m_settings.timeoutMs)});
+    m_lookup.abandon();
+    fail(std::exchange(m_lookingUp, false) ? ProbeStep::LookUp : ProbeStep::Connect,
+         {Cause::NoConnection, QStringLiteral("nothing within %1 ms").arg(m_settings.timeoutMs)},
+         QAbstractSocket::SocketTimeoutError);
 }
 
 /// `failure`: why nothing else came; none for a reply, which is judged.
@@ -282,9 +307,11 @@ void LinkProbe::readAnswered(qint64 roundTripUs)
 }
 
 /// After the first handshake everything that fails counts as one read, so that there is an end.
-void LinkProbe::fail(ProbeStep step, const Failure& failure)
+void LinkProbe::fail(ProbeStep step, const Failure& failure,
+                     QAbstractSocket::SocketError socketError)
 {
     m_timeout.stop();
+    m_results.socketError = socketError;
     m_results.step = step;
     m_results.failure = failure;
     ++m_results.failures[std::size_t(failure.cause)];

@@ -1,6 +1,7 @@
 #ifndef PANEL_LINK_PROBE_H
 #define PANEL_LINK_PROBE_H
 
+#include "host/name_lookup.h"
 #include "host/reply_collector.h"
 #include "host/reply_judgement.h"
 #include "panel/driver_desk.h"
@@ -32,7 +33,7 @@ struct ProbeResults {
     Failure failure;                    ///< The last one.
     ProbeStep step = ProbeStep::LookUp; ///< At which that was.
 
-    QAbstractSocket::SocketError socketError = QAbstractSocket::UnknownSocketError; ///< Connect.
+    QAbstractSocket::SocketError socketError = QAbstractSocket::UnknownSocketError; ///< Its own.
 
     /// The round trip that the given share (0 to 1) of all do not exceed; 0 without any.
     qint64 percentile(double share) const;
@@ -69,6 +70,8 @@ Q_SIGNALS:
 
 private:
     void connectAfresh();
+    void resolved(const QList<QHostAddress>& addresses);
+    void tryNext();
     void tcpConnected();
     void sendNext();
     void receive();
@@ -76,13 +79,17 @@ private:
     void timeUp();
     void replied(const QByteArray& reply, const Failure& failure);
     void readAnswered(qint64 roundTripUs);
-    void fail(ProbeStep step, const Failure& failure);
+    void fail(ProbeStep step, const Failure& failure,
+              QAbstractSocket::SocketError socketError = QAbstractSocket::UnknownSocketError);
     void goOn();
     void finish();
 
     const ControllerSettings m_settings;
     const std::unique_ptr<DriverDesk> m_desk;
     const int m_count;
+    NameLookup m_lookup; ///< Qt's own would hold up the end of the program.
+    bool m_lookingUp = false;
+    QList<QHostAddress> m_addresses; ///< Still to be tried.
     QTcpSocket m_socket;
     ReplyCollector m_collector;
     QTimer m_timeout;

@@ -75,6 +75,8 @@ QString describeFailure(Cause cause, const QString& detail, const QString& contr
     switch (cause) {
     case Cause::NoConnection:
         return QStringLiteral("no connection to %1: %2").arg(controller, detail);
+    case Cause::SetupRefused:
+        return QStringLiteral("%1: setup communication failed: %2").arg(controller, detail);
     case Cause::Refused:
         return QStringLiteral("refused by %1: %2").arg(controller, detail);
     default:

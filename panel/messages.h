@@ -13,7 +13,7 @@ namespace s7200::panel
 /// What the program's exit status says.
 enum ExitStatus {
     ExitGood = 0,
-    ExitDiffers = 1, ///< Of diff.
+    ExitDiffers = 1, ///< Of diff and replay.
     ExitUsage = 2,   ///< Also a file that cannot be opened; nothing was sent.
     ExitNoConnection = 3,
     ExitNoAnswer = 4,

@@ -2,6 +2,7 @@
 
 #include "panel/link_probe.h"
 #include "panel/messages.h"
+#include "panel/progress_line.h"
 #include "panel/session.h"
 #include "wire/s7_fields.h"
 
@@ -61,10 +62,12 @@ public:
 
     ExitStatus finish(const ProbeResults& results) const
     {
-        if (!results.gaveUp)
+        if (!results.gaveUp && results.reads > 0)
             printSummary(results);
         if (results.failure)
             explain(results);
+        else if (results.roundTripsUs.isEmpty())
+            complain(m_session.name(m_index) + QStringLiteral(": stopped, nothing has answered"));
         if (results.roundTripsUs.isEmpty())
             return results.failure ? exitStatusOf(results.failure.cause) : ExitNoAnswer;
         return results.failure ? ExitSomeFailed : ExitGood;
@@ -110,10 +113,13 @@ private:
     const QString m_prefix;
 };
 
-void tellOn(LinkProbe* probe, const PingReport& report, int* open)
+void tellOn(LinkProbe* probe, const PingReport& report, int* open,
+            std::unique_ptr<ProgressLine>* progress)
 {
-    QObject::connect(probe, &LinkProbe::connected,
-                     [&report, probe] { report.begin(probe->results()); });
+    QObject::connect(probe, &LinkProbe::connected, [&report, probe, progress] {
+        progress->reset();
+        report.begin(probe->results());
+    });
     QObject::connect(probe, &LinkProbe::answered, [&report](int number, qint64 roundTripUs) {
         report.answered(number, roundTripUs);
     });
@@ -141,6 +147,7 @@ int run(CommandLine& line)
     std::vector<PingReport> reports;
     for (int i = 0; i < session->count(); ++i)
         reports.emplace_back(*session, i);
+    std::unique_ptr<ProgressLine> progress; // until there is something to print
     std::vector<std::unique_ptr<LinkProbe>> probes;
     for (int i = 0; i < session->count(); ++i) {
         const ControllerSettings& settings = session->controller(i).settings();
@@ -148,11 +155,13 @@ int run(CommandLine& line)
         if (!desk)
             return usageError(error);
         probes.emplace_back(new LinkProbe(settings, std::move(desk), count));
-        tellOn(probes.back().get(), reports[size_t(i)], &open);
+        tellOn(probes.back().get(), reports[size_t(i)], &open, &progress);
     }
+    progress.reset(new ProgressLine(QStringLiteral("connected"), open));
     for (const auto& probe : probes)
         probe->start();
     const int status = runEventLoop();
+    progress.reset();
     if (status != ExitGood)
         return status;
     std::vector<ExitStatus> statuses;

@@ -117,8 +117,10 @@ void Layout::addStatus()
         lines += m_contents.status.mid(1);
     if (lines.size() > most && m_contents.status.size() > 2) {
         const int left = int(lines.size()) - most + 1;
+        const QString next = lines.at(most - 1);
         lines = lines.mid(0, most - 1);
-        lines.append(QStringLiteral("and %1 more in trouble").arg(left));
+        lines.append(most > 2 ? QStringLiteral("and %1 more in trouble").arg(left)
+                              : QStringLiteral("%1 in trouble: %2").arg(left).arg(next));
     }
     for (int i = 0; i < int(lines.size()); ++i)
         m_drawing.lines.append(

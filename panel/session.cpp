@@ -19,6 +19,11 @@ Session::Session() : m_signals([this](int number) { hear(number); })
 
 Session::~Session()
 {
+    // Who hears of one that stops may ask all of them, so they stop before any of them goes.
+    for (const auto& each : m_controllers) {
+        each->disconnect();
+        each->stop();
+    }
     // First: they still use the trace and talk to the simulators.
     m_controllers.clear();
     lookAtTrace();

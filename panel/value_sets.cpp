@@ -83,7 +83,9 @@ bool loadJobs(CommandLine& line, QVector<Job>* jobs, QString* errors)
     QStringList faults;
     const auto values = loadValueFile(line.operands().constFirst(), nullptr, &faults);
     *errors = faults.join(QLatin1Char('\n'));
-    if (!values)
+    if (values && values->isEmpty())
+        *errors = line.operands().constFirst() + QStringLiteral(": there is no value in it");
+    if (!errors->isEmpty())
         return false;
     QVector<Tag> tags;
     for (const TagValue& value : *values)

@@ -92,6 +92,8 @@ private:
     quint64 m_requestsAtRate = 0;
     double m_rate = 0;
     int m_rounds = 0;
+    int m_openWrites = 0;  ///< Typed and not yet answered.
+    bool m_leaves = false; ///< Once they are.
     bool m_saidConnecting = false;
     QTimer m_overdue;
     QTimer m_tick;

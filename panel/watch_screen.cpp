@@ -13,6 +13,8 @@ namespace
 constexpr qint64 MessageMs = 15000;
 /// Q is also how a variable's name begins: time to type on.
 constexpr int LeavingMs = 1000;
+/// For the rest of a key's bytes behind ESC, also on a slow line.
+constexpr int EscapeMs = 500;
 
 } // namespace
 
@@ -22,6 +24,11 @@ WatchScreen::WatchScreen(const QVector<WatchedRow>& rows,
 {
     m_leaving.setSingleShot(true);
     QObject::connect(&m_leaving, &QTimer::timeout, [this] { m_line(QStringLiteral("quit")); });
+    m_escape.setSingleShot(true);
+    QObject::connect(&m_escape, &QTimer::timeout, [this] {
+        m_keyboard.endEscape();
+        takeInput({});
+    });
 }
 
 void WatchScreen::enter()
@@ -93,6 +100,10 @@ void WatchScreen::takeInput(const QByteArray& bytes)
 {
     for (const Key& key : m_keyboard.feed(bytes))
         act(key);
+    if (m_keyboard.isInSequence())
+        m_escape.start(EscapeMs);
+    else
+        m_escape.stop();
     if (m_keyboard.typed() == QLatin1String("q"))
         m_leaving.start(LeavingMs);
     else

@@ -47,6 +47,7 @@ private:
     QString m_message;
     QElapsedTimer m_sinceMessage;
     QTimer m_leaving; ///< Runs when nothing but "q" is typed.
+    QTimer m_escape;  ///< Runs within the bytes of a key that begins with ESC.
     int m_top = 0;
 };
 

@@ -4,16 +4,25 @@
 
 #include <csignal>
 #include <unistd.h>
+#include <utility>
 
 namespace s7200::panel
 {
 
+namespace
+{
+
+/// Of what was typed, so that what became of it has room on a small screen.
+constexpr int LongestShown = 32;
+
+} // namespace
+
 void WatchRun::takeLine(const QString& line)
 {
-    if (line == QLatin1String("q") || line == QLatin1String("quit"))
-        end(m_conditions.isEmpty() ? ExitGood : ExitNotMet);
-    else
+    if (line != QLatin1String("q") && line != QLatin1String("quit"))
         writeTyped(line);
+    else if (m_openWrites == 0 || std::exchange(m_leaves, true))
+        end(m_conditions.isEmpty() ? ExitGood : ExitNotMet);
 }
 
 void WatchRun::writeTyped(const QString& text)
@@ -29,13 +38,18 @@ void WatchRun::writeTyped(const QString& text)
         say(QStringLiteral("%1: there is no such controller").arg(quoted(text)));
         return;
     }
+    ++m_openWrites;
+    const QString shown =
+        text.size() <= LongestShown ? text : text.left(LongestShown - 4) + QStringLiteral(" ...");
     m_session->controller(item.controller)
-        .write(item.tag.variable, values, [this, text, item](const Result& result) {
+        .write(item.tag.variable, values, [this, shown, item](const Result& result) {
             const QString outcome = result ? QStringLiteral("written")
                                            : QStringLiteral("not written: ") +
                                                  describeFailure(result.cause, result.detail,
                                                                  m_session->name(item.controller));
-            say(text + QStringLiteral(": ") + outcome);
+            say(shown + QStringLiteral(": ") + outcome);
+            if (--m_openWrites == 0 && m_leaves)
+                end(m_conditions.isEmpty() ? ExitGood : ExitNotMet);
         });
 }
 

@@ -135,7 +135,7 @@ bool Condition::parse(const QString& text, CommandLine* line, Condition* conditi
     int at = 0;
     const OperatorText* found = findOperator(text, &at);
     const QString number = found ? text.mid(at + int(qstrlen(found->text))).trimmed() : QString();
-    if (!found || !parseNumber(number, &condition->number)) {
+    if (!found || at == 0 || !parseNumber(number, &condition->number)) {
         *error =
             QStringLiteral("--until takes VARIABLE, one of < <= > >= == != and a number, not ") +
             quoted(text);

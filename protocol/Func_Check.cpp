@@ -92,6 +92,7 @@ int CheckGetData(QByteArray* reply, int len)
     const uchar* bytes = reinterpret_cast<const uchar*>(reply->constData());
     if (!(isRead ? obeys(bytes, ReadRules) : obeys(bytes, WriteRules)))
         return 0;
+    // A late reply, to an earlier request, carries that one's reference.
     if (read16(bytes, ReplyPduReference) != map_list.value(request.station).pdu_ref)
         return 0;
     if (!isRead)

@@ -3,6 +3,8 @@
 #include "core/siemens_s7_200.h"
 #include "protocol/s7_frame.h"
 
+#include <siemens_s7_200_cp243/host_interface.h>
+
 #include <QtEndian>
 
 #include <cstring>
@@ -12,9 +14,6 @@ using namespace cp243;
 namespace
 {
 
-/// LW words that hold the transport service access points, and their defaults.
-constexpr int CalledTsapWord = 55000;
-constexpr int CallingTsapWord = 55001;
 constexpr quint16 DefaultCalledTsap = 0x1100;
 constexpr quint16 DefaultCallingTsap = 0x1000;
 
@@ -32,6 +31,7 @@ const uchar ConnectionRequest[22] = {
     0xC2, 0x02, 0x00, 0x00}; // called TSAP
 
 // The PDU reference is 0x0108 whatever the station's is, which is 0 until the handshake is through.
+// Deliberate: docs/oddities.md, Link loss.
 const uchar SetupCommunication[25] = {
     0x03, 0x00, 0x00, 0x19,  // TPKT of 25 bytes
     0x02, 0xF0, 0x80,        // DT TPDU
@@ -54,16 +54,16 @@ struct Tsaps {
 };
 
 /// The TSAPs in the host's registers. With one of them 0 both defaults are put there, so that a
-/// host sees in its registers what is on the wire.
+/// host sees in its registers what is on the wire. Deliberate: docs/oddities.md, Link loss.
 Tsaps readTsaps()
 {
     if (!LW)
         return {DefaultCalledTsap, DefaultCallingTsap};
-    if (LW[CalledTsapWord] == 0 || LW[CallingTsapWord] == 0) {
-        LW[CalledTsapWord] = DefaultCalledTsap;
-        LW[CallingTsapWord] = DefaultCallingTsap;
+    if (LW[LocalWord_CalledTsap] == 0 || LW[LocalWord_CallingTsap] == 0) {
+        LW[LocalWord_CalledTsap] = DefaultCalledTsap;
+        LW[LocalWord_CallingTsap] = DefaultCallingTsap;
     }
-    return {LW[CalledTsapWord], LW[CallingTsapWord]};
+    return {LW[LocalWord_CalledTsap], LW[LocalWord_CallingTsap]};
 }
 
 template <int Size>

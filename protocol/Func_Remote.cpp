@@ -110,6 +110,6 @@ void Remote_WriteVar(RW_VAR* var)
     closeWithChecksum(record);
     recordPending(record, {WriteReplyLength + PeerTrailer, 0, 0}, *var);
     // No batch is started: the reply's path depends on where the previous transaction left
-    // frame_index, see DealDataOfRemoteArea.
+    // frame_index, see DealDataOfRemoteArea. Deliberate: docs/oddities.md, Remote access.
     WriteDataToLocal(var);
 }

@@ -206,7 +206,7 @@ void WriteAnalog(RW_VAR* var)
 void WriteAnalog_VB(RW_VAR* var)
 {
     // Declares words but fills bytes: a VB write covers twice what it carries, and what it does not
-    // carry goes out as 0x00.
+    // carry goes out as 0x00. Deliberate: docs/oddities.md, Writes.
     QByteArray frame = writeFrame(*var, Rows[Type_VB], wordShape(*var));
     const int filled = qMin(qMin(var->count, MostElements), int(var->value.size()));
     if (filled > 0)
@@ -221,7 +221,7 @@ void WriteAnalog_VD(RW_VAR* var)
     char* data = dataPart(frame);
     const int bytes = int(frame.size()) - JobData;
     // The last group of an odd number of words is cut in the middle, so a single word carries the
-    // high half of its double word.
+    // high half of its double word. Deliberate: docs/oddities.md, Writes.
     for (int k = 0; k < bytes && var->value.size() > k + 2; k += GroupBytes) {
         for (int i = 0; i < GroupBytes && k + i < bytes; ++i)
             data[k + i] = valueByte(var->value, k + GroupBytes - 1 - i);

@@ -79,10 +79,11 @@ QString optionsHelp()
 
 QString notANumber(const char* option, const QString& text, int lowest, int highest)
 {
-    return QStringLiteral("--%1 \"%2\": right is a number from %3 to %4")
-        .arg(QLatin1String(option), text)
+    return QStringLiteral("--%1 takes a whole number from %2 to %3, not \"%4\"")
+        .arg(QLatin1String(option))
         .arg(lowest)
-        .arg(highest);
+        .arg(highest)
+        .arg(text);
 }
 
 /// Reads options one by one; the first that is wrong is kept.
@@ -117,9 +118,9 @@ public:
             *second = parts.at(1).toInt(&alsoGood);
         if (!good || !alsoGood || parts.size() > 2 || *first < 0 || *second < 0 ||
             *first > highest || *second > highest)
-            refuse(QStringLiteral("--%1 \"%2\": right is %3")
-                       .arg(QLatin1String(option), m_parser.value(QLatin1String(option)),
-                            QLatin1String(right)));
+            refuse(QStringLiteral("--%1 takes %2, not \"%3\"")
+                       .arg(QLatin1String(option), QLatin1String(right),
+                            m_parser.value(QLatin1String(option))));
     }
 
     void refuse(const QString& problem)
@@ -164,13 +165,13 @@ bool parseListen(const QString& text, SimulatorOptions* simulator)
 void readControllers(Reader& reader, SimulatorOptions* simulator)
 {
     if (reader.isSet("listen") && !parseListen(reader.text("listen"), simulator))
-        reader.refuse(QStringLiteral("--listen \"%1\": right is ADDRESS:PORT, such as "
-                                     "127.0.0.1:1102")
+        reader.refuse(QStringLiteral("--listen takes ADDRESS:PORT, such as 127.0.0.1:1102, "
+                                     "not \"%1\"")
                           .arg(reader.text("listen")));
     reader.number("count", 1, MostControllers, &simulator->count);
     if (simulator->port != 0 && simulator->port + simulator->count > 0x10000)
-        reader.refuse(QStringLiteral("--count \"%1\": with the first on port %2 there are ports "
-                                     "for %3 controllers")
+        reader.refuse(QStringLiteral("--count %1: with the first on port %2 there are ports for "
+                                     "%3 controllers")
                           .arg(simulator->count)
                           .arg(simulator->port)
                           .arg(0x10000 - simulator->port));
@@ -178,8 +179,8 @@ void readControllers(Reader& reader, SimulatorOptions* simulator)
     if (reader.isSet("tsap"))
         simulator->tsap = wire::parseTsap(reader.text("tsap"));
     if (reader.isSet("tsap") && !simulator->tsap)
-        reader.refuse(QStringLiteral("--tsap \"%1\": right are two hexadecimal bytes, such as "
-                                     "10.00 or 1000")
+        reader.refuse(QStringLiteral("--tsap takes two hexadecimal bytes, such as 10.00 or "
+                                     "1000, not \"%1\"")
                           .arg(reader.text("tsap")));
 }
 
@@ -197,15 +198,16 @@ void readBehaviour(Reader& reader, SimulatorOptions* simulator)
         if (simulator->firstFaulty < 1 || simulator->lastFaulty < simulator->firstFaulty ||
             simulator->lastFaulty > simulator->count)
             reader.refuse(
-                QStringLiteral("--only \"%1\": right is A-B with controllers from 1 to %2")
-                    .arg(reader.text("only"))
-                    .arg(simulator->count));
+                QStringLiteral("--only takes A-B within 1 to %1, the controllers of --count, "
+                               "not \"%2\"")
+                    .arg(simulator->count)
+                    .arg(reader.text("only")));
     }
     bool good = true;
     if (reader.isSet("seed"))
         simulator->seed = reader.text("seed").toUInt(&good);
     if (!good)
-        reader.refuse(QStringLiteral("--seed \"%1\": right is a number from 0 to 4294967295")
+        reader.refuse(QStringLiteral("--seed takes a whole number from 0 to 4294967295, not \"%1\"")
                           .arg(reader.text("seed")));
     QString faultProblem;
     if (!FaultInjector(0).setFaults(simulator->faults, &faultProblem))
@@ -254,7 +256,7 @@ QString helpText()
                "\"listening on\nADDRESS:FIRST-LAST\". SIGINT and SIGTERM end it; with "
                "faults it then says how often each was\ninjected. Each controller has a "
                "memory of its own and takes 64 connections.\nExit status: 0 good, 1 "
-               "cannot start or cannot write the trace, 2 wrong usage.\n\n"
+               "cannot start or cannot write, 2 wrong usage.\n\n"
                "Live values; one that is written stands still until the program ends:") +
            indent + ControllerMemory::liveValues().join(indent) +
            QStringLiteral("\n\nFaults, by default at every chance; at most one strikes a reply, of "

@@ -9,11 +9,15 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 using namespace s7200;
 using namespace s7200::sim;
@@ -23,10 +27,37 @@ namespace
 
 enum ExitStatus { Good = 0, Failed = 1, WrongUsage = 2 };
 
-void printLine(std::FILE* stream, const QString& line)
+/// False if it cannot be written.
+bool printLine(std::FILE* stream, const QString& line)
 {
-    std::fprintf(stream, "%s\n", line.toLocal8Bit().constData());
-    std::fflush(stream);
+    return std::fprintf(stream, "%s\n", line.toLocal8Bit().constData()) >= 0 &&
+           std::fflush(stream) == 0;
+}
+
+void complain(const QString& text)
+{
+    printLine(stderr, QStringLiteral("s7200-sim: ") + text);
+}
+
+/// What the program was asked to print, or it has failed.
+ExitStatus answer(const QString& text)
+{
+    if (printLine(stdout, text))
+        return Good;
+    complain(QStringLiteral("cannot write to standard output: ") +
+             QString::fromLocal8Bit(std::strerror(errno)));
+    return Failed;
+}
+
+/// A socket opened later must not become standard output because that was closed. What is written
+/// to a closed one fails, as it should.
+void openStandardStreams()
+{
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        const int mode = descriptor == STDERR_FILENO ? O_WRONLY : O_RDONLY;
+        if (fcntl(descriptor, F_GETFD) < 0 && open("/dev/null", mode) != descriptor)
+            _exit(Failed);
+    }
 }
 
 /// SIGINT and SIGTERM, blocked so that one thread can wait for them.
@@ -71,7 +102,7 @@ QString raiseDescriptorLimit(int controllers)
         .arg(limit.rlim_max);
 }
 
-void printWhereItListens(const SimulatorOptions& options, int firstPort)
+QString whereItListens(const SimulatorOptions& options, int firstPort)
 {
     const bool ipv6 = options.address.contains(QLatin1Char(':'));
     QString text = QStringLiteral("listening on ") +
@@ -79,7 +110,7 @@ void printWhereItListens(const SimulatorOptions& options, int firstPort)
                    QStringLiteral(":%1").arg(firstPort);
     if (options.count > 1)
         text += QStringLiteral("-%1").arg(firstPort + options.count - 1);
-    printLine(stdout, text);
+    return text;
 }
 
 void printFaultCounts(const SimulatorThread& simulator, const QStringList& faults)
@@ -106,15 +137,16 @@ int run(CommandLine& commandLine, const sigset_t& endSignals)
     }
     SimulatorThread simulator(options);
     if (!error.isEmpty() || !simulator.start(&error)) {
-        printLine(stderr, error);
+        complain(error);
         return Failed;
     }
-    printWhereItListens(options, simulator.port());
+    if (answer(whereItListens(options, simulator.port())) != Good)
+        return Failed; // whoever started it waits for that line
     waitForEnd(endSignals, commandLine.durationSeconds);
     simulator.stop();
     printFaultCounts(simulator, options.faults);
     if (trace && !trace->error().isEmpty()) {
-        printLine(stderr, trace->error());
+        complain(trace->error());
         return Failed;
     }
     return Good;
@@ -124,6 +156,7 @@ int run(CommandLine& commandLine, const sigset_t& endSignals)
 
 int main(int argc, char** argv)
 {
+    openStandardStreams();
     // Before any thread starts, so that all inherit it.
     const sigset_t endSignals = blockEndSignals();
     const QCoreApplication application(argc, argv);
@@ -131,19 +164,16 @@ int main(int argc, char** argv)
     CommandLine commandLine;
     const QString problem = readCommandLine(parser, &commandLine);
     if (!problem.isEmpty()) {
-        printLine(stderr, problem);
+        complain(problem);
         return WrongUsage;
     }
-    if (commandLine.help) {
-        printLine(stdout, helpText());
-        return Good;
-    }
+    if (commandLine.help)
+        return answer(helpText());
     if (commandLine.version) {
         const QString commit = QStringLiteral(S7200_COMMIT);
-        printLine(stdout, QStringLiteral("s7200-sim " S7200_VERSION ", Qt ") +
-                              QLatin1String(qVersion()) +
-                              (commit.isEmpty() ? commit : QStringLiteral(", commit ") + commit));
-        return Good;
+        return answer(QStringLiteral("s7200-sim " S7200_VERSION ", Qt ") +
+                      QLatin1String(qVersion()) +
+                      (commit.isEmpty() ? commit : QStringLiteral(", commit ") + commit));
     }
     if (parser.isSet(QStringLiteral("verbose")))
         commandLine.simulator.log = [](const QString& line) { printLine(stderr, line); };

@@ -32,6 +32,8 @@ SimulatedController::SimulatedController(const SimulatorOptions& options, Simula
     QObject::connect(&m_server, &QTcpServer::newConnection, &m_server, [this] { accept(); });
     QObject::connect(&m_server, &QTcpServer::acceptError, &m_server,
                      [this] { waitForDescriptors(); });
+    if (m_options.liveValues)
+        m_state->memory.tick(); // what lives is never seen at rest
 }
 
 bool SimulatedController::listen(quint16 port, QString* error)

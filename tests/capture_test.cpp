@@ -236,7 +236,7 @@ private slots:
             }
             QVERIFY(folder.read(file + "x", &error) == Exchange && error.contains("after frame"));
             // Lengths beyond all measure.
-            const int lengthAt = format->blocks ? file.indexOf(hex("06000000")) + 4 : 24 + 8;
+            const int lengthAt = format->blocks ? int(file.indexOf(hex("06000000"))) + 4 : 24 + 8;
             QVERIFY(folder.read(QByteArray(file).replace(lengthAt, 4, hex("fcffffff")), &error)
                         .isEmpty() &&
                     error.contains("damaged"));

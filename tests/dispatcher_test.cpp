@@ -2,6 +2,8 @@
 
 #include <QtTest>
 
+#include <thread>
+
 #include <climits>
 
 namespace
@@ -370,9 +372,11 @@ private slots:
             PLC_driver.read_list = {request(CyclicRead, 0), request(CyclicRead, 4)};
             pend(CyclicRead, OtherLink);
             info.frame_index = frameIndex;
-            // Stored without the data mutex, so a screen that holds it delays nothing.
-            QMutexLocker lock(&PLC_driver.data_mutex);
-            QCOMPARE(answer(goodRead()), stored ? 100 : 1);
+            // Stored without the data mutex, so a screen's thread that holds it delays nothing.
+            std::thread([] { PLC_driver.data_mutex.lock(); }).join();
+            const int result = answer(goodRead());
+            std::thread([] { PLC_driver.data_mutex.unlock(); }).join();
+            QCOMPARE(result, stored ? 100 : 1);
             QVERIFY(imageHolds(stored ? "0102" : ""));
             QCOMPARE(addresses(CyclicRead), (List{4, 0}));
             QCOMPARE(PLC_driver.cycle_count, 0);

@@ -2,12 +2,12 @@
 // controllers that come and go and spoil their replies.
 
 #include "host/driver_copy.h"
+#include "host/name_lookup.h"
 #include "simulator/simulator_thread.h"
 
 #include <s7200host/controller.h>
 
 #include <QDir>
-#include <QSignalSpy>
 #include <QtTest>
 
 using namespace s7200;
@@ -325,6 +325,52 @@ private slots:
         QCOMPARE(rig.ask("SM0.0=0").section(':', 0, 0), QString("refused"));
         QCOMPARE(rig.ask("MW4000").section(':', 0, 0), QString("refused"));
         QTRY_COMPARE_WITH_TIMEOUT(rig.ask("VW4"), QString("0"), LongMs);
+    }
+
+    // What no text can say, but a program can; a start that fails names what was given.
+    void nonsense()
+    {
+        Rig rig;
+        rig.start("VW0");
+        Variable tooLong = parsed("VW0");
+        tooLong.repeat = std::numeric_limits<int>::max();
+        rig.controller->watch({Variable(), tooLong, parsed("VW0")});
+        QTRY_COMPARE_WITH_TIMEOUT(rig.shown(2), QString("0"), LongMs);
+        QCOMPARE(rig.shown(0) + ' ' + rig.shown(1), QString("never read never read"));
+        QVector<Cause> causes;
+        for (const Variable& variable : {Variable(), tooLong})
+            rig.controller->read(variable, [&](const Result& r) { causes.append(r.cause); });
+        QTRY_COMPARE_WITH_TIMEOUT(causes, QVector<Cause>(2, Cause::Invalid), LongMs);
+        QTemporaryFile file;
+        ControllerSettings settings;
+        settings.driverFile = file.open() ? file.fileName() : QString();
+        QString error;
+        QVERIFY(!Controller(settings).start(&error));
+        QVERIFY2(error.contains(file.fileName()) && !error.contains("s7200-driver"),
+                 qPrintable(error));
+        settings.stations = {{300, {"127.0.0.1", 1}}};
+        QVERIFY(!Controller(settings).start(&error));
+        QVERIFY2(error.contains("station 300"), qPrintable(error));
+    }
+
+    // A name server that takes longer than any attempt must not keep a controller away for good.
+    void lateAnswer()
+    {
+        struct Lookup : NameLookup {
+            bool event(QEvent* event) override
+            {
+                isAnswered = true;
+                return NameLookup::event(event);
+            }
+            bool isAnswered = false;
+        } lookup;
+        QSignalSpy found(&lookup, &NameLookup::found);
+        lookup.start("localhost");
+        lookup.abandon();
+        QTRY_VERIFY_WITH_TIMEOUT(lookup.isAnswered, LongMs);
+        lookup.start("localhost");
+        QCoreApplication::sendPostedEvents(&lookup); // no time for asking anew
+        QCOMPARE(found.size(), 1);
     }
 
     void nothingIsLeftBehind()

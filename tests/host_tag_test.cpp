@@ -252,6 +252,7 @@ private slots:
             table,
             [](const QString& given) { return tagFaults(given.toUtf8()).section('\n', 0, 0); },
             Match::Message);
+        QVERIFY(!tagFaults("name\nx,y").contains('\n')); // of the header alone
         QStringList errors;
         const QStringList known = {"press1"};
         const auto tags =

@@ -211,7 +211,7 @@ private slots:
             TV250x7 -> TV255    | AIW64   -> AIW62    | AIW3     -> even     | VD0x2561 -> VD10236
             VW0x0   -> count    | VW0x    -> count    | VW0@256  -> station  | VW0@ -> station
             VW0;    -> NAME     | M0.0/hex -> no format | VW0/octal -> hex   | VW0/f -> double words
-            VW100.3 -> write VW100 | VW0x2147483647 -> VW10238 | VW99999999999 -> address
+            VW100.3 -> write VW100 | VW0x2147483647 -> VW10238 | VW99999999999 -> VW10238
             VW0=        -> -32768 to 65535 | VW0=65536  -> -32768 to 65535
             VW0=-32769  -> -32768 to 65535 | VW0=0x10000 -> -32768 to 65535
             VW0=0x-1    -> -32768 to 65535 | VW0=1.5    -> -32768 to 65535

@@ -224,6 +224,8 @@ private slots:
             {nullptr, "read --remote SM0.0", 0, "SM0.0 1\n", ""},
             {nullptr, "watch --count 1 VW4000@1 VW4002@1", 0, "VW4000@1 0\nVW4002@1 0\n",
              "0 retries"},
+            {nullptr, "watch --count 1 M0.0@1 M0.0@2 M0.0@3 M0.0@4 M0.0@5 M0.0@6", 0, nullptr,
+             "0 retries"},
             // Controllers that are not there, that fail, and that refuse.
             {"off", "watch VW0", 3, "VW0 ? link down\n", "no connection to 127.0.0.1"},
             {"off", "watch --wait --duration 1 VW0", 3, "VW0 ? link down\n",
@@ -264,7 +266,11 @@ private slots:
             const QByteArray seen =
                 QStringLiteral("%1: %2\n%3%4").arg(row.line).arg(status).arg(out, err).toUtf8();
             QVERIFY2(status == row.status && err.contains(row.err), seen);
-            QVERIFY2(row.out ? out == row.out : status != 0 || !out.isEmpty(), seen);
+            // On a slow machine what was not yet read may be told before.
+            QVERIFY2(!row.out           ? status != 0 || !out.isEmpty()
+                     : *row.out == '\0' ? out.isEmpty()
+                                        : out.endsWith(row.out),
+                     seen);
             QVERIFY2(status != 2 || err.count('\n') <= 2, seen);
         }
         for (const char* faulty : {"silent", "mute", "closing", "refusing", "babbling"})

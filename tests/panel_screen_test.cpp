@@ -136,6 +136,16 @@ private slots:
         QCOMPARE(textOf(drawPlant(rows, {40, 10, false, false, true}, 5)), small);
     }
 
+    void moreTroublesThanRoom()
+    {
+        const QVector<WatchedRow> rows = plant();
+        ScreenContents contents;
+        contents.status = QStringList{"0 of 4 links up", "a: off", "b: off", "c: off", "d: off"};
+        contents.rows = &rows;
+        QVERIFY(textOf(draw(contents, {40, 10})).contains("up\n4 in trouble: a: off\n"));
+        QVERIFY(textOf(draw(contents, {40, 16})).contains("b: off\nand 2 more in trouble\n"));
+    }
+
     // Whatever the size, no line is too wide, none is missing, and the scrolling stays inside.
     void everySize()
     {
@@ -200,6 +210,13 @@ private slots:
         QCOMPARE(feed("A"), QString("u"));
         QCOMPARE(feed("\x1b[1;5C\x1b[200~"), QString());
         QCOMPARE(feed("\x1b\x1b[A"), QString("u"));
+        // The key ESC clears what is typed, and takes nothing of what is typed then.
+        QCOMPARE(feed("SM\x1bVW"), QString("----"));
+        QCOMPARE(keyboard.typed(), QString("VW"));
+        feed("\x1b");
+        QVERIFY(keyboard.isInSequence());
+        keyboard.endEscape();
+        QCOMPARE(feed("[x\x1b\r"), QString("--L()"));
         QCOMPARE(feed("VW1 0\x7f\x7f"
                       "00 \r"),
                  QString("----------L(VW100)"));

@@ -2,7 +2,7 @@
 #define VARLISTS_FUNC_INITI_H
 
 /// Address texts, the cyclic list and its grouping, the write queue and one-shot reads. The
-/// exported list functions are declared in driver/host_interface.h.
+/// exported list functions are declared in host_interface.h.
 
 #include <siemens_s7_200_cp243/export.h>
 #include <siemens_s7_200_cp243/host_interface.h>

@@ -29,6 +29,8 @@ int StringAddressToInt(int regType, QString text)
     }
     if (!text.contains(QLatin1Char('.')))
         return InvalidAddress;
+    // Any bit number will do, and a part that is none counts as 0. Deliberate: docs/oddities.md,
+    // Values.
     const QStringList parts = text.split(QLatin1Char('.'));
     const qint64 address = qint64(parts.at(0).toInt()) * 8 + parts.at(1).toInt();
     return fitsInt(address) ? int(address) : InvalidAddress;

@@ -47,8 +47,9 @@ void setRange(RW_VAR& request, qint64 total)
     request.count = int(qBound(-LargestRange, total, LargestRange));
 }
 
-/// Widens a bit, double-word or element request to its bytes; words, VB and SW differ between the
-/// two methods and are widened by them.
+/// Widens a bit, double-word or element request to its bytes; VB and SW differ between the two
+/// methods and are widened by them. Analogue words stay words, although merging takes them for
+/// bytes. Deliberate: docs/oddities.md, Lists.
 void widen(RW_VAR& request, Width width)
 {
     const int elements = request.count;

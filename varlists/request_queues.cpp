@@ -52,7 +52,7 @@ OneShotRange normalise(RW_VAR& var, int address)
         // The start stays in bit units, where the cyclic list goes over to bytes. Deliberate:
         // docs/oddities.md, Lists.
         return {address & ~7, bytesOfBits(address & 7, elements), 1};
-    case Width::Byte:
+    case Width::Byte: // VB counts double. Deliberate: docs/oddities.md, Lists.
     case Width::Word:
         return {address, 2 * elements, 1};
     case Width::DoubleWord:
@@ -96,7 +96,7 @@ int queuePieces(RW_VAR& var, int address)
         var.station = info.default_station;
     const qint64 limit = info.block_length_limit;
     const OneShotRange range = normalise(var, address);
-    var.count = clampToInt(range.count);
+    var.count = clampToInt(range.count); // also without a piece: docs/oddities.md, Lists
     const Pieces pieces = cutIntoPieces(range.count, limit);
     const auto beginOf = [&](qint64 i) { return range.start + range.stepFactor * i * limit; };
     const auto setPiece = [&](qint64 i) {

@@ -46,6 +46,13 @@ void appendNative(QByteArray& out, Number number)
     out.append(reinterpret_cast<const char*>(&number), int(sizeof number));
 }
 
+QByteArray textOf(const TcpEnd& end)
+{
+    const QByteArray address = end.address.toString().toLatin1();
+    return (address.contains(':') ? '[' + address + ']' : address) + ':' +
+           QByteArray::number(end.port);
+}
+
 /// Four or sixteen bytes; four too for an IPv4 address that a socket shows as IPv6.
 QByteArray addressBytes(const QHostAddress& address)
 {
@@ -236,8 +243,7 @@ int FrameTrace::newConnection(const TcpEnd& client, const TcpEnd& controller)
     const int id = m_nextId;
     Connection& state = addConnection(client, controller);
     if (m_hexLines) {
-        writeHexLine(id,
-                     " connected to " + state.end[FromController].address.toString().toLatin1());
+        writeHexLine(id, " connected to " + textOf(state.end[FromController]));
         return id;
     }
     writeSegment(state, ToController, FlagSyn);
@@ -252,8 +258,7 @@ void FrameTrace::failedConnection(const TcpEnd& controller)
     const int id = m_nextId;
     Connection& state = addConnection(TcpEnd(), controller);
     if (m_hexLines) {
-        writeHexLine(id, " no connection to " +
-                             state.end[FromController].address.toString().toLatin1());
+        writeHexLine(id, " no connection to " + textOf(state.end[FromController]));
     } else {
         writeSegment(state, ToController, FlagSyn);
         writeSegment(state, FromController, FlagReset | FlagAck);

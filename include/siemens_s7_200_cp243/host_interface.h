@@ -55,6 +55,14 @@ enum ResultCode {
     Result_HandshakeFailed = 201,
 };
 
+/// The host's local word registers that the driver uses: the TSAPs (ISO 8073), high byte first on
+/// the wire. When either is 0 the driver puts the defaults into both.
+enum LocalWord {
+    LocalWord_CalledTsap = 55000,  ///< The controller's; by default 0x1100.
+    LocalWord_CallingTsap = 55001, ///< The driver's; by default 0x1000.
+    LocalWordCount = 55002,
+};
+
 /// The host's settings and status record: 19 words of 32 bits, read and written in place.
 /// Word positions are part of the interface.
 struct COM_INFO {
@@ -76,7 +84,8 @@ struct COM_INFO {
     int remote_access;         ///< 14, host: non-zero: forward records instead of S7 jobs.
     int link_id;               ///< 15, host: link identifier; decides a reply's path.
     int communication_mode; ///< 16, host: 2: writes go to the controller; else to the image only.
-    int cycle_complete;     ///< 17, driver: 1 once the whole cyclic list has been walked.
+    int cycle_complete;     ///< 17, driver: 1 once the whole cyclic list has been walked, and
+                            ///< after a call that found nothing to send.
     int host_handle;        ///< 18, host: first argument of every callback.
 };
 
@@ -115,7 +124,7 @@ CP243_EXPORT void SetComInfo(COM_INFO* info);
 CP243_EXPORT void RegistCallBackFuncIntf(CallBackFunc callback, int arg);
 
 /// Stores pointers to the host's register blocks in LB, LW and RWI. `words` must hold at least
-/// 55002 values of 16 bits. No lock.
+/// LocalWordCount values of 16 bits. No lock.
 CP243_EXPORT void FlashLocalRegister(void* bits, void* words, void* third);
 
 /// Replaces the cyclic read list by one built from `variables`; variables that cannot be read are
@@ -124,7 +133,8 @@ CP243_EXPORT void FlashLocalRegister(void* bits, void* words, void* third);
 CP243_EXPORT int ReCreatReadVarList(QList<VAR_INFO> variables);
 
 /// Appends a copy of a ready-made request (address and count in bytes) to the cyclic list and
-/// returns its size; a null pointer appends nothing. Takes NO lock: not while the loop runs.
+/// returns its size; a null pointer, or one more when memory has run out, appends nothing. Takes NO
+/// lock: not while the loop runs.
 CP243_EXPORT int AddListReadVar(RW_VAR* var);
 
 /// Queues a one-shot read. `link_id` must be that of COM_INFO, else its reply is not stored and the
@@ -140,7 +150,7 @@ CP243_EXPORT int AddListOnceReadVar(RW_VAR* var, int mode);
 CP243_EXPORT int AddListWriteVar(RW_VAR* var, int mode);
 
 /// Converts an address text as the driver does: byte * 8 + bit for types 0 to 5, else the number.
-/// Returns -1 when the text is not valid for the type. No lock.
+/// Returns -1 when the text is not valid for the type, and when memory runs out. No lock.
 CP243_EXPORT int PLCAddressChangeIntef(int regType, QString text);
 
 /// Returns the record whose frame is to be sent now, or null when there is nothing to send. The
@@ -163,13 +173,14 @@ CP243_EXPORT int GetRegisterData(QString name, int reg_type, QString address_tex
 /// Writes a value in host encoding. In communication mode 2 it is queued for the controller in
 /// pieces and the size of the write queue is returned; in any other mode only the image changes
 /// and 1 is returned. Returns 0 for an invalid address, a type that cannot be written (mode 2),
-/// a null pointer, and when memory runs out (pieces queued by then stay queued). Takes the list and
-/// the data mutex, one after the other.
+/// nothing to write, a null pointer, and when memory runs out (pieces queued by then stay queued).
+/// Takes the list and the data mutex, one after the other.
 CP243_EXPORT int SetRegisterData(QString name, int reg_type, QString address_text, int station,
                                  QByteArray* data, int count, int host_key, int host_index);
 
 /// Marks a station disabled (enable 0) or enabled (enable 1) for the host's benefit; a negative
-/// station forgets all marks. A disabled station is still polled. Takes the station mutex.
+/// station forgets all marks; when memory runs out nothing changes. A disabled station is still
+/// polled. Takes the station mutex.
 CP243_EXPORT void EnableEthernet(int station, int enable);
 
 /// Always 1: the driver never keeps the host waiting.
