@@ -222,10 +222,10 @@ private slots:
             // Simulated controllers of the panel's own.
             {nullptr, "read SM0.0 VW4000", 0, "SM0.0 1\nVW4000 0\n", "simulated"},
             {nullptr, "read --remote SM0.0", 0, "SM0.0 1\n", ""},
-            {nullptr, "watch --count 1 VW4000@1 VW4002@1", 0, "VW4000@1 0\nVW4002@1 0\n",
-             "0 retries"},
-            {nullptr, "watch --count 1 M0.0@1 M0.0@2 M0.0@3 M0.0@4 M0.0@5 M0.0@6", 0, nullptr,
-             "0 retries"},
+            {nullptr, "watch --count 1 --timeout 20000 VW4000@1 VW4002@1", 0,
+             "VW4000@1 0\nVW4002@1 0\n", "0 retries"},
+            {nullptr, "watch --count 1 --timeout 20000 M0.0@1 M0.0@2 M0.0@3 M0.0@4 M0.0@5 M0.0@6",
+             0, nullptr, "0 retries"},
             // Controllers that are not there, that fail, and that refuse.
             {"off", "watch VW0", 3, "VW0 ? link down\n", "no connection to 127.0.0.1"},
             {"off", "watch --wait --duration 1 VW0", 3, "VW0 ? link down\n",
