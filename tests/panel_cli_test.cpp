@@ -55,7 +55,7 @@ public:
     void signal(int number)
     {
         // Without a process there is no id, and the signal would go to the caller's group.
-        if (process.state() == QProcess::Running)
+        if (process.waitForStarted(LongMs))
             ::kill(pid_t(process.processId()), number);
     }
 
@@ -222,20 +222,20 @@ private slots:
             // Simulated controllers of the panel's own.
             {nullptr, "read SM0.0 VW4000", 0, "SM0.0 1\nVW4000 0\n", "simulated"},
             {nullptr, "read --remote SM0.0", 0, "SM0.0 1\n", ""},
-            {nullptr, "watch --count 1 VW4000@1 VW4002@1", 0, "VW4000@1 0\nVW4002@1 0\n",
-             "0 retries"},
-            {nullptr, "watch --count 1 M0.0@1 M0.0@2 M0.0@3 M0.0@4 M0.0@5 M0.0@6", 0, nullptr,
-             "0 retries"},
+            {nullptr, "watch --count 1 --timeout 20000 VW4000@1 VW4002@1", 0,
+             "VW4000@1 0\nVW4002@1 0\n", "0 retries"},
+            {nullptr, "watch --count 1 --timeout 20000 M0.0@1 M0.0@2 M0.0@3 M0.0@4 M0.0@5 M0.0@6",
+             0, nullptr, "0 retries"},
             // Controllers that are not there, that fail, and that refuse.
             {"off", "watch VW0", 3, "VW0 ? link down\n", "no connection to 127.0.0.1"},
             {"off", "watch --wait --duration 1 VW0", 3, "VW0 ? link down\n",
              "no connection to 127.0.0.1"},
             {"off", "read VW0 VW2", 3, "", "VW0 VW2: no connection to 127.0.0.1"},
-            {"silent", "watch --timeout 200 --retries 1 VW0", 4, "VW0 ? link down\n",
+            {"silent", "watch --timeout 1000 --retries 1 VW0", 4, "VW0 ? link down\n",
              "no reply within"},
             {"silent", "watch --duration 0.3 VW0", 4, nullptr, "no answer yet"},
-            {"silent", "read --timeout 200 VW0", 4, "", "no reply within"},
-            {"mute", "watch --count 2 --timeout 200 VW0", 4, "VW0 ? link down\n",
+            {"silent", "read --timeout 1000 --retries 0 VW0", 4, "", "no reply within"},
+            {"mute", "watch --count 2 --timeout 1000 --retries 0 VW0", 4, "VW0 ? link down\n",
              "no reply within"},
             {"closing", "watch --retries 1 VW0", 3, "VW0 ? link down\n",
              "closed by the controller"},
