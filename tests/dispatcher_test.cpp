@@ -1,5 +1,6 @@
 #include "tests/driver_fixture.h"
 
+#include <QSemaphore>
 #include <QtTest>
 
 #include <thread>
@@ -373,9 +374,17 @@ private slots:
             pend(CyclicRead, OtherLink);
             info.frame_index = frameIndex;
             // Stored without the data mutex, so a screen's thread that holds it delays nothing.
-            std::thread([] { PLC_driver.data_mutex.lock(); }).join();
+            QSemaphore held;
+            QSemaphore answered;
+            std::thread screen([&] {
+                QMutexLocker lock(&PLC_driver.data_mutex);
+                held.release();
+                answered.acquire();
+            });
+            held.acquire();
             const int result = answer(goodRead());
-            std::thread([] { PLC_driver.data_mutex.unlock(); }).join();
+            answered.release();
+            screen.join();
             QCOMPARE(result, stored ? 100 : 1);
             QVERIFY(imageHolds(stored ? "0102" : ""));
             QCOMPARE(addresses(CyclicRead), (List{4, 0}));
