@@ -102,8 +102,8 @@ void saveValues(const EntryReader& reader, qint64 number, unsigned short* area)
     }
 }
 
-/// Bits of timers or counters latch: they are only ever set, never cleared. Deliberate: docs/oddities.md,
-/// Timers and counters.
+/// Bits of timers or counters latch: they are only ever set, never cleared. Deliberate:
+/// docs/oddities.md, Timers and counters.
 void saveBits(const EntryReader& reader, qint64 number, uchar statusOn, unsigned char* area)
 {
     for (int k = 0; k < reader.entries() && reader.holds(k); ++k) {
