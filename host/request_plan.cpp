@@ -13,9 +13,10 @@ namespace
 {
 
 // All even, so that a double word is never cut in two.
-constexpr int ByteLimit = 106;   // 2 * 106 = 212 bytes of a write job
-constexpr int CounterLimit = 70; // 3 * 70 = 210
-constexpr int TimerLimit = 42;   // 5 * 42 = 210
+constexpr int ByteLimit = 212;      // of the 222 of a read reply, in whole double words
+constexpr int CounterLimit = 70;    // 3 * 70 = 210
+constexpr int TimerLimit = 42;      // 5 * 42 = 210
+constexpr int WriteWordLimit = 106; // 2 * 106 = 212 bytes of a write job
 
 constexpr int IwType = 6; // the first type that is not a bit
 constexpr int SwType = 9;
@@ -133,7 +134,8 @@ QByteArray bitsOf(const QVector<quint32>& values, int width)
 /// Elements of a word type in one write request.
 int elementsPerStep(int type, int limit)
 {
-    return std::max(2, std::min(limit, limitOf(type)));
+    const bool words = !isTimer(type) && !isCounter(type);
+    return std::max(2, std::min(limit, words ? WriteWordLimit : limitOf(type)));
 }
 
 /// Words from `address` on, or timers or counters; of double words two for each value.

@@ -21,7 +21,7 @@ namespace s7200
 /// here, into whole words, pieces that the driver leaves as they are.
 
 /// The block length limit for a panel that shows `variables`: 42 with timers, 70 with counters,
-/// else 106. The driver merges neighbours up to the limit whatever their kind takes in a reply.
+/// else 212. The driver merges neighbours up to the limit whatever their kind takes in a reply.
 int blockLimitFor(const QVector<Variable>& variables);
 
 /// The limit of single requests. `wanted`: what the user has set, 0 if nothing.

@@ -40,7 +40,7 @@ QList<QCommandLineOption> controllerOptions()
         {"timeout", "How long a connection or a reply may take (default 1000).", "ms"},
         {"retries", "Failed replies before the link counts as down (default 3).", "n"},
         {"block-limit",
-         "Most bytes of one read (default 106; cyclic ones take no more in any case).", "bytes"},
+         "Most bytes of one read (default 212; cyclic ones take no more in any case).", "bytes"},
         {"remote", "Use forwarding records of remote access in place of S7 jobs."},
         {"one-driver",
          "All stations behind one driver, in turn. A dead one then costs the others time."},

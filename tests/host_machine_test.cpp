@@ -448,9 +448,9 @@ private slots:
             "ok 0003         -> get V10+2\n"
             "ok 0004         -> done 3 4\n");
         add("lost: the socket goes, and what was read for a request is void", "",
-            Up + "read VB50x300   -> get V50+106\n"
+            Up + "read VB50x300   -> get V50+212\n"
                  "read VW20       -> \n"
-                 "ok              -> get V156+106\n"
+                 "ok              -> get V262+88\n"
                  "+1000           -> close; done: time-out; down: time-out; done: dropped; "
                  "VW0 link down 1; VW4 link down 5\n"
                  "read VW20       -> done: time-out\n"

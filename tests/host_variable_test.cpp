@@ -17,7 +17,7 @@ namespace
 
 constexpr int MostReplyData = 222;
 constexpr int MostJobData = 212;
-constexpr int LargestLimit = 106;
+constexpr int LargestLimit = 212;
 
 /// What an area has and what the driver must be told of it.
 struct Area {
@@ -273,11 +273,11 @@ private slots:
     void requestsFit()
     {
         const char* const table = R"(
-            VW0 VB3 V7.3 VD300x60 IB0 QW2 MD4 SW6 SMD10 V0.0x4000 -> 106
+            VW0 VB3 V7.3 VD300x99 IB0 QW2 MD4 SW6 SMD10 V0.0x4000 -> 212
             CV0x256 C0x256 VW0x200 CV3 C250                       -> 70
             TV0x256 T0x256 T1 T30 T60 TV90 VW0x100 CV0x256        -> 42
             TV0x42 TV42x42 CV0x42 CV42x42 VW0x21 VW42x21          -> 42
-            AIW0 AIW62 AIW30 AQW0x2 AQW60x2 VW0                   -> 106
+            AIW0 AIW62 AIW30 AQW0x2 AQW60x2 VW0                   -> 212
             VB10239 M4095.7 TV255 C255 AQW62 SMD4092              -> 42)";
         check(table, limitAndMisfits);
     }

@@ -142,21 +142,21 @@ private slots:
     void neighbours()
     {
         QByteArray memory;
-        for (int i = 0; i < 120; ++i)
+        for (int i = 0; i < 220; ++i)
             memory.append(char(0x35 + 7 * i));
         m_simulator->poke(SimulatorArea::V, 200, memory);
         m_simulator->poke(SimulatorArea::M, 0, memory.left(9));
         m_simulator->poke(SimulatorArea::AIW, 0, memory.left(8));
         m_simulator->poke(SimulatorArea::Timer, 5, QByteArray::fromHex("0000000007"));
         m_simulator->poke(SimulatorArea::Timer, 10, QByteArray::fromHex("0000000008"));
-        const QString variables = "VD203 VW200 V201.3x9 TV9x2 VB207 VB305 VW206/s VW307 MB3 MD1 "
+        const QString variables = "VD203 VW200 V201.3x9 TV9x2 VB207 VB411 VW206/s VW413 MB3 MD1 "
                                   "M2.7x2 TV5 CV3 AIW6 AIW2 VD203";
         QString alone;
         for (const QString& variable : variables.split(' '))
             alone += run("read " + variable).out;
         const Run together = run("read --trace - " + variables);
         QCOMPARE(together.out, alone);
-        // VW307 would be beyond what one request brings.
+        // VW413 would be beyond what one request brings.
         QCOMPARE(int(together.err.count(QRegularExpression("0401120a1002....000184"))), 2);
     }
 
