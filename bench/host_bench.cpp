@@ -12,7 +12,7 @@ using namespace s7200::bench;
 namespace
 {
 
-constexpr int Words = 100; ///< Watched: 200 bytes, in two reads.
+constexpr int Words = 100; ///< Watched: 200 bytes, in one read.
 constexpr int QuickIntervalMs = 100;
 
 /// Sockets that shake hands and then ask for the same bytes, driven by a timer each and nothing
@@ -97,7 +97,7 @@ void print(const char* what, const Load& load, const Load& bare)
 void measureSlow(int count, int seconds)
 {
     Farm farm(count);
-    const Load bare = measureBare(count, farm, Words, 2, 1000, seconds);
+    const Load bare = measureBare(count, farm, Words, 1, 1000, seconds);
     const double before = residentMb();
     Fleet fleet(count, farm, Words, 1000);
     fleet.start(1000);

@@ -117,9 +117,14 @@ void Session::wakeAt(Micros time)
     if (time == std::numeric_limits<Micros>::max() || (m_wakeAt >= 0 && m_wakeAt <= time))
         return;
     constexpr Micros Longest = Micros(3600) * 1000 * 1000;
+    constexpr Micros Together = 20 * 1000;
     const Micros delay = qBound(Micros(0), time - now(), Longest);
     m_wakeAt = time;
-    m_timer.start(int((delay + 999) / 1000));
+    // Long waits end together with those of other controllers, at whole multiples: each time that a
+    // thread wakes it looks at all its sockets, whether one has news or many.
+    const Micros common = m_clock.msecsSinceReference() * 1000 + time;
+    const Micros longer = delay >= 20 * Together ? Together - 1 - (common - 1) % Together : 0;
+    m_timer.start(int((delay + longer + 999) / 1000));
 }
 
 void Session::woken()
