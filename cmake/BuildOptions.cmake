@@ -2,6 +2,7 @@
 # for a whole directory, so the project can be added to another one.
 add_library(s7200_build_options INTERFACE)
 target_compile_features(s7200_build_options INTERFACE cxx_std_17)
+target_compile_definitions(s7200_build_options INTERFACE _FILE_OFFSET_BITS=64) # long traces, 32 bits
 target_compile_options(s7200_build_options INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
     # Qt Test's own QSKIP(text).
