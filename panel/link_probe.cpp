@@ -78,6 +78,9 @@ QString describe(ProbeStep step)
 QString usualCause(const ProbeResults& results, const ControllerSettings& settings)
 {
     const ProbeStep step = results.step;
+    if (step == ProbeStep::Read && settings.remoteAccess && results.roundTripsUs.isEmpty())
+        return QStringLiteral("what listens there takes no forwarding records of remote access; "
+                              "try without --remote");
     Cause cause = results.failure.cause;
     if (results.socketError == QAbstractSocket::ConnectionRefusedError)
         cause = Cause::Closed;
@@ -188,6 +191,8 @@ void LinkProbe::tcpConnected()
     if (m_settings.trace != nullptr)
         m_traceId = m_settings.trace->newConnection({m_socket.localAddress(), m_socket.localPort()},
                                                     {m_socket.peerAddress(), m_socket.peerPort()});
+    if (m_settings.remoteAccess && m_results.connections == 1)
+        Q_EMIT connected();
     m_fresh = true;
     sendNext();
 }

@@ -61,6 +61,7 @@ public:
     const ProbeResults& results() const;
 
 Q_SIGNALS:
+    /// Once, when reads can begin: after the handshake, in remote access after the TCP connection.
     void connected();
     /// The read of that number, from 1, was answered.
     void answered(int number, qint64 roundTripUs);

@@ -21,7 +21,8 @@ const char* const Description =
     "step by step: name look-up, TCP connection, TPDU connection (TSAPs), setup\n"
     "communication, read. Says which step failed and what usually causes it; prints\n"
     "what was granted, each round trip, and their minimum, median, 99th percentile and\n"
-    "maximum. It takes one of the module's connections while it runs.";
+    "maximum. With --remote there is no handshake: the reads follow the TCP connection.\n"
+    "It takes one of the module's connections while it runs.";
 
 QString milliseconds(qint64 microseconds)
 {
@@ -41,12 +42,16 @@ public:
     void begin(const ProbeResults& results) const
     {
         const ControllerSettings& settings = m_session.controller(m_index).settings();
-        print(QStringLiteral("%1: connected in %2 ms, own TSAP %3, the controller's %4, PDU length "
-                             "%5 granted")
+        const QString granted =
+            settings.remoteAccess
+                ? QStringLiteral("remote access, no handshake")
+                : QStringLiteral("own TSAP %1, the controller's %2, PDU length %3 granted")
+                      .arg(wire::tsapText(settings.localTsap), wire::tsapText(settings.remoteTsap))
+                      .arg(results.grantedPdu);
+        print(QStringLiteral("%1: connected in %2 ms, %3")
                   .arg(m_session.name(m_index))
                   .arg(results.connectMs, 0, 'f', 3)
-                  .arg(wire::tsapText(settings.localTsap), wire::tsapText(settings.remoteTsap))
-                  .arg(results.grantedPdu));
+                  .arg(granted));
     }
 
     void answered(int number, qint64 roundTripUs) const

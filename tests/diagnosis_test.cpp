@@ -259,7 +259,7 @@ private slots:
 
     void ping_data()
     {
-        QTest::addColumn<QString>("fault"); ///< Empty: none; "none": nobody listens.
+        QTest::addColumn<QString>("fault"); ///< Or "": none, "remote": none, "nobody" listens.
         QTest::addColumn<int>("step");
         QTest::addColumn<int>("cause");
         const auto row = [](const char* fault, ProbeStep step, Cause cause) {
@@ -273,6 +273,7 @@ private slots:
         row("error-class:address 0", ProbeStep::Read, Cause::Refused);
         row("wrong-length:address 0", ProbeStep::Read, Cause::WrongLength);
         row("close-mid-frame:address 0", ProbeStep::Read, Cause::None);
+        row("remote", ProbeStep::Read, Cause::None);
     }
 
     void ping()
@@ -281,7 +282,9 @@ private slots:
         QFETCH(int, step);
         QFETCH(int, cause);
         sim::SimulatorOptions options;
-        if (!fault.isEmpty() && fault != "nobody")
+        const bool remote = fault == "remote";
+        options.remote = remote;
+        if (!fault.isEmpty() && fault != "nobody" && !remote)
             options.faults = QStringList{fault};
         sim::SimulatorThread simulator(options);
         QString error;
@@ -291,18 +294,22 @@ private slots:
         ControllerSettings settings;
         settings.endpoint = {"127.0.0.1", simulator.port()};
         settings.intervalMs = 1;
+        settings.remoteAccess = remote;
         settings.timeoutMs = fault == "silent-accept" ? 300 : 20000;
         LinkProbe probe(settings, DriverDesk::open(settings, &error), 6);
         QSignalSpy finished(&probe, &LinkProbe::finished);
+        QSignalSpy connected(&probe, &LinkProbe::connected);
         probe.start();
         QVERIFY(finished.wait(60000));
         const ProbeResults& results = probe.results();
         const bool shaken = ProbeStep(step) == ProbeStep::Read;
         QCOMPARE(results.gaveUp, !shaken);
-        QCOMPARE(results.grantedPdu, shaken ? 240 : 0);
-        QCOMPARE(int(results.roundTripsUs.size()), fault.isEmpty() ? 6 : 0);
+        const bool good = fault.isEmpty() || remote;
+        QCOMPARE(int(connected.size()), shaken ? 1 : 0);
+        QCOMPARE(results.grantedPdu, shaken && !remote ? 240 : 0);
+        QCOMPARE(int(results.roundTripsUs.size()), good ? 6 : 0);
         QCOMPARE(results.reads, shaken ? 6 : 0);
-        if (fault.isEmpty())
+        if (good)
             return;
         const int failures = std::accumulate(results.failures.begin(), results.failures.end(), 0);
         QCOMPARE(failures, shaken ? 6 : 1);
