@@ -1,5 +1,7 @@
 #include "panel/keyboard.h"
 
+#include <QTextBoundaryFinder>
+
 namespace s7200::panel
 {
 
@@ -21,6 +23,14 @@ int lettersBytes(char first)
 {
     const auto byte = uchar(first);
     return byte < 0xC0 ? 1 : byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
+}
+
+/// Where the last letter begins, the marks on it included.
+int lastLetter(const QString& text)
+{
+    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
+    finder.toEnd();
+    return qMax(0, int(finder.toPreviousBoundary()));
 }
 
 } // namespace
@@ -106,7 +116,7 @@ void Keyboard::control(char byte, QVector<Key>* keys)
         return;
     case Backspace:
     case Delete:
-        m_typed.chop(1);
+        m_typed.truncate(lastLetter(m_typed));
         break;
     case CtrlU:
         m_typed.clear();

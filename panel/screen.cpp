@@ -79,6 +79,18 @@ private:
     {
         return clipped(text, width, m_shape.utf8);
     }
+    QString toLeft(const QString& text, int width) const
+    {
+        return toTheLeft(text, width, m_shape.utf8);
+    }
+    QString toRight(const QString& text, int width) const
+    {
+        return toTheRight(text, width, m_shape.utf8);
+    }
+    int cells(const QString& text) const
+    {
+        return cellsOf(text, m_shape.utf8);
+    }
 
     const ScreenContents& m_contents;
     const ScreenShape& m_shape;
@@ -98,7 +110,7 @@ Drawing Layout::draw()
     while (m_drawing.lines.size() > qMax(1, m_shape.lines))
         m_drawing.lines.removeFirst();
     for (ScreenLine& line : m_drawing.lines)
-        line.cut(m_width);
+        line.cut(m_width, m_shape.utf8);
     return m_drawing;
 }
 
@@ -108,7 +120,7 @@ void Layout::addStatus()
     const int most = qMax(2, m_shape.lines / 4);
     // Of the first line, whole parts go first.
     QString first = m_contents.status.value(0);
-    while (first.size() > m_width && first.contains(Separator))
+    while (cells(first) > m_width && first.contains(Separator))
         first.truncate(first.lastIndexOf(Separator));
     QStringList lines = {first};
     if (m_contents.status.size() == 2)
@@ -167,10 +179,9 @@ void Layout::addPrompt(const QStringList& message)
         where += (where.isEmpty() ? QString() : QStringLiteral("  ")) + QStringLiteral("q quits");
     QString line = m_shape.typing ? QLatin1String(Prompt) + m_contents.typed : QString();
     // Of a long line the end is what is being typed.
-    if (line.size() > m_width)
-        line = line.right(m_width);
-    m_drawing.cursorColumn = int(line.size());
-    const int gap = m_width - int(line.size() + where.size());
+    line = ending(line, m_width, m_shape.utf8);
+    m_drawing.cursorColumn = cells(line);
+    const int gap = m_width - m_drawing.cursorColumn - int(where.size());
     ScreenLine prompt(line);
     if (gap >= 1)
         prompt.add(QString(gap, QLatin1Char(' ')) + where, Style::Dim);
@@ -235,15 +246,15 @@ Columns Layout::columnsFor(const QVector<Place>& places) const
     Columns columns;
     for (const Place& place : places) {
         const WatchedRow& row = m_contents.rows->at(place.row);
-        columns.label = qMax(columns.label, int(labelOf(place).size()));
+        columns.label = qMax(columns.label, cells(labelOf(place)));
         if (row.item.tag.low || row.item.tag.high)
             columns.marks = 2;
         if (row.isDump())
             continue;
-        columns.value = qMax(columns.value, int(valueOf(row, place.first).size()));
+        columns.value = qMax(columns.value, cells(valueOf(row, place.first)));
         if (!row.item.tag.unit.isEmpty())
-            columns.unit = qBound(qMax(NarrowestUnit, columns.unit), int(row.item.tag.unit.size()),
-                                  WidestUnit);
+            columns.unit =
+                qBound(qMax(NarrowestUnit, columns.unit), cells(row.item.tag.unit), WidestUnit);
     }
     columns.label = qMin(columns.label, qMax(8, m_width * 2 / 5));
     int left = m_width - columns.label - columns.marks - 1 - AgeWidth - 1;
@@ -286,13 +297,10 @@ ScreenLine Layout::elementLine(const WatchedRow& row, int element, const Columns
                         : limit != Limit::Inside ? Style::Alarm
                         : marked                 ? Style::Bold
                                                  : Style::Plain;
-    ScreenLine line(clip(row.elementLabel(element), columns.label).leftJustified(columns.label) +
-                    QLatin1Char(' '));
-    line.add(marks + clip(valueOf(row, element), columns.value).rightJustified(columns.value),
-             style);
+    ScreenLine line(toLeft(row.elementLabel(element), columns.label) + QLatin1Char(' '));
+    line.add(marks + toRight(valueOf(row, element), columns.value), style);
     if (columns.unit > 0)
-        line.add(QLatin1Char(' ') +
-                 clip(row.item.tag.unit, columns.unit).leftJustified(columns.unit));
+        line.add(QLatin1Char(' ') + toLeft(row.item.tag.unit, columns.unit));
     line.add(QLatin1Char(' ') + ageText(row.value.ageMs).rightJustified(AgeWidth));
     if (columns.note == 0)
         return line;
@@ -311,10 +319,8 @@ ScreenLine Layout::dumpHead(const WatchedRow& row, const Columns& columns) const
     const bool good = row.value.quality == Quality::Good;
     const int valueWidth =
         columns.marks + columns.value + (columns.unit > 0 ? columns.unit + 1 : 0);
-    ScreenLine line(clip(row.item.label, columns.label).leftJustified(columns.label) +
-                    QLatin1Char(' '));
-    line.add(clip(good ? QString() : QStringLiteral("?"), valueWidth).rightJustified(valueWidth),
-             Style::Dim);
+    ScreenLine line(toLeft(row.item.label, columns.label) + QLatin1Char(' '));
+    line.add(toRight(good ? QString() : QStringLiteral("?"), valueWidth), Style::Dim);
     line.add(QLatin1Char(' ') + ageText(row.value.ageMs).rightJustified(AgeWidth));
     if (columns.note > 0 && !good)
         line.add(QStringLiteral("  ") + clip(describe(row.value.quality), columns.note),
@@ -336,59 +342,7 @@ ScreenLine Layout::dumpElements(const WatchedRow& row, const Place& place) const
     return line;
 }
 
-const char* sequenceOf(Style style, bool colour)
-{
-    switch (style) {
-    case Style::Dim:
-        return "\x1b[2m";
-    case Style::Bold:
-        return "\x1b[1m";
-    case Style::Alarm:
-        return colour ? "\x1b[1;31m" : "\x1b[1m";
-    default:
-        return "";
-    }
-}
-
 } // namespace
-
-ScreenLine::ScreenLine(const QString& text, Style style)
-{
-    add(text, style);
-}
-
-void ScreenLine::add(const QString& text, Style style)
-{
-    pieces.append({text, style});
-}
-
-void ScreenLine::cut(int width)
-{
-    for (Piece& piece : pieces) {
-        piece.text.truncate(qMax(0, width));
-        width -= int(piece.text.size());
-    }
-}
-
-QString ScreenLine::text() const
-{
-    QString text;
-    for (const Piece& piece : pieces)
-        text += piece.text;
-    return text;
-}
-
-QString ScreenLine::forTerminal(bool colour) const
-{
-    QString text;
-    for (const Piece& piece : pieces) {
-        const QLatin1String sequence(sequenceOf(piece.style, colour));
-        text += sequence + piece.text;
-        if (sequence.size() > 0)
-            text += QStringLiteral("\x1b[m");
-    }
-    return text;
-}
 
 Drawing draw(const ScreenContents& contents, const ScreenShape& shape)
 {

@@ -13,7 +13,7 @@ namespace s7200::panel
 
 /// What a terminal can show.
 struct ScreenShape {
-    int columns = 80;
+    int columns = 80; ///< Cells of a line; a letter takes none, one or two (cellsOf).
     int lines = 24;
     bool utf8 = true;
     bool colour = true;
@@ -43,7 +43,7 @@ struct ScreenLine {
     ScreenLine() = default;
     ScreenLine(const QString& text, Style style = Style::Plain);
     void add(const QString& text, Style style = Style::Plain);
-    void cut(int width);
+    void cut(int width, bool utf8);
     QString text() const;
     /// With control sequences (ECMA-48) for the styles.
     QString forTerminal(bool colour) const;
@@ -68,8 +68,21 @@ QString ageText(qint64 ageMs);
 /// One letter a number, from lowest to highest; a blank where there is none.
 QString sparkline(const QVector<float>& numbers, int width, bool utf8);
 
-/// Cut to `width` letters, which is said by its last one; control characters become visible.
+/// The cells of a terminal that a text takes, as the C library has it in the locale's character
+/// set: two for a wide letter (CJK), none for a mark on the letter before. Without UTF-8 one for
+/// each letter, since each that is not ASCII is shown as a question mark.
+int cellsOf(const QString& text, bool utf8);
+
+/// As much of the beginning, or of the end, as fits into `width` cells.
+QString beginning(const QString& text, int width, bool utf8);
+QString ending(const QString& text, int width, bool utf8);
+
+/// Cut to `width` cells, which is said by the last one; control characters become visible.
 QString clipped(const QString& text, int width, bool utf8);
+
+/// Clipped, and filled with blanks to `width` cells at the other side.
+QString toTheLeft(const QString& text, int width, bool utf8);
+QString toTheRight(const QString& text, int width, bool utf8);
 
 /// In lines of `width`, at most `most` of them, cut at blanks where that is possible.
 QStringList wrapped(const QString& text, int width, int most, bool utf8);

@@ -1,11 +1,74 @@
-// Pieces of text that fit.
+// Pieces of text that fit, and the lines made of them.
 
 #include "panel/screen.h"
 
 #include <cmath>
+#include <wchar.h> // wcwidth is POSIX's, not C++'s
 
 namespace s7200::panel
 {
+
+namespace
+{
+
+int cellsOfLetter(char32_t letter, bool utf8)
+{
+    // Control characters have no width, nor has what the C library does not know: one is shown.
+    const int cells = utf8 && letter >= 0x20 ? ::wcwidth(wchar_t(letter)) : 1;
+    return cells < 0 ? 1 : cells;
+}
+
+const char* sequenceOf(Style style, bool colour)
+{
+    switch (style) {
+    case Style::Dim:
+        return "\x1b[2m";
+    case Style::Bold:
+        return "\x1b[1m";
+    case Style::Alarm:
+        return colour ? "\x1b[1;31m" : "\x1b[1m";
+    default:
+        return "";
+    }
+}
+
+} // namespace
+
+int cellsOf(const QString& text, bool utf8)
+{
+    int cells = 0;
+    for (const char32_t letter : text.toStdU32String())
+        cells += cellsOfLetter(letter, utf8);
+    return cells;
+}
+
+QString beginning(const QString& text, int width, bool utf8)
+{
+    const std::u32string letters = text.toStdU32String();
+    std::size_t count = 0;
+    // A mark stays on its letter also where that takes the last cell.
+    for (; count < letters.size(); ++count) {
+        width -= cellsOfLetter(letters[count], utf8);
+        if (width < 0)
+            break;
+    }
+    return QString::fromStdU32String(letters.substr(0, count));
+}
+
+QString ending(const QString& text, int width, bool utf8)
+{
+    const std::u32string letters = text.toStdU32String();
+    std::size_t from = letters.size();
+    for (; from > 0; --from) {
+        width -= cellsOfLetter(letters[from - 1], utf8);
+        if (width < 0)
+            break;
+    }
+    // Marks whose letter is left out would stand on nothing.
+    while (from > 0 && from < letters.size() && cellsOfLetter(letters[from], utf8) == 0)
+        ++from;
+    return QString::fromStdU32String(letters.substr(from));
+}
 
 QString ageText(qint64 ageMs)
 {
@@ -56,24 +119,76 @@ QString clipped(const QString& text, int width, bool utf8)
         if (letter.category() == QChar::Other_Control)
             letter = QLatin1Char('?');
     }
-    if (visible.size() <= width)
+    if (cellsOf(visible, utf8) <= width)
         return visible;
-    return visible.left(qMax(0, width - 1)) + (utf8 ? QChar(0x2026) : QLatin1Char('~'));
+    return beginning(visible, width - 1, utf8) + (utf8 ? QChar(0x2026) : QLatin1Char('~'));
+}
+
+QString toTheLeft(const QString& text, int width, bool utf8)
+{
+    const QString fits = clipped(text, width, utf8);
+    return fits + QString(qMax(0, width - cellsOf(fits, utf8)), QLatin1Char(' '));
+}
+
+QString toTheRight(const QString& text, int width, bool utf8)
+{
+    const QString fits = clipped(text, width, utf8);
+    return QString(qMax(0, width - cellsOf(fits, utf8)), QLatin1Char(' ')) + fits;
 }
 
 QStringList wrapped(const QString& text, int width, int most, bool utf8)
 {
     QStringList lines;
     QString rest = text;
-    while (!rest.isEmpty() && int(lines.size()) < most - 1 && rest.size() > width) {
-        const auto blank = rest.lastIndexOf(QLatin1Char(' '), width);
-        const int end = blank > width / 2 ? int(blank) : width;
+    while (int(lines.size()) < most - 1 && cellsOf(rest, utf8) > width) {
+        const int fits = qMax(1, int(beginning(rest, width, utf8).size()));
+        const auto blank = rest.lastIndexOf(QLatin1Char(' '), fits);
+        const int end = blank > fits / 2 ? int(blank) : fits;
         lines.append(clipped(rest.left(end), width, utf8));
         rest = rest.mid(end).trimmed();
     }
     if (!rest.isEmpty())
         lines.append(clipped(rest, width, utf8));
     return lines;
+}
+
+ScreenLine::ScreenLine(const QString& text, Style style)
+{
+    add(text, style);
+}
+
+void ScreenLine::add(const QString& text, Style style)
+{
+    pieces.append({text, style});
+}
+
+void ScreenLine::cut(int width, bool utf8)
+{
+    for (Piece& piece : pieces) {
+        const QString fits = beginning(piece.text, width, utf8);
+        width = fits.size() < piece.text.size() ? 0 : width - cellsOf(fits, utf8);
+        piece.text = fits;
+    }
+}
+
+QString ScreenLine::text() const
+{
+    QString text;
+    for (const Piece& piece : pieces)
+        text += piece.text;
+    return text;
+}
+
+QString ScreenLine::forTerminal(bool colour) const
+{
+    QString text;
+    for (const Piece& piece : pieces) {
+        const QLatin1String sequence(sequenceOf(piece.style, colour));
+        text += sequence + piece.text;
+        if (sequence.size() > 0)
+            text += QStringLiteral("\x1b[m");
+    }
+    return text;
 }
 
 } // namespace s7200::panel

@@ -13,7 +13,7 @@ namespace
 {
 
 /// Of what was typed, so that what became of it has room on a small screen.
-constexpr int LongestShown = 32;
+constexpr int CellsShown = 32;
 
 } // namespace
 
@@ -39,8 +39,10 @@ void WatchRun::writeTyped(const QString& text)
         return;
     }
     ++m_openWrites;
-    const QString shown =
-        text.size() <= LongestShown ? text : text.left(LongestShown - 4) + QStringLiteral(" ...");
+    const bool utf8 = isUtf8Locale();
+    const QString shown = cellsOf(text, utf8) <= CellsShown
+                              ? text
+                              : beginning(text, CellsShown - 4, utf8) + QStringLiteral(" ...");
     m_session->controller(item.controller)
         .write(item.tag.variable, values, [this, shown, item](const Result& result) {
             const QString outcome = result ? QStringLiteral("written")

@@ -7,6 +7,7 @@
 
 #include <QtTest>
 
+#include <clocale>
 #include <cmath>
 
 using namespace s7200;
@@ -40,10 +41,10 @@ Tag address(const QString& text)
     return TagTable().lookup(text, &error).value(0);
 }
 
-Tag tankLevel()
+Tag fromFile(const QByteArray& line)
 {
     QStringList errors;
-    const QByteArray csv = "name,address,unit,scale,low,high\ntank.level,VW10,mm,0.1,10,90\n";
+    const QByteArray csv = "name,address,unit,scale,low,high\n" + line + '\n';
     return TagTable::parse(csv, "tags", nullptr, &errors)->tags().first();
 }
 
@@ -53,7 +54,7 @@ QVector<WatchedRow> plant()
     QVector<quint32> dump(20, 0xab);
     const Readings dumps = {dump, dump << 0xac};
     return {row(address("VW0"), {{5}, {6}, {7}, {7}}),
-            row(tankLevel(), {{950}, {955}}),
+            row(fromFile("tank.level,VW10,mm,0.1,10,90"), {{950}, {955}}),
             row(address("VD4/float"), {{0x41ac0000}}, Quality::LinkDown, 75000),
             row(address("VW20"), {}, Quality::NeverRead),
             row(address("VW30x2"), {{1, 2}, {1, 3}}),
@@ -102,6 +103,11 @@ class PanelScreenTest : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase()
+    {
+        QVERIFY(std::setlocale(LC_CTYPE, "C.UTF-8")); // for the widths of letters
+    }
+
     void wholeScreens()
     {
         const QVector<WatchedRow> rows = plant();
@@ -149,7 +155,8 @@ private slots:
     // Whatever the size, no line is too wide, none is missing, and the scrolling stays inside.
     void everySize()
     {
-        const QVector<WatchedRow> rows = plant();
+        const QVector<WatchedRow> rows = plant()
+                                         << row(fromFile("漢字のタグ名漢字,VW2,度,,,"), {{1}});
         for (int columns = 1; columns <= 100; columns += 3) {
             for (int lines = 1; lines <= 30; ++lines) {
                 const Drawing drawing = drawPlant(rows, {columns, lines, true, true, true}, 99);
@@ -157,9 +164,38 @@ private slots:
                 QVERIFY(drawing.cursorColumn < qMax(2, columns));
                 QVERIFY(drawing.top <= qMax(0, drawing.total - drawing.page));
                 for (const ScreenLine& line : drawing.lines)
-                    QVERIFY(line.text().size() < qMax(2, columns));
+                    QVERIFY(cellsOf(line.text(), true) < qMax(2, columns));
             }
         }
+    }
+
+    // Letters of two cells and of none: what stands in columns stays in them.
+    void wideLetters()
+    {
+        const QString wide = "漢字";
+        const QString accented = "e\u0301";
+        QCOMPARE(cellsOf(wide + accented + "\U0001F6A8", true), 7);
+        QCOMPARE(cellsOf(wide + accented + "\U0001F6A8", false), 5);
+        const QVector<WatchedRow> rows = {row(fromFile("漢字のタグ名,VW2,℃,,,"), {{1}}),
+                                          row(fromFile("e\u0301e\u0301,VW4,度,,,"), {{2}}),
+                                          row(address("VW6"), {{3}})};
+        ScreenContents contents;
+        contents.rows = &rows;
+        contents.message = QString("字").repeated(30);
+        contents.typed = QString("字").repeated(9) + "e\u0301";
+        const QString screen = "\n"
+                               "漢字のタグ名       1 ℃    0.2s  \u2581\n"
+                               "e\u0301e\u0301                 2 度   0.2s  \u2581\n"
+                               "VW6                3      0.2s  \u2581\n\n\n\n" +
+                               QString("字").repeated(19) + '\n' + QString("字").repeated(11) +
+                               '\n' + "write> " + contents.typed + "      q quits\n";
+        const Drawing drawing = draw(contents, {40, 10});
+        QCOMPARE(textOf(drawing), screen);
+        QCOMPARE(drawing.cursorColumn, 26);
+        QCOMPARE(clipped(wide + wide, 4, true), QString("漢\u2026"));
+        QCOMPARE(beginning(accented + accented, 1, true), accented);
+        QCOMPARE(ending(accented + wide, 4, true), wide);
+        QCOMPARE(ending(accented + wide, 3, true), QString("字"));
     }
 
     // Colour says nothing that a letter does not say as well, and may be switched off.
@@ -225,6 +261,8 @@ private slots:
         // A letter of two bytes, cut.
         QCOMPARE(feed("\xc3"), QString());
         QCOMPARE(feed("\xa4\n"), QString("-L(\u00e4)"));
+        // The last letter goes whole: two code units, or two letters that are one.
+        QCOMPARE(feed("a\U0001F6A8\177be\u0301\177\n"), QString("-------L(ab)"));
         QCOMPARE(keyboard.typed(), QString());
     }
 
