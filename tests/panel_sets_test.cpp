@@ -1,17 +1,12 @@
 // Sets of values, and single ones, through the program: what it writes, prints and leaves alone.
 
-#include "simulator/simulator_thread.h"
+#include "tests/panel_process.h"
 
-#include <QProcess>
-#include <QTemporaryDir>
-#include <QtTest>
-
+using namespace s7200::panel;
 using namespace s7200::sim;
 
 namespace
 {
-
-constexpr int LongMs = 30000; ///< For what must happen; not reached unless something is wrong.
 
 const QByteArray Tags = "name,address,format,unit,scale\n"
                         "speed,VW100,signed,rpm,0.1\n"
@@ -194,22 +189,10 @@ private:
 
     Run runProgram(const QStringList& arguments, const QString& output = QString())
     {
-        QProcess process;
-        process.setWorkingDirectory(m_directory.path());
-        if (!output.isEmpty())
-            process.setStandardOutputFile(output);
-        process.start(PANEL_PROGRAM, arguments);
-        process.closeWriteChannel();
-        Run run;
-        if (!process.waitForFinished(LongMs)) {
-            process.kill();
-            process.waitForFinished();
-            return run;
-        }
-        run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-        run.out = QString::fromUtf8(process.readAllStandardOutput());
-        run.err = QString::fromUtf8(process.readAllStandardError());
-        return run;
+        Panel panel(arguments, output, m_directory.path());
+        const int status = panel.finish();
+        return {status, QString::fromUtf8(panel.process.readAllStandardOutput()),
+                QString::fromUtf8(panel.process.readAllStandardError())};
     }
 
     const QTemporaryDir m_directory;
