@@ -11,6 +11,25 @@ namespace s7200::panel
 namespace
 {
 
+ExitStatus readAndPrint(const Session& session, const QVector<Item>& items, RecordFormat format)
+{
+    const QVector<Result> results = readItems(session, items);
+    const RecordWriter writer(format);
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    OutputFile output;
+    FailureReport report(session);
+    for (int i = 0; i < int(items.size()); ++i) {
+        const QString controller =
+            session.recordName(items.at(i).controller, items.at(i).tag.variable.station);
+        // For people the message below says it all; programs want a record of each variable.
+        if (results.at(i) || format != RecordFormat::Text)
+            output.write(writer.header(),
+                         writer.record(items.at(i), controller, valueOf(results.at(i)), now));
+        report.add(items.at(i), results.at(i));
+    }
+    return report.finish();
+}
+
 int runRead(CommandLine& line)
 {
     QString error;
@@ -22,25 +41,8 @@ int runRead(CommandLine& line)
         return usageError(QStringLiteral("name at least one variable, as in VW100"));
     if (!line.resolve(line.operands(), &items, &error))
         return usageErrors(error);
-    const std::unique_ptr<Session> session = Session::open(line, &error);
-    if (!session || !session->start(&error))
-        return usageError(error);
-
-    const QVector<Result> results = readItems(*session, items);
-    const RecordWriter writer(*format);
-    const qint64 now = QDateTime::currentMSecsSinceEpoch();
-    OutputFile output;
-    FailureReport report(*session);
-    for (int i = 0; i < int(items.size()); ++i) {
-        const QString controller =
-            session->recordName(items.at(i).controller, items.at(i).tag.variable.station);
-        // For people the message below says it all; programs want a record of each variable.
-        if (results.at(i) || *format != RecordFormat::Text)
-            output.write(writer.header(),
-                         writer.record(items.at(i), controller, valueOf(results.at(i)), now));
-        report.add(items.at(i), results.at(i));
-    }
-    return finishWith(report.finish());
+    return runStarted(
+        line, [&](const Session& session) { return readAndPrint(session, items, *format); });
 }
 
 } // namespace

@@ -117,9 +117,13 @@ Result resultOf(const Job& job, const Written& written)
     return result;
 }
 
-int finishWith(int status)
+int runStarted(const CommandLine& line, const std::function<ExitStatus(const Session&)>& body)
 {
-    end(status);
+    QString error;
+    const std::unique_ptr<Session> session = Session::open(line, &error);
+    if (!session || !session->start(&error))
+        return usageError(error);
+    end(body(*session));
     return runEventLoop();
 }
 

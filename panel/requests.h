@@ -33,10 +33,10 @@ QVector<Written> writeJobs(const Session& session, const QVector<Job>& jobs, boo
 /// A result to be reported for a job: what is read back and differs counts as Cause::Invalid.
 Result resultOf(const Job& job, const Written& written);
 
-/// Ends the event loop with a status and gives the one that counts, which is an earlier one if
-/// there was a signal, and ExitOutput if output could not be written. The trace is looked at when
-/// the session ends.
-int finishWith(int status);
+/// Runs the body of a command with all controllers of the line started, and gives the status that
+/// counts: that of the body, an earlier one if there was a signal, ExitOutput if output could not
+/// be written. The trace is looked at when the session ends.
+int runStarted(const CommandLine& line, const std::function<ExitStatus(const Session&)>& body);
 
 /// usageError() for an error of several lines.
 int usageErrors(const QString& lines);

@@ -48,17 +48,10 @@ bool resolveWritable(CommandLine& line, QVector<Item>* items, QString* error)
     return !items->isEmpty();
 }
 
-int runSave(CommandLine& line)
+ExitStatus save(const Session& session, const QVector<Item>& items, const CommandLine& line)
 {
-    QString error;
-    QVector<Item> items;
-    if (!resolveWritable(line, &items, &error))
-        return usageErrors(error);
-    const std::unique_ptr<Session> session = Session::open(line, &error);
-    if (!session || !session->start(&error))
-        return usageError(error);
-    const QVector<Result> results = readItems(*session, items);
-    FailureReport report(*session);
+    const QVector<Result> results = readItems(session, items);
+    FailureReport report(session);
     QVector<TagValue> values;
     for (int i = 0; i < int(items.size()); ++i) {
         report.add(items.at(i), results.at(i));
@@ -70,7 +63,16 @@ int runSave(CommandLine& line)
         printBytes(valueFile(values));
     else
         complain(QStringLiteral("nothing saved, since not all could be read"));
-    return finishWith(status);
+    return status;
+}
+
+int runSave(CommandLine& line)
+{
+    QString error;
+    QVector<Item> items;
+    if (!resolveWritable(line, &items, &error))
+        return usageErrors(error);
+    return runStarted(line, [&](const Session& session) { return save(session, items, line); });
 }
 
 /// The lines of a value file as jobs. All that is wrong is reported.
@@ -111,17 +113,10 @@ QString valueText(const Tag& tag, const QVector<quint32>& elements)
                               : tag.exactText(elements) + QLatin1Char(' ') + tag.unit;
 }
 
-int runDiff(CommandLine& line)
+ExitStatus diff(const Session& session, const QVector<Job>& jobs)
 {
-    QString error;
-    QVector<Job> jobs;
-    if (!loadJobs(line, &jobs, &error))
-        return usageErrors(error);
-    const std::unique_ptr<Session> session = Session::open(line, &error);
-    if (!session || !session->start(&error))
-        return usageError(error);
-    const QVector<Result> results = readItems(*session, itemsOf(jobs));
-    FailureReport report(*session);
+    const QVector<Result> results = readItems(session, itemsOf(jobs));
+    FailureReport report(session);
     bool differs = false;
     for (int i = 0; i < int(jobs.size()); ++i) {
         const Job& job = jobs.at(i);
@@ -135,7 +130,7 @@ int runDiff(CommandLine& line)
                        valueText(job.item.tag, now)));
     }
     const ExitStatus status = report.finish();
-    return finishWith(status == ExitGood && differs ? ExitDiffers : status);
+    return status == ExitGood && differs ? ExitDiffers : status;
 }
 
 /// One run of apply, when its file is good.
@@ -215,17 +210,28 @@ private:
     QVector<State> m_states;
 };
 
-int runApply(CommandLine& line)
+/// diff and apply: what they do with the jobs of a file.
+int runWithJobs(CommandLine& line,
+                const std::function<ExitStatus(const Session&, const QVector<Job>&)>& body)
 {
     QString error;
     QVector<Job> jobs;
     if (!loadJobs(line, &jobs, &error))
         return usageErrors(error);
-    const std::unique_ptr<Session> session = Session::open(line, &error);
-    if (!session || !session->start(&error))
-        return usageError(error);
+    return runStarted(line, [&](const Session& session) { return body(session, jobs); });
+}
+
+int runDiff(CommandLine& line)
+{
+    return runWithJobs(line, diff);
+}
+
+int runApply(CommandLine& line)
+{
     const bool verify = line.options().isSet(QStringLiteral("verify"));
-    return finishWith(Apply(*session, jobs, verify).run());
+    return runWithJobs(line, [verify](const Session& session, const QVector<Job>& jobs) {
+        return Apply(session, jobs, verify).run();
+    });
 }
 
 } // namespace

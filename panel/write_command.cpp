@@ -29,19 +29,10 @@ bool resolveJobs(CommandLine& line, QVector<Job>* jobs, QString* errors)
     return faults.isEmpty();
 }
 
-int runWrite(CommandLine& line)
+ExitStatus writeAndReport(const Session& session, const QVector<Job>& jobs, bool verify)
 {
-    QString error;
-    QVector<Job> jobs;
-    if (!resolveJobs(line, &jobs, &error))
-        return usageErrors(error);
-    const std::unique_ptr<Session> session = Session::open(line, &error);
-    if (!session || !session->start(&error))
-        return usageError(error);
-
-    const bool verify = line.options().isSet(QStringLiteral("verify"));
-    const QVector<Written> results = writeJobs(*session, jobs, verify);
-    FailureReport report(*session);
+    const QVector<Written> results = writeJobs(session, jobs, verify);
+    FailureReport report(session);
     for (int i = 0; i < int(jobs.size()); ++i) {
         const Item& item = jobs.at(i).item;
         const Written& written = results.at(i);
@@ -52,7 +43,18 @@ int runWrite(CommandLine& line)
             complain(item.label + QStringLiteral(": written"));
         report.add(item, result);
     }
-    return finishWith(report.finish());
+    return report.finish();
+}
+
+int runWrite(CommandLine& line)
+{
+    QString error;
+    QVector<Job> jobs;
+    if (!resolveJobs(line, &jobs, &error))
+        return usageErrors(error);
+    const bool verify = line.options().isSet(QStringLiteral("verify"));
+    return runStarted(
+        line, [&](const Session& session) { return writeAndReport(session, jobs, verify); });
 }
 
 } // namespace
