@@ -73,6 +73,12 @@ struct DriverFixture {
                                      : PLC_driver.once_read_list;
     }
 
+    /// Hands the driver a reply; its result.
+    static int answer(QByteArray reply)
+    {
+        return DataCom(&reply, int(reply.size()))->result;
+    }
+
     /// A station whose handshake is done.
     static void connectStation(int station, unsigned short pduRef = 1)
     {

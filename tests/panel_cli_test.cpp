@@ -52,7 +52,7 @@ private slots:
         check(R"(
             watch VW0 --controller 10.0.0.5 ->
             watch VW0 --controller [fe80::1]:5 --local-tsap 10.00 --remote-tsap 1101 ->
-            watch 3:VW0 4:VW0 --controller 3=h:1 --controller 4=h:2 ->
+            watch a:VW0 4:VW0 --controller A=h:1 --controller 4=h:2 ->
             watch VW0@3 VW0 --controller 3=h --controller 2=i --one-driver ->
             watch --until VW0>=-3 --until VD4/f!=2.5 --until M0.3==true ->
             watch XW0 -> XW0              | watch VW0 --nonsense -> nonsense
@@ -65,7 +65,7 @@ private slots:
             watch VW0 --local-tsap 1 -> two hexadecimal bytes
             watch VW0 --remote-tsap 00.00 -> '00.00'
             watch VW0 --controller h --controller i -> NAME=HOST
-            watch VW0 --controller A=h --controller a=i -> 'a'
+            watch VW0 --controller a=h --controller A=i -> 'A'
             watch VW0 --controller a=h --controller b=i -> VW0: say on which
             watch c:VW0 --controller a=h -> 'c'
             watch VW0@3 --controller h -> --controller 3=HOST

@@ -82,15 +82,10 @@ class ReplyCheckTest : public QObject
             AddListReadVar(&var);
         QVERIFY(ComCommunication() != nullptr);
         if (kind == Setup) {
-            QCOMPARE(judge(connectionConfirm()), int(Good));
+            QCOMPARE(fixture.answer(connectionConfirm()), int(Good));
             QVERIFY(ComCommunication() != nullptr);
         }
     }
-    int judge(QByteArray reply)
-    {
-        return DataCom(&reply, int(reply.size()))->result;
-    }
-
     static bool stationIs(int handshakeOk, int pduRef)
     {
         const PLC_CHECK check = map_list.value(Station);
@@ -120,7 +115,7 @@ class ReplyCheckTest : public QObject
             if (QTest::currentTestFailed())
                 return;
             await(kind, type, count, name);
-            const int code = judge(given);
+            const int code = fixture.answer(given);
             const QString label = QString("kind %1 type %2 %3: %4").arg(kind).arg(type).arg(change);
             QVERIFY2(code == expected, qPrintable(label.arg(code)));
             expectConsequences(kind, expected == Good);
