@@ -14,6 +14,11 @@ namespace s7200
 namespace
 {
 
+bool isPattern(const QString& name)
+{
+    return name.contains(QLatin1Char('*')) || name.contains(QLatin1Char('?'));
+}
+
 /// A pattern with * and ? for whole names.
 QRegularExpression globOf(const QString& pattern)
 {
@@ -59,7 +64,7 @@ QVector<Tag> TagTable::named(const QString& name, const QString* controller) con
     };
     for (const int index : m_byName.value(name.toLower()))
         take(m_tags.at(index));
-    if (!found.isEmpty() || (!name.contains(QLatin1Char('*')) && !name.contains(QLatin1Char('?'))))
+    if (!found.isEmpty() || !isPattern(name))
         return found;
     const QRegularExpression glob = globOf(name);
     for (const Tag& tag : m_tags) {
@@ -80,6 +85,10 @@ QVector<Tag> TagTable::lookup(const QString& text, QString* error) const
         return found;
     Tag tag;
     tag.controller = controller;
+    if (isPattern(name)) {
+        *error = QStringLiteral("no tag is named like %1").arg(quoted(wanted));
+        return {};
+    }
     if (parseVariable(name, &tag.variable, error))
         return {tag};
     if (!m_tags.isEmpty())
