@@ -142,7 +142,7 @@ Q_SIGNALS:
     void cycleDone();
 
 private:
-    class Private;
+    class Q_DECL_HIDDEN Private;
     std::unique_ptr<Private> d;
 };
 
