@@ -155,6 +155,19 @@ bool DriverCopy::isSeparate(QString* error)
     return false;
 }
 
+COM_INFO comInfoFor(const ControllerSettings& settings)
+{
+    COM_INFO info = {};
+    info.block_length_limit = settings.blockLimit;
+    info.default_station = settings.defaultStation;
+    info.retry_limit = settings.retries;
+    info.per_variable_stations = settings.stations.isEmpty() ? 0 : 1;
+    info.remote_access = settings.remoteAccess ? 1 : 0;
+    info.link_id = 1; // the same in all requests: a reply to another link's is not stored
+    info.communication_mode = Mode_WriteThrough;
+    return info;
+}
+
 QString findDriver(const QString& file, QString* error)
 {
     const QString name = QLatin1String(FileName);

@@ -166,7 +166,7 @@ private:
     DriverCopy& m_driver;
     const ControllerSettings m_settings;
     LinkOrders& m_orders;
-    COM_INFO m_comInfo = {};
+    COM_INFO m_comInfo;
     struct LocalWords;
     std::unique_ptr<LocalWords> m_localWords;
 
