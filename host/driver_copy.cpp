@@ -72,6 +72,17 @@ void* openCopy(const Shelf& shelf, const QString& directory, QString* error)
     return library;
 }
 
+/// True in a program that is linked to a driver: all references of a copy would bind to that one,
+/// and loading the copy would construct it anew.
+bool programHasDriver()
+{
+    void* const program = dlopen(nullptr, RTLD_LAZY);
+    const bool found = program && dlsym(program, "PLC_driver");
+    if (program)
+        dlclose(program);
+    return found;
+}
+
 } // namespace
 
 DriverCopy::~DriverCopy()
@@ -86,6 +97,11 @@ DriverCopy::~DriverCopy()
 bool DriverCopy::load(const QString& file, QString* error)
 {
     const std::lock_guard<std::mutex> lock(shelf().mutex);
+    if (programHasDriver()) {
+        *error = QStringLiteral("the program is linked to the driver library, so there can be no "
+                                "copies of it: link libs7200host alone");
+        return false;
+    }
     if (!readFile(shelf(), QFileInfo(file).absoluteFilePath(), error))
         return false;
     // A temporary directory may be mounted so that nothing in it can be executed.
@@ -124,25 +140,32 @@ bool DriverCopy::resolve(Symbol* symbol, const char* name, QString* error)
     return *symbol != nullptr;
 }
 
-/// Its data must lie where no other copy's do, and its code must use them: in a program that is
-/// linked to the driver the references of every copy bind to the program's own driver.
+/// Its data must lie where no other copy's do.
 bool DriverCopy::isSeparate(QString* error)
 {
-    void** words = nullptr;
-    if (!resolve(&m_object, "PLC_driver", error) || !resolve(&words, "LW", error))
+    if (!resolve(&m_object, "PLC_driver", error))
         return false;
-    unsigned short mark = 0;
-    FlashLocalRegister(nullptr, &mark, nullptr);
-    const bool usesItsOwn = *words == &mark;
-    FlashLocalRegister(nullptr, nullptr, nullptr);
-    if (usesItsOwn && !shelf().objects.contains(m_object)) {
+    if (!shelf().objects.contains(m_object)) {
         shelf().objects.insert(m_object);
         return true;
     }
     m_object = nullptr;
-    *error = QStringLiteral("the driver library cannot be loaded as a copy of its own: is the "
-                            "program linked to it?");
+    *error =
+        QStringLiteral("driver library %1 cannot be loaded as a copy of its own").arg(shelf().file);
     return false;
+}
+
+COM_INFO comInfoFor(const ControllerSettings& settings)
+{
+    COM_INFO info = {};
+    info.block_length_limit = settings.blockLimit;
+    info.default_station = settings.defaultStation;
+    info.retry_limit = settings.retries;
+    info.per_variable_stations = settings.stations.isEmpty() ? 0 : 1;
+    info.remote_access = settings.remoteAccess ? 1 : 0;
+    info.link_id = 1; // the same in all requests: a reply to another link's is not stored
+    info.communication_mode = Mode_WriteThrough;
+    return info;
 }
 
 QString findDriver(const QString& file, QString* error)

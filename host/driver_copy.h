@@ -8,6 +8,11 @@
 namespace s7200
 {
 
+struct ControllerSettings;
+
+/// What a driver for this controller is to be given by SetComInfo.
+COM_INFO comInfoFor(const ControllerSettings& settings);
+
 /// A driver of one's own: a private copy of the library file, loaded with local binding, with its
 /// own lists, image and stations. The members are its entry points under their own names,
 /// documented in host_interface.h; valid from load() to the object's end, like everything that

@@ -90,7 +90,7 @@ void LinkMachine::readApart()
         if (m_now >= entry.second.nextTrial)
             m_watch.beginTrial(entry.first, m_now);
         for (const ReadBlock& block : m_watch.apartBlocks(entry.first)) {
-            queueRead(block, ApartKey, m_cycleTag);
+            queueRead(block, m_blockLimit, ApartKey, m_cycleTag);
             ++m_apartLeft;
         }
     }
@@ -106,11 +106,12 @@ void LinkMachine::cycleProgress()
         return;
     m_inCycle = false;
     m_lastTrips = m_cycleTrips;
-    ++m_statistics.cycles;
     bool anyAnswered = false;
+    bool anyHurries = false;
     for (auto& entry : m_stations) {
         Station& station = entry.second;
         anyAnswered = anyAnswered || station.answered;
+        anyHurries = anyHurries || station.hurries;
         // Where nothing is asked, that the connection lasts has to do.
         if (isReady(station) &&
             (station.answered || m_now >= station.upSince + LinkHealth::LongestDelay))
@@ -119,6 +120,10 @@ void LinkMachine::cycleProgress()
     if (!anyAnswered)
         m_nextCycle = std::max(m_nextCycle, m_now + RestingInterval);
     tellChanges();
+    // Who comes back at once was not told to be gone, and is waited for.
+    if (anyHurries)
+        return;
+    ++m_statistics.cycles;
     m_news.push_back({m_list, [this] { m_orders.tellCycle(); }});
 }
 

@@ -13,16 +13,17 @@ void LinkHealth::failed(const Failure& failure, Micros now)
     m_delay = std::min(2 * m_delay, LongestDelay);
 }
 
-void LinkHealth::failedWithNews(const Failure& failure, Micros now)
+bool LinkHealth::failedWithNews(const Failure& failure, Micros now)
 {
     constexpr int MostNews = 100;
     if (++m_news > MostNews) {
         failed(failure, now);
-        return;
+        return false;
     }
     ++m_attempts;
     m_failure = failure;
     scheduleAfter(FirstDelay, now);
+    return true;
 }
 
 void LinkHealth::up()

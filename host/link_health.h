@@ -25,9 +25,9 @@ public:
     void failed(const Failure& failure, Micros now);
 
     /// As failed(), but the delay stays short: something was learnt that makes the next attempt
-    /// different, such as a variable that the controller refuses. Not for ever, should there be no
-    /// end of such news.
-    void failedWithNews(const Failure& failure, Micros now);
+    /// different, such as a variable that the controller refuses. False if it is as failed() after
+    /// all, since there is no end of such news.
+    bool failedWithNews(const Failure& failure, Micros now);
 
     /// The link works again: the count of attempts begins anew, but not yet the delays.
     void up();

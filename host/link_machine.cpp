@@ -12,7 +12,6 @@ namespace s7200
 namespace
 {
 
-constexpr int LinkId = 1; // the same in all requests: a reply to another link's is not stored
 constexpr Micros PerMs = 1000;
 constexpr Micros Never = std::numeric_limits<Micros>::max();
 /// Null in a row while there are requests; one is the driver's idle call in five.
@@ -47,8 +46,8 @@ struct LinkMachine::LocalWords {
 
 LinkMachine::LinkMachine(DriverCopy& driver, const ControllerSettings& settings, LinkOrders& orders,
                          quint32 seed)
-    : m_driver(driver), m_settings(settings), m_orders(orders), m_localWords(new LocalWords),
-      m_collector(settings.remoteAccess)
+    : m_driver(driver), m_settings(settings), m_orders(orders), m_comInfo(comInfoFor(settings)),
+      m_localWords(new LocalWords), m_collector(settings.remoteAccess)
 {
     QList<int> numbers = settings.stations.keys();
     if (numbers.isEmpty())
@@ -60,12 +59,6 @@ LinkMachine::LinkMachine(DriverCopy& driver, const ControllerSettings& settings,
         m_localWords->words[LocalWords::CallingTsap] = settings.localTsap;
     }
     m_requestLimit = requestLimitFor(settings.blockLimit);
-    m_comInfo.default_station = settings.defaultStation;
-    m_comInfo.retry_limit = settings.retries;
-    m_comInfo.per_variable_stations = settings.stations.isEmpty() ? 0 : 1;
-    m_comInfo.remote_access = settings.remoteAccess ? 1 : 0;
-    m_comInfo.link_id = LinkId;
-    m_comInfo.communication_mode = Mode_WriteThrough;
 }
 
 LinkMachine::~LinkMachine() = default;

@@ -131,7 +131,7 @@ private:
     void feedDriver();
     void startRead(Request& request);
     void continueWrite(Request& request);
-    int queueRead(const ReadBlock& block, int key, int tag);
+    int queueRead(const ReadBlock& block, int limit, int key, int tag);
     void finish(RequestPtr request, const Failure& failure);
     void finishActive(const Failure& failure);
     void dropActive(const RW_VAR& culprit, const Failure& failure, bool keepReads);
@@ -166,7 +166,7 @@ private:
     DriverCopy& m_driver;
     const ControllerSettings m_settings;
     LinkOrders& m_orders;
-    COM_INFO m_comInfo = {};
+    COM_INFO m_comInfo;
     struct LocalWords;
     std::unique_ptr<LocalWords> m_localWords;
 
@@ -182,7 +182,7 @@ private:
     bool m_repeating = false; ///< The driver holds a frame that failed and goes out again.
 
     bool m_relist = true;                  ///< The driver's cyclic list is no longer the right one.
-    int m_blockLimit = SmallestBlockLimit; ///< Of cyclic reads.
+    int m_blockLimit = SmallestBlockLimit; ///< Of watched variables' reads.
     int m_requestLimit;                    ///< Of single requests.
     int m_listed = 0;                      ///< Requests in the driver's cyclic list.
     bool m_inCycle = false;                ///< Between a cycle's begin and its end.

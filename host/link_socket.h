@@ -2,23 +2,23 @@
 #define HOST_LINK_SOCKET_H
 
 #include "host/name_lookup.h"
+#include "host/socket_watcher.h"
 #include "wire/frame_trace.h"
 
 #include <s7200host/controller.h>
 
-#include <QTcpSocket>
-
 namespace s7200
 {
 
-/// The TCP connection to one controller. Never blocks. Time-outs are its owner's: close() ends
-/// whatever is under way.
-class LinkSocket : public QObject
+/// The TCP connection to one controller (RFC 9293). Never blocks. Time-outs are its owner's:
+/// close() ends whatever is under way.
+class LinkSocket : public QObject, private SocketUser
 {
     Q_OBJECT
 public:
     /// `trace` may be null; it gets every byte as the socket gave it.
     LinkSocket(const Endpoint& endpoint, wire::FrameTrace* trace, QObject* parent);
+    ~LinkSocket() override;
 
     /// Opens a new connection, the name looked up anew. Ends in opened() or openFailed(), and never
     /// before it returns.
@@ -45,23 +45,32 @@ Q_SIGNALS:
 private:
     enum class State { Closed, Resolving, Connecting, Open };
 
+    void socketReady() override;
     void resolved(const QList<QHostAddress>& addresses);
     void tryNext();
+    int connectTo(const QHostAddress& address);
+    void attempted(int error);
     void connected();
-    void failed();
-    void fail(const QString& why);
-    void traceEnd(wire::FrameTrace::Direction by);
-    void dropStaleInput();
-    QByteArray take();
+    void read();
+    void write(const QByteArray& bytes);
+    void ended();
+    bool dropStaleInput();
+    template <typename Function>
+    void later(const Function& function);
+    void record(wire::FrameTrace::Direction direction, const char* bytes, qint64 size);
+    void closeDescriptor();
 
     const Endpoint m_endpoint;
     wire::FrameTrace* const m_trace;
+    const std::shared_ptr<SocketWatcher> m_watcher;
     State m_state = State::Closed;
     NameLookup m_lookup;
     QList<QHostAddress> m_addresses; ///< Still to be tried.
     QHostAddress m_address;          ///< Being tried.
-    QTcpSocket m_socket;
+    int m_descriptor = -1;
+    QByteArray m_unsent;
     int m_traceId = 0;
+    quint32 m_use = 0; ///< Counts its ends.
 };
 
 } // namespace s7200

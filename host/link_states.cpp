@@ -127,10 +127,8 @@ void LinkMachine::closeStation(int number, const Failure& failure, bool news)
     m_relist = m_relist || isConnected(station);
     station.phase = Phase::Waiting;
     station.isOpen = station.isUp = false;
-    station.hurries = news;
-    if (news)
-        station.health.failedWithNews(failure, m_now);
-    else
+    station.hurries = news && station.health.failedWithNews(failure, m_now);
+    if (!news)
         station.health.failed(failure, m_now);
     m_watch.linkDown(number, failure);
     tellLink(number);

@@ -45,21 +45,21 @@ void LinkMachine::startRead(Request& request)
 {
     int queued = 0;
     for (const ReadBlock& block : readBlocks(request.variable, request.station, m_requestLimit)) {
-        queued = queueRead(block, ReadKey, request.id);
+        queued = queueRead(block, m_requestLimit, ReadKey, request.id);
         ++request.unanswered;
     }
     if (queued == 0)
         finishActive({Cause::Invalid, QStringLiteral("the driver cannot read it")});
 }
 
-int LinkMachine::queueRead(const ReadBlock& block, int key, int tag)
+int LinkMachine::queueRead(const ReadBlock& block, int limit, int key, int tag)
 {
     RW_VAR record = oneShotRecord(block);
     record.host_key = key;
     record.host_index = tag;
     record.remote = m_comInfo.remote_access;
     record.link_id = m_comInfo.link_id; // any other and the reply is not stored
-    m_comInfo.block_length_limit = m_requestLimit;
+    m_comInfo.block_length_limit = limit;
     return m_driver.AddListOnceReadVar(&record, List_Merge);
 }
 

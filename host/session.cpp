@@ -120,8 +120,8 @@ void Session::wakeAt(Micros time)
     constexpr Micros Together = 20 * 1000;
     const Micros delay = qBound(Micros(0), time - now(), Longest);
     m_wakeAt = time;
-    // Long waits end together with those of other controllers, at whole multiples: each time that a
-    // thread wakes it looks at all its sockets, whether one has news or many.
+    // Long waits end together with those of other controllers, at whole multiples: to wake a thread
+    // costs as much as what one controller has to do then.
     const Micros common = m_clock.msecsSinceReference() * 1000 + time;
     const Micros longer = delay >= 20 * Together ? Together - 1 - (common - 1) % Together : 0;
     m_timer.start(int((delay + longer + 999) / 1000));

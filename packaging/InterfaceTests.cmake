@@ -4,8 +4,12 @@ add_test(NAME exported_names
     COMMAND ${PROJECT_SOURCE_DIR}/packaging/compare-names
         $<TARGET_FILE:Siemens_S7_200_cp243> ${PROJECT_SOURCE_DIR}/include/Siemens_S7_200_cp243.map)
 
-# The binary interface is described for one build: gcc, amd64, Qt 5, Release. The types come from
-# debug information, which is kept beside the library, not in it: hosts copy the file.
+add_test(NAME exported_names_of_host
+    COMMAND ${PROJECT_SOURCE_DIR}/packaging/compare-names
+        $<TARGET_FILE:s7200host> ${PROJECT_SOURCE_DIR}/host/s7200host.map)
+
+# The binary interfaces are described for one build: gcc, amd64, Qt 5, Release. The types come from
+# debug information. That of the driver is kept beside it, not in it: hosts copy the file.
 find_program(ABIDIFF abidiff)
 if(ABIDIFF AND CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_BUILD_TYPE STREQUAL Release
         AND CMAKE_SYSTEM_PROCESSOR STREQUAL x86_64 AND S7200_QT_MAJOR EQUAL 5
@@ -22,6 +26,17 @@ if(ABIDIFF AND CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_BUILD_TYPE STREQUAL 
         COMMAND ${PROJECT_SOURCE_DIR}/packaging/compare-abi
             ${symbols}/$<TARGET_FILE_NAME:Siemens_S7_200_cp243>
             ${PROJECT_SOURCE_DIR}/packaging/abi/Siemens_S7_200_cp243.abi)
+
+    # Of the host library all names are C++, which tell what functions take, so that the types are
+    # left, as the headers have them.
+    add_library(s7200host_types SHARED packaging/abi/host_types.cpp)
+    set_target_properties(s7200host_types PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${symbols})
+    target_compile_options(s7200host_types PRIVATE -g -femit-class-debug-always)
+    target_link_libraries(s7200host_types PRIVATE s7200_build_options ${QT}::Core)
+    target_include_directories(s7200host_types PRIVATE host/include)
+    add_test(NAME binary_interface_of_host
+        COMMAND ${PROJECT_SOURCE_DIR}/packaging/compare-abi
+            $<TARGET_FILE:s7200host_types> ${PROJECT_SOURCE_DIR}/packaging/abi/s7200host.abi)
 endif()
 
 # The hosts of the documents, in the tree and against an installation, and the documents themselves.

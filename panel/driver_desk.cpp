@@ -15,7 +15,6 @@ using namespace s7200::wire;
 namespace
 {
 
-constexpr int LinkId = 1;
 /// One in five calls gives nothing although there is something to send.
 constexpr int MostIdleCalls = 2;
 
@@ -43,17 +42,10 @@ std::unique_ptr<DriverDesk> DriverDesk::open(const ControllerSettings& settings,
     if (file.isEmpty() || !desk->driver.load(file, error))
         return nullptr;
     desk->m_settings = settings;
-    COM_INFO& info = desk->comInfo;
-    info.block_length_limit = settings.blockLimit;
-    info.default_station = settings.defaultStation;
-    info.retry_limit = settings.retries;
-    info.per_variable_stations = settings.stations.isEmpty() ? 0 : 1;
-    info.remote_access = settings.remoteAccess ? 1 : 0;
-    info.link_id = LinkId;
-    info.communication_mode = Mode_WriteThrough;
+    desk->comInfo = comInfoFor(settings);
     desk->m_localWords.fill(0, LocalWordCount);
     desk->setTsaps(settings.localTsap, settings.remoteTsap);
-    desk->driver.SetComInfo(&info);
+    desk->driver.SetComInfo(&desk->comInfo);
     desk->driver.FlashLocalRegister(nullptr, desk->m_localWords.data(), nullptr);
     return desk;
 }

@@ -176,8 +176,9 @@ private:
             return connectionConfirm();
         if (shown(m_lastFrame) == "setup")
             return setupReply();
-        const bool timers = wire::byteAt(m_lastFrame, wire::JobAreaOffset) == 0x1F;
-        const int size = wire::wordAt(m_lastFrame, wire::JobItemLengthOffset) * (timers ? 5 : 1);
+        const int area = wire::byteAt(m_lastFrame, wire::JobAreaOffset);
+        const int elementSize = area == 0x1F ? 5 : area == 0x06 ? 2 : 1;
+        const int size = wire::wordAt(m_lastFrame, wire::JobItemLengthOffset) * elementSize;
         return write ? writeReply(reference)
                      : readReply(reference, bytes.leftJustified(size, '\0'));
     }
@@ -196,6 +197,7 @@ private:
             .arg(function == 5 ? "put" : "get", area == 0x84   ? "V"
                                                 : area == 0x83 ? "M"
                                                 : area == 0x05 ? "SM"
+                                                : area == 0x06 ? "AI"
                                                                : "T")
             .arg(area == 0x1F ? address : address / 8)
             .arg(wire::wordAt(frame, wire::JobItemLengthOffset));
@@ -587,6 +589,36 @@ private slots:
             "stall 1000      -> get V8+2\n"
             "ok 0003         -> get V4+2\n"
             "ok 0005         -> VW4 good 5; cycle\n");
+        add("read apart in one piece also with a limit that only analogue words exceed", "limit 1",
+            "start           -> open; connecting\n"
+            "watch VW0x4 AIW2 -> \n"
+            "opened          -> connect; handshake\n"
+            "ok              -> setup\n"
+            "ok              -> get V0+8; up\n"
+            "refuse          -> close; VW0x4 link down; AIW2 link down\n"
+            "+200            -> open\n"
+            "opened          -> connect\n"
+            "ok              -> setup\n"
+            "ok              -> get AI2+1\n"
+            "ok              -> get V0+8; VW0x4 never read; AIW2 good 0\n"
+            "ok 0001000200030004 -> VW0x4 good 1 2 3 4; cycle\n");
+        add("no cycle is done until a station is back from a refusal", "stations",
+            "start           -> open@2; open@3; connecting@2; connecting@3\n"
+            "watch VW0@2 VW4@3 -> \n"
+            "opened@2        -> connect@2; handshake@2\n"
+            "opened@3        -> handshake@3\n"
+            "ok              -> setup@2\n"
+            "ok              -> get V0+2@2; up@2\n"
+            "ok              -> connect@3; VW0@2 good 0\n"
+            "ok              -> setup@3\n"
+            "ok              -> get V4+2@3; up@3\n"
+            "refuse          -> close@3; get V0+2@2; VW4@3 link down\n"
+            "ok              -> \n"
+            "+500            -> open@3; get V0+2@2\n"
+            "ok              -> \n"
+            "failed@3        -> close@3; down@3: no connection\n"
+            "+500            -> open@3; get V0+2@2\n"
+            "ok              -> cycle\n");
         add("asked before it is up; then nothing to watch but the probe", "",
             "start           -> open; connecting\n"
             "read VW8        -> \n"
@@ -646,6 +678,21 @@ private slots:
             QVERIFY2(bench.msToWake() < 200, qPrintable(QString::number(bench.msToWake())));
             bench.happen(QString("+%1").arg(bench.msToWake() + 1));
         }
+    }
+
+    // Nothing is learnt from a write that is refused as a job, so that it does not go on for ever.
+    void refusedWithoutEnd()
+    {
+        Bench bench(settingsOf("no probe"));
+        bench.happen("start");
+        QString told;
+        for (int i = 0; i <= 100; ++i) {
+            QVERIFY(bench.happen("write VW0=1").isEmpty());
+            for (const char* event : {"+200", "opened", "ok", "ok", "reject"})
+                told = bench.happen(event);
+        }
+        QCOMPARE(told, QString("close; done: refused; down: refused"));
+        QCOMPARE(bench.happen("write VW0=1"), QString("done: refused"));
     }
 
     // Handshakes that succeed and reads that never do: a message or two, and longer and longer

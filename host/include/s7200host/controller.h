@@ -138,11 +138,13 @@ Q_SIGNALS:
     /// Value or quality of watched variables has changed, by index in watched().
     void valuesChanged(const QVector<int>& indexes);
 
-    /// All watched variables of the stations that answer were read.
+    /// All watched variables were read, except those whose quality is Refused and those of stations
+    /// whose link is down. Not told of a cycle that a refusal has cut short: the link comes back at
+    /// once, and all is read anew.
     void cycleDone();
 
 private:
-    class Private;
+    class Q_DECL_HIDDEN Private;
     std::unique_ptr<Private> d;
 };
 

@@ -91,7 +91,7 @@ public:
                          QString* error) const;
 
 private:
-    QVector<Tag> named(const QString& name, const QString* controller) const;
+    Q_DECL_HIDDEN QVector<Tag> named(const QString& name, const QString* controller) const;
 
     QVector<Tag> m_tags;
     QHash<QString, QVector<int>> m_byName; ///< Indexes in m_tags, by name in lower case.
