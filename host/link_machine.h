@@ -134,6 +134,7 @@ private:
     int queueRead(const ReadBlock& block, int limit, int key, int tag);
     void finish(RequestPtr request, const Failure& failure);
     void finishActive(const Failure& failure);
+    bool isActive(const RW_VAR& request) const;
     void dropActive(const RW_VAR& culprit, const Failure& failure, bool keepReads);
     void failWaiting(int station, const Failure& failure);
     QByteArray fetch(const Variable& variable, int station) const;
@@ -153,7 +154,7 @@ private:
     static bool isConnected(const Station& station);
     static bool isReady(const Station& station);
     bool isProbed(const Station& station) const;
-    static bool isGivenUp(const Station& station);
+    bool isGivenUp(const Station& station) const;
     void ready(int station);
     void up(int station);
     void disconnected(int station, const Failure& failure);

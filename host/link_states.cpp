@@ -30,10 +30,21 @@ bool LinkMachine::isProbed(const Station& station) const
     return m_settings.probe && !station.probeRefused;
 }
 
-/// Before the next attempt requests end at once, except when it is known to come soon.
-bool LinkMachine::isGivenUp(const Station& station)
+/// Requests end at once where the next attempt has no better prospect than the last one. Where
+/// somebody listens, a lost reply to a handshake is repeated as often as one to a request.
+bool LinkMachine::isGivenUp(const Station& station) const
 {
-    return station.phase == Phase::Waiting && station.health.attempts() > 0 && !station.hurries;
+    const int attempts = station.health.attempts();
+    if (station.phase != Phase::Waiting || attempts == 0 || station.hurries)
+        return false;
+    switch (station.health.failure().cause) {
+    case Cause::NoConnection:
+    case Cause::ConnectionRefused:
+    case Cause::SetupRefused:
+        return true;
+    default:
+        return attempts > m_settings.retries;
+    }
 }
 
 /// The handshake is done. After failures the link counts as up only once a request was answered:
@@ -89,7 +100,8 @@ void LinkMachine::disconnected(int number, const Failure& failure)
 void LinkMachine::attemptFailed(int number, const Failure& failure)
 {
     closeStation(number, failure, false);
-    failWaiting(number, failure);
+    if (isGivenUp(m_stations.at(number)))
+        failWaiting(number, failure);
 }
 
 /// The driver has given up a request, and with it all that was queued for the station.

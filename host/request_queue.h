@@ -23,6 +23,7 @@ struct Request {
     Controller::Done done;
     QList<WriteStep> steps; ///< Of a write, not yet given to the driver.
     int unanswered = 0;     ///< Of what was given to the driver.
+    bool isSent = false;    ///< A part of it, at least.
     Failure refusal;        ///< Of a part of a write.
 
     bool isWrite() const

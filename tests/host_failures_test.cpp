@@ -32,7 +32,7 @@ private slots:
                  "ok              -> put V736+106\n"
                  "ok              -> put V948+106\n"
                  "ok              -> get V0+6\n"
-                 "+1000           -> close; done: dropped; down: time-out; VW0 link down 1; "
+                 "+1000           -> close; done: dropped, sent; down: time-out; VW0 link down 1; "
                  "VW4 link down 5\n");
         add("a refused part ends a write", "",
             Up + "write VW100x200= -> put V100+106\n"

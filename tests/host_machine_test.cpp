@@ -133,7 +133,26 @@ private slots:
                 "ok              -> VW400 good 0; cycle\n");
         add("closed while idle", "retry",
             Up + "closed          -> close; waiting: closed; VW0 link down 1; VW4 link down 5\n"
-                 "write VW0=1     -> done: closed\n");
+                 "write VW0=1     -> \n"
+                 "+200            -> open\n"
+                 "failed          -> close; down: no connection; done: no connection\n"
+                 "write VW0=1     -> done: no connection\n");
+        add("a handshake is tried as often as a request", "retry",
+            "start           -> open; connecting\n"
+            "write VW0=1     -> \n"
+            "opened          -> connect; handshake\n"
+            "+1000           -> close; waiting: time-out\n"
+            "write VW4=1     -> \n"
+            "+200            -> open\n"
+            "opened          -> connect\n"
+            "closed          -> close; down: closed; done: closed; done: closed\n"
+            "write VW0=1     -> done: closed\n");
+        add("a write that was sent may have been carried out", "",
+            Up + "write VW0x120=  -> put V0+106; VW0 stale 1; VW4 stale 5\n"
+                 "write VW4=1     -> \n"
+                 "ok              -> put V212+14\n"
+                 "+1000           -> close; done: time-out, sent; down: time-out; done: dropped; "
+                 "VW0 link down 1; VW4 link down 5\n");
         add("a new list knows nothing of the old one", "",
             Up + "+500            -> get V0+6\n"
                  "watch VW4 VW400 -> \n"
