@@ -113,6 +113,25 @@ private slots:
                 "ok              -> get AI2+1\n"
                 "ok              -> get V0+8; VW0x4 never read; AIW2 good 0\n"
                 "ok 0001000200030004 -> VW0x4 good 1 2 3 4; cycle\n");
+        add("on trial behind what is read apart", "no probe",
+            begun("watch VW0 VW4 VW8") +
+                "ok              -> get V0+10; up\n"
+                "refuse          -> close; VW0 link down; VW4 link down; VW8 link down\n" +
+                Again +
+                "ok              -> get V0+2\n"
+                "refuse          -> close; VW0 refused\n" +
+                Again +
+                "ok              -> get V4+2\n"
+                "ok              -> get V8+2; VW4 good 0; VW8 never read\n"
+                "refuse          -> close; VW4 link down 0; VW8 refused\n" +
+                Again +
+                "ok              -> get V4+2\n"
+                "refuse          -> close\n" +
+                Again +
+                "ok              -> get V4+2\n"
+                "ok              -> VW4 good 0; cycle\n"
+                "stall 60000     -> get V4+2; VW4 stale 0\n"
+                "ok              -> get V0+2; VW4 good 0\n");
         add("no cycle is done until a station is back from a refusal", "stations",
             "start           -> open@2; open@3; connecting@2; connecting@3\n"
             "watch VW0@2 VW4@3 -> \n"
