@@ -3,6 +3,7 @@
 #include "host/link_machine.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace s7200
 {
@@ -116,7 +117,9 @@ void LinkMachine::linkLost(const RW_VAR& request)
     // A single request ends here.
     const bool isWatched = request.host_key != ReadKey && request.host_key != WriteKey;
     const bool isApart = request.host_key == ApartKey;
-    if (refused && isWatched) {
+    // The driver's count of failures goes on over good replies, so one refusal may be its last.
+    const bool isCertain = std::exchange(m_refusals, 0) > m_settings.retries;
+    if (refused && isWatched && (isCertain || !isApart)) {
         if (m_watch.refused(blockOf(request), isApart, failure, m_now))
             station.health.hasLearnt();
         else
@@ -138,7 +141,7 @@ void LinkMachine::closeStation(int number, const Failure& failure, bool news)
     m_orders.close(number);
     m_relist = m_relist || isConnected(station);
     station.phase = Phase::Waiting;
-    station.isOpen = station.isUp = false;
+    station.isOpen = station.isUp = station.answered = false;
     station.hurries = news && station.health.failedWithNews(failure, m_now);
     if (!news)
         station.health.failed(failure, m_now);

@@ -189,6 +189,7 @@ void LinkMachine::replied(const QByteArray& reply, const Failure& failure)
         countFailure(station.failure.cause);
     if (good)
         m_statistics.roundTrip.add(m_now - transaction.sentAt);
+    m_refusals = !good && station.failure.cause == Cause::Refused ? m_refusals + 1 : 0;
     const bool handshake = isHandshake(transaction.frame);
     m_repeating = result == Result_WillRetry && !handshake;
     if (handshake)

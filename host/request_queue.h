@@ -51,6 +51,8 @@ public:
         return m_active.get();
     }
 
+    bool hasAny(int station) const;
+
     /// Makes the first one whose station `isReady` the active one, if there is none yet.
     Request* activate(const std::function<bool(int station)>& isReady);
 
