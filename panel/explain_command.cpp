@@ -3,6 +3,7 @@
 #include "panel/frame_text.h"
 #include "panel/messages.h"
 #include "panel/request_preview.h"
+#include "panel/requests.h"
 
 #include <algorithm>
 
@@ -118,7 +119,7 @@ int run(CommandLine& line)
     if (!readRoundTrip(line, &roundTripMs, &error) ||
         !line.resolve(line.operands(), &items, &error) ||
         (items.isEmpty() && !line.resolveAllTags(&items, &error)))
-        return usageError(error);
+        return usageErrors(error);
     if (items.isEmpty())
         return usageError(QStringLiteral("name at least one variable, as in VW100"));
     const QVector<ControllerSettings>& controllers = line.controllers();
