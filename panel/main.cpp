@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace s7200::panel
@@ -26,6 +27,16 @@ void openStandardStreams()
         if (::fcntl(descriptor, F_GETFD) < 0 && ::open("/dev/null", mode) != descriptor)
             ::_exit(ExitUsage);
     }
+}
+
+/// Each controller takes one, and the usual limit is 1024.
+void raiseDescriptorLimit()
+{
+    rlimit limit = {};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 QString usage()
@@ -109,6 +120,7 @@ int main(int argc, char** argv)
 {
     using namespace s7200::panel;
     openStandardStreams();
+    raiseDescriptorLimit();
     std::signal(SIGPIPE, SIG_IGN);
     readLocale();
     const QCoreApplication application(argc, argv);
