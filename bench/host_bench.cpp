@@ -2,6 +2,7 @@
 // own, as a ratio to bare sockets that exchange the same bytes with them in the same run.
 
 #include "bench/fleet.h"
+#include "wire/descriptor_limit.h"
 
 #include <QCommandLineParser>
 #include <QTcpSocket>
@@ -186,10 +187,9 @@ int main(int argc, char** argv)
     const int seconds = parser.value("seconds").toInt();
     if (count < Farm::PerProcess || count > 20000 || seconds < 1)
         fail("--controllers takes 50 to 20000, --seconds 1 or more");
-    rlimit files = {};
-    getrlimit(RLIMIT_NOFILE, &files);
-    files.rlim_cur = files.rlim_max; // the simulators inherit it
-    setrlimit(RLIMIT_NOFILE, &files);
+    const QString missing = wire::raiseDescriptorLimit(count, 2); // the simulators inherit it
+    if (!missing.isEmpty())
+        fail(missing);
     QStringList wanted = parser.positionalArguments();
     if (wanted.isEmpty())
         wanted = QStringList{"slow", "quick", "silent"};

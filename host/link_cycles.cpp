@@ -39,9 +39,8 @@ void LinkMachine::relist()
         if (!isConnected(station))
             continue;
         const QVector<ReadBlock> wanted = m_watch.cyclicBlocks(entry.first);
-        const bool probes = isProbed(station) && m_watch.apartBlocks(entry.first).isEmpty();
         // The driver shakes hands, and finds out that a link is lost, in the place of a request.
-        if (wanted.isEmpty() && (probes || !isReady(station)))
+        if (wanted.isEmpty() && !isReady(station))
             blocks.append(probeOf(entry.first));
         blocks += wanted;
     }
@@ -74,13 +73,11 @@ void LinkMachine::beginCycleIfDue()
     m_apartQueued = false;
     m_cycleTrips = 0;
     m_cycleTag = m_cycleTag % MostTags + 1;
-    for (auto& entry : m_stations)
-        entry.second.answered = false;
     expireValues();
     cycleProgress();
 }
 
-/// Behind the others, since a refusal ends the connection.
+/// Behind the others, since a refusal ends the connection. Where nothing is read at all, the probe.
 void LinkMachine::readApart()
 {
     m_apartQueued = true;
@@ -89,11 +86,22 @@ void LinkMachine::readApart()
             continue;
         if (m_now >= entry.second.nextTrial)
             m_watch.beginTrial(entry.first, m_now);
-        for (const ReadBlock& block : m_watch.apartBlocks(entry.first)) {
+        QVector<ReadBlock> blocks = m_watch.apartBlocks(entry.first);
+        if (blocks.isEmpty() && isIdle(entry.first))
+            blocks.append(probeOf(entry.first));
+        for (const ReadBlock& block : std::as_const(blocks)) {
             queueRead(block, m_blockLimit, ApartKey, m_cycleTag);
             ++m_apartLeft;
         }
     }
+    m_isEmptyCycle = m_listed == 0 && m_apartLeft == 0;
+}
+
+/// Whoever asks for something keeps the link up by that.
+bool LinkMachine::isIdle(int number) const
+{
+    return isProbed(m_stations.at(number)) && m_watch.cyclicBlocks(number).isEmpty() &&
+           !m_requests.hasAny(number);
 }
 
 void LinkMachine::cycleProgress()
@@ -107,21 +115,23 @@ void LinkMachine::cycleProgress()
     m_inCycle = false;
     m_lastTrips = m_cycleTrips;
     bool anyAnswered = false;
-    bool anyHurries = false;
+    bool isWaitedFor = false; // it is too early to say that all was read
     for (auto& entry : m_stations) {
         Station& station = entry.second;
         anyAnswered = anyAnswered || station.answered;
-        anyHurries = anyHurries || station.hurries;
+        // Who comes back at once was not told to be gone.
+        isWaitedFor =
+            isWaitedFor || station.hurries || (m_isEmptyCycle && m_requests.hasAny(entry.first));
         // Where nothing is asked, that the connection lasts has to do.
         if (isReady(station) &&
             (station.answered || m_now >= station.upSince + LinkHealth::LongestDelay))
             station.health.goodCycle();
+        station.answered = false;
     }
     if (!anyAnswered)
         m_nextCycle = std::max(m_nextCycle, m_now + RestingInterval);
     tellChanges();
-    // Who comes back at once was not told to be gone, and is waited for.
-    if (anyHurries)
+    if (isWaitedFor)
         return;
     ++m_statistics.cycles;
     m_news.push_back({m_list, [this] { m_orders.tellCycle(); }});

@@ -95,7 +95,7 @@ private:
         bool isUp = false;     ///< As told.
         bool wasUp = false;    ///< Ever.
         bool hurries = false;  ///< Waits after a refusal: requests need not be given up.
-        bool answered = false; ///< A request, in this cycle.
+        bool answered = false; ///< A request, since the last cycle.
         int received = 0;      ///< Bytes since the last frame was sent.
         bool probeRefused = false;
         Micros upSince = 0;
@@ -121,6 +121,7 @@ private:
     void relist();
     void beginCycleIfDue();
     void readApart();
+    bool isIdle(int number) const;
     void cycleProgress();
     bool hasWork() const;
     bool anyReady() const;
@@ -134,6 +135,7 @@ private:
     int queueRead(const ReadBlock& block, int limit, int key, int tag);
     void finish(RequestPtr request, const Failure& failure);
     void finishActive(const Failure& failure);
+    bool isActive(const RW_VAR& request) const;
     void dropActive(const RW_VAR& culprit, const Failure& failure, bool keepReads);
     void failWaiting(int station, const Failure& failure);
     QByteArray fetch(const Variable& variable, int station) const;
@@ -153,7 +155,7 @@ private:
     static bool isConnected(const Station& station);
     static bool isReady(const Station& station);
     bool isProbed(const Station& station) const;
-    static bool isGivenUp(const Station& station);
+    bool isGivenUp(const Station& station) const;
     void ready(int station);
     void up(int station);
     void disconnected(int station, const Failure& failure);
@@ -179,6 +181,7 @@ private:
     RequestQueue m_requests;
     ReplyCollector m_collector;
     Transaction m_transaction;
+    int m_refusals = 0;       ///< In a row, of the same frame.
     bool m_repeating = false; ///< The driver holds a frame that failed and goes out again.
 
     bool m_relist = true;                  ///< The driver's cyclic list is no longer the right one.
@@ -191,9 +194,10 @@ private:
     int m_apartLeft = 0;  ///< The same of the variables that are read apart.
     Micros m_cycleBegan = -1;
     Micros m_nextCycle = 0;
-    bool m_apartQueued = false; ///< In this cycle: they come last.
-    Micros m_cycleTrips = 0;    ///< All round trips of this cycle,
-    Micros m_lastTrips = 0;     ///< and of the last one.
+    bool m_apartQueued = false;  ///< In this cycle: they come last.
+    bool m_isEmptyCycle = false; ///< There is nothing to read, not even a probe.
+    Micros m_cycleTrips = 0;     ///< All round trips of this cycle,
+    Micros m_lastTrips = 0;      ///< and of the last one.
     Micros m_nextExpiry = 0;
 
     LinkStatistics m_statistics;

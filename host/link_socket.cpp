@@ -138,7 +138,11 @@ void LinkSocket::tryNext()
     if (error == 0)
         return;
     closeDescriptor();
-    later([this, error] { attempted(error); });
+    const auto tell = [this, error, use = m_use] {
+        if (use == m_use) // not closed meanwhile
+            attempted(error);
+    };
+    QMetaObject::invokeMethod(this, tell, Qt::QueuedConnection);
 }
 
 /// Begins it: 0, or why it cannot be begun.
@@ -223,15 +227,15 @@ void LinkSocket::ended()
     if (m_trace)
         m_trace->closeConnection(m_traceId, wire::FrameTrace::FromController);
     m_state = State::Closed;
-    ++m_use;
     closeDescriptor();
     Q_EMIT closed();
 }
 
 void LinkSocket::send(const QByteArray& frame)
 {
-    if (m_state != State::Open || !dropStaleInput())
+    if (m_state != State::Open)
         return;
+    dropStaleInput();
     record(wire::FrameTrace::ToController, frame.constData(), frame.size());
     if (m_unsent.isEmpty())
         write(frame);
@@ -250,33 +254,17 @@ void LinkSocket::write(const QByteArray& bytes)
     m_watcher->await(m_descriptor, SocketWatcher::Await::InputAndRoom);
 }
 
-/// What has arrived but was not yet noticed cannot be the reply. False if there is no end of it;
-/// the others of this thread want to go on.
-bool LinkSocket::dropStaleInput()
+/// What has arrived but was not yet noticed cannot be the reply. Of a flood, which its owner gets
+/// to see then, only so much: the others of this thread want to go on.
+void LinkSocket::dropStaleInput()
 {
     char stale[ReadSize];
     for (int round = 0; round < MostStaleReads; ++round) {
         const ssize_t size = ::recv(m_descriptor, stale, sizeof stale, 0);
         if (size <= 0)
-            return true; // an end will be told
+            return; // an end will be told
         record(wire::FrameTrace::FromController, stale, size);
     }
-    m_watcher->forget(m_descriptor);
-    later([this] { ended(); });
-    return false;
-}
-
-/// When the event loop runs, unless close() comes before.
-template <typename Function>
-void LinkSocket::later(const Function& function)
-{
-    QMetaObject::invokeMethod(
-        this,
-        [this, function, use = m_use] {
-            if (use == m_use)
-                function();
-        },
-        Qt::QueuedConnection);
 }
 
 void LinkSocket::record(wire::FrameTrace::Direction direction, const char* bytes, qint64 size)

@@ -54,9 +54,7 @@ private:
     void read();
     void write(const QByteArray& bytes);
     void ended();
-    bool dropStaleInput();
-    template <typename Function>
-    void later(const Function& function);
+    void dropStaleInput();
     void record(wire::FrameTrace::Direction direction, const char* bytes, qint64 size);
     void closeDescriptor();
 
@@ -70,7 +68,7 @@ private:
     int m_descriptor = -1;
     QByteArray m_unsent;
     int m_traceId = 0;
-    quint32 m_use = 0; ///< Counts its ends.
+    quint32 m_use = 0; ///< Counts close().
 };
 
 } // namespace s7200

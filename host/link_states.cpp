@@ -3,6 +3,7 @@
 #include "host/link_machine.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace s7200
 {
@@ -30,10 +31,21 @@ bool LinkMachine::isProbed(const Station& station) const
     return m_settings.probe && !station.probeRefused;
 }
 
-/// Before the next attempt requests end at once, except when it is known to come soon.
-bool LinkMachine::isGivenUp(const Station& station)
+/// Requests end at once where the next attempt has no better prospect than the last one. Where
+/// somebody listens, a lost reply to a handshake is repeated as often as one to a request.
+bool LinkMachine::isGivenUp(const Station& station) const
 {
-    return station.phase == Phase::Waiting && station.health.attempts() > 0 && !station.hurries;
+    const int attempts = station.health.attempts();
+    if (station.phase != Phase::Waiting || attempts == 0 || station.hurries)
+        return false;
+    switch (station.health.failure().cause) {
+    case Cause::NoConnection:
+    case Cause::ConnectionRefused:
+    case Cause::SetupRefused:
+        return true;
+    default:
+        return attempts > m_settings.retries;
+    }
 }
 
 /// The handshake is done. After failures the link counts as up only once a request was answered:
@@ -89,7 +101,8 @@ void LinkMachine::disconnected(int number, const Failure& failure)
 void LinkMachine::attemptFailed(int number, const Failure& failure)
 {
     closeStation(number, failure, false);
-    failWaiting(number, failure);
+    if (isGivenUp(m_stations.at(number)))
+        failWaiting(number, failure);
 }
 
 /// The driver has given up a request, and with it all that was queued for the station.
@@ -104,7 +117,9 @@ void LinkMachine::linkLost(const RW_VAR& request)
     // A single request ends here.
     const bool isWatched = request.host_key != ReadKey && request.host_key != WriteKey;
     const bool isApart = request.host_key == ApartKey;
-    if (refused && isWatched) {
+    // The driver's count of failures goes on over good replies, so one refusal may be its last.
+    const bool isCertain = std::exchange(m_refusals, 0) > m_settings.retries;
+    if (refused && isWatched && (isCertain || !isApart)) {
         if (m_watch.refused(blockOf(request), isApart, failure, m_now))
             station.health.hasLearnt();
         else
@@ -126,7 +141,7 @@ void LinkMachine::closeStation(int number, const Failure& failure, bool news)
     m_orders.close(number);
     m_relist = m_relist || isConnected(station);
     station.phase = Phase::Waiting;
-    station.isOpen = station.isUp = false;
+    station.isOpen = station.isUp = station.answered = false;
     station.hurries = news && station.health.failedWithNews(failure, m_now);
     if (!news)
         station.health.failed(failure, m_now);

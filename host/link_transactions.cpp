@@ -90,6 +90,7 @@ void LinkMachine::finish(RequestPtr request, const Failure& failure)
     Result result;
     result.cause = failure.cause;
     result.detail = failure.detail;
+    result.wasSent = request->isWrite() && request->isSent;
     if (!failure && !request->isWrite()) {
         result.value.elements =
             decodeValues(request->variable, fetch(request->variable, request->station));
@@ -106,6 +107,14 @@ void LinkMachine::finishActive(const Failure& failure)
         finish(m_requests.takeActive(), failure);
 }
 
+/// True for a request to the controller by which the active one is carried out.
+bool LinkMachine::isActive(const RW_VAR& request) const
+{
+    const Request* const active = m_requests.active();
+    return active && request.host_index == active->id &&
+           request.host_key == (active->isWrite() ? WriteKey : ReadKey);
+}
+
 /// What the driver held is gone with the link. The culprit is told what happened to it; with
 /// `keepReads` a read that was not to blame waits for the next link.
 void LinkMachine::dropActive(const RW_VAR& culprit, const Failure& failure, bool keepReads)
@@ -113,8 +122,7 @@ void LinkMachine::dropActive(const RW_VAR& culprit, const Failure& failure, bool
     const Request* const active = m_requests.active();
     if (!active || active->station != culprit.station)
         return;
-    const bool own = culprit.host_key == (active->isWrite() ? WriteKey : ReadKey);
-    if (own && culprit.host_index == active->id)
+    if (isActive(culprit))
         finishActive(failure);
     else if (keepReads && !active->isWrite())
         m_requests.putBack();
@@ -154,6 +162,8 @@ void LinkMachine::transact(const Protocol& pending)
     }
     m_transaction.isOpen = true;
     ++m_statistics.requests;
+    if (isActive(pending.var))
+        m_requests.active()->isSent = true;
     m_collector.begin(m_transaction.frame.bytes);
     m_stations.at(pending.var.station).received = 0;
     m_orders.send(pending.var.station, m_transaction.frame.bytes);
@@ -179,6 +189,7 @@ void LinkMachine::replied(const QByteArray& reply, const Failure& failure)
         countFailure(station.failure.cause);
     if (good)
         m_statistics.roundTrip.add(m_now - transaction.sentAt);
+    m_refusals = !good && station.failure.cause == Cause::Refused ? m_refusals + 1 : 0;
     const bool handshake = isHandshake(transaction.frame);
     m_repeating = result == Result_WillRetry && !handshake;
     if (handshake)
@@ -225,8 +236,7 @@ void LinkMachine::readAnswered(const RW_VAR& request)
     m_nextExpiry = std::min(m_nextExpiry, m_now + valueLifetime());
     Request* const active = m_requests.active();
     if (request.host_key == ReadKey) {
-        if (active && !active->isWrite() && active->id == request.host_index &&
-            --active->unanswered == 0)
+        if (isActive(request) && --active->unanswered == 0)
             finishActive(Failure());
         return;
     }
@@ -243,7 +253,7 @@ void LinkMachine::readAnswered(const RW_VAR& request)
 void LinkMachine::writeAnswered(const RW_VAR& request, const Failure& refusal)
 {
     Request* const active = m_requests.active();
-    if (!active || !active->isWrite() || active->id != request.host_index)
+    if (!isActive(request))
         return;
     if (refusal.cause == Cause::Refused && !active->refusal) {
         active->refusal = refusal;

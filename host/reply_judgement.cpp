@@ -106,12 +106,12 @@ bool isHandshake(const SentFrame& frame)
 
 Failure judgeReply(const SentFrame& frame, const QByteArray& reply)
 {
-    if (isConnectionRequest(frame))
-        return judgeConfirm(frame, reply);
     if (isCutShort(reply))
         return failure(Cause::WrongLength, QStringLiteral("a reply cut short: %1 of %2 bytes")
                                                .arg(reply.size())
                                                .arg(wordAt(reply, wire::TpktLengthOffset)));
+    if (isConnectionRequest(frame))
+        return judgeConfirm(frame, reply);
     if (!isS7Reply(reply))
         return notS7(reply);
     if (!lengthsAgree(reply, frame.remote ? RemoteTrailingBytes : 0))

@@ -20,6 +20,14 @@ Request* RequestQueue::activate(const std::function<bool(int station)>& isReady)
     return m_active.get();
 }
 
+bool RequestQueue::hasAny(int station) const
+{
+    const auto isItsOwn = [station](const RequestPtr& request) {
+        return request && request->station == station;
+    };
+    return isItsOwn(m_active) || std::any_of(m_waiting.begin(), m_waiting.end(), isItsOwn);
+}
+
 std::vector<RequestPtr> RequestQueue::takeWaiting(int station)
 {
     std::vector<RequestPtr> taken;

@@ -23,6 +23,7 @@ struct Request {
     Controller::Done done;
     QList<WriteStep> steps; ///< Of a write, not yet given to the driver.
     int unanswered = 0;     ///< Of what was given to the driver.
+    bool isSent = false;    ///< A part of it, at least.
     Failure refusal;        ///< Of a part of a write.
 
     bool isWrite() const
@@ -49,6 +50,8 @@ public:
     {
         return m_active.get();
     }
+
+    bool hasAny(int station) const;
 
     /// Makes the first one whose station `isReady` the active one, if there is none yet.
     Request* activate(const std::function<bool(int station)>& isReady);

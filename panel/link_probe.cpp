@@ -37,6 +37,8 @@ constexpr Hint Hints[] = {
      "what listens there is no S7 module: another device, or another service's port"},
     {ProbeStep::TpduConnection, Cause::TimedOut,
      "what listens there is no S7 module, or one that hangs"},
+    {ProbeStep::TpduConnection, Cause::WrongLength,
+     "what listens there is no S7 module, or something on the way spoils replies"},
     {ProbeStep::TpduConnection, Cause::None,
      "the TSAPs are refused: the module has no connection configured with them, or all eight of "
      "its connections are taken"},
@@ -81,6 +83,9 @@ QString usualCause(const ProbeResults& results, const ControllerSettings& settin
     if (step == ProbeStep::Read && settings.remoteAccess && results.roundTripsUs.isEmpty())
         return QStringLiteral("what listens there takes no forwarding records of remote access; "
                               "try without --remote");
+    if (step == ProbeStep::TpduConnection && !results.roundTripsUs.isEmpty())
+        return QStringLiteral("the TSAPs were good before: the controller restarts, all eight of "
+                              "its connections are taken, or the line is bad");
     Cause cause = results.failure.cause;
     if (results.socketError == QAbstractSocket::ConnectionRefusedError)
         cause = Cause::Closed;

@@ -214,11 +214,8 @@ Value valueOf(const Result& result)
     Value value = result.value;
     if (result)
         return value;
-    const bool linkDown = result.cause == Cause::NoConnection || result.cause == Cause::Closed ||
-                          result.cause == Cause::TimedOut || result.cause == Cause::Dropped ||
-                          result.cause == Cause::ConnectionRefused ||
-                          result.cause == Cause::SetupRefused || result.cause == Cause::Stopped;
-    value.quality = linkDown ? Quality::LinkDown : Quality::Refused;
+    const bool refused = result.cause == Cause::Refused || result.cause == Cause::Invalid;
+    value.quality = refused ? Quality::Refused : Quality::LinkDown;
     value.detail = result.detail;
     return value;
 }

@@ -14,8 +14,30 @@ class Batch
 {
 public:
     Batch(const Session& session, const char* what, int total)
-        : m_session(session), m_open(total), m_progress(QLatin1String(what), total)
+        : m_session(session), m_open(total), m_progress(QLatin1String(what), total),
+          m_troubles(std::size_t(session.count()))
     {
+    }
+
+    void read(int controller, const Variable& variable, const Controller::Done& done)
+    {
+        m_session.controller(controller).read(variable, [=](const Result& result) {
+            if (isRepeated(controller, result))
+                read(controller, variable, done);
+            else
+                done(result);
+        });
+    }
+
+    void write(int controller, const Job& job, const Controller::Done& done)
+    {
+        const auto written = [=](const Result& result) {
+            if (isRepeated(controller, result))
+                write(controller, job, done);
+            else
+                done(result);
+        };
+        m_session.controller(controller).write(job.item.tag.variable, job.elements, written);
     }
 
     void finishOne()
@@ -35,32 +57,107 @@ public:
     }
 
 private:
+    struct Trouble {
+        int failures = 0;        ///< In a row.
+        bool progresses = false; ///< Something was answered since a reply was missing.
+    };
+
+    /// A connection that was closed costs time and no more. Where a reply was missing, the driver
+    /// has asked again already, but it counts failures that lie far apart together.
+    bool isRepeated(int controller, const Result& result)
+    {
+        const int retries = m_session.controller(controller).settings().retries;
+        Trouble& trouble = m_troubles[std::size_t(controller)];
+        switch (result.cause) {
+        case Cause::None:
+        case Cause::Refused:
+            trouble = {0, true};
+            return false;
+        case Cause::Dropped: // another one's failure, which has been counted
+            break;
+        case Cause::Closed:
+            ++trouble.failures;
+            break;
+        case Cause::TimedOut:
+        case Cause::WrongLength:
+        case Cause::WrongReference:
+        case Cause::NotS7:
+            trouble = {trouble.progresses ? trouble.failures + 1 : retries + 1, false};
+            break;
+        default:
+            trouble.failures = retries + 1;
+        }
+        return !result.wasSent && trouble.failures <= retries;
+    }
+
     const Session& m_session;
     int m_open;
     ProgressLine m_progress;
     QEventLoop m_loop;
+    std::vector<Trouble> m_troubles; ///< By controller.
 };
+
+/// A result that says what a reader has to know of a value that may have been written.
+Result withDetail(const Result& result, const char* known)
+{
+    Result told = result;
+    told.detail = QLatin1String(known) + result.detail;
+    told.wasSent = true;
+    return told;
+}
+
+void readBack(const Session& session, const QVector<Job>& jobs, QVector<Written>* all)
+{
+    QVector<int> indexes;
+    QVector<Item> items;
+    for (int i = 0; i < int(jobs.size()); ++i) {
+        const Result& result = all->at(i).result;
+        if (result.cause == Cause::Stopped)
+            return;
+        if (result || (result.wasSent && result.cause != Cause::Refused)) {
+            indexes.append(i);
+            items.append(jobs.at(i).item);
+        }
+    }
+    const QVector<Result> results = readItems(session, items, "read back");
+    for (int k = 0; k < int(items.size()); ++k) {
+        const Job& job = jobs.at(indexes.at(k));
+        Written& written = (*all)[indexes.at(k)];
+        if (!results.at(k)) {
+            if (written.result)
+                written.result = withDetail(results.at(k), "written, not read back: ");
+            continue;
+        }
+        written.result = Result();
+        written.readBack = results.at(k).value.elements;
+        if (written.readBack == job.elements)
+            continue;
+        written.result.cause = Cause::Invalid;
+        written.result.detail =
+            QStringLiteral("written %1, reads back %2")
+                .arg(job.item.tag.text(job.elements), job.item.tag.text(written.readBack));
+    }
+}
 
 } // namespace
 
-QVector<Result> readItems(const Session& session, const QVector<Item>& items)
+QVector<Result> readItems(const Session& session, const QVector<Item>& items, const char* what)
 {
     QVector<Result> results(items.size());
-    Batch batch(session, "read", int(items.size()));
+    Batch batch(session, what, int(items.size()));
     const auto readAlone = [&](int index) {
         const Item& item = items.at(index);
-        session.controller(item.controller)
-            .read(item.tag.variable, [&, index](const Result& result) {
-                results[index] = result;
-                batch.finishOne();
-            });
+        batch.read(item.controller, item.tag.variable, [&, index](const Result& result) {
+            results[index] = result;
+            batch.finishOne();
+        });
     };
     for (const MergedRead& read : mergedReads(items)) {
         if (read.indexes.size() == 1) {
             readAlone(read.indexes.first());
             continue;
         }
-        session.controller(read.controller).read(read.variable, [&, read](const Result& result) {
+        batch.read(read.controller, read.variable, [&, read](const Result& result) {
             for (int index : read.indexes) {
                 if (result.cause == Cause::Refused) { // one of them, perhaps
                     readAlone(index);
@@ -81,40 +178,22 @@ QVector<Result> readItems(const Session& session, const QVector<Item>& items)
 QVector<Written> writeJobs(const Session& session, const QVector<Job>& jobs, bool verify)
 {
     QVector<Written> all(jobs.size());
-    Batch batch(session, verify ? "written and read back" : "written", int(jobs.size()));
-    for (int i = 0; i < int(jobs.size()); ++i) {
-        Controller& controller = session.controller(jobs.at(i).item.controller);
-        const Variable& variable = jobs.at(i).item.tag.variable;
-        const auto readBack = [&all, &jobs, &batch, i](const Result& result) {
-            all[i].result = result;
-            all[i].readBack = result.value.elements;
-            all[i].verified = result && all.at(i).readBack == jobs.at(i).elements;
-            batch.finishOne();
-        };
-        const auto written = [&, verify, i, readBack](const Result& result) {
-            all[i].result = result;
-            all[i].written = bool(result);
-            if (result && verify)
-                controller.read(variable, readBack);
-            else
+    {
+        Batch batch(session, "written", int(jobs.size()));
+        for (int i = 0; i < int(jobs.size()); ++i) {
+            batch.write(jobs.at(i).item.controller, jobs.at(i), [&, i](const Result& result) {
+                const bool isKnown = result || !result.wasSent || result.cause == Cause::Refused;
+                all[i].result = isKnown ? result
+                                        : withDetail(result, "sent, but whether it was written is "
+                                                             "not known: ");
                 batch.finishOne();
-        };
-        controller.write(variable, jobs.at(i).elements, written);
+            });
+        }
+        batch.wait();
     }
-    batch.wait();
+    if (verify)
+        readBack(session, jobs, &all);
     return all;
-}
-
-Result resultOf(const Job& job, const Written& written)
-{
-    Result result = written.result;
-    if (result && !written.readBack.isEmpty() && !written.verified) {
-        result.cause = Cause::Invalid;
-        result.detail =
-            QStringLiteral("written %1, reads back %2")
-                .arg(job.item.tag.text(job.elements), job.item.tag.text(written.readBack));
-    }
-    return result;
 }
 
 int runStarted(const CommandLine& line, const std::function<ExitStatus(const Session&)>& body)

@@ -17,21 +17,19 @@ struct Job {
 
 /// What has become of a Job.
 struct Written {
-    Result result;             ///< Of the write, or, if that was good, of reading it back.
-    bool written = false;      ///< The controller has acknowledged it.
+    Result result;             ///< With `verify` Cause::Invalid for a value that reads back other.
     QVector<quint32> readBack; ///< If that was asked for and done.
-    bool verified = false;     ///< And it is the same.
 };
 
-/// Reads all items, any number of controllers at once; one result for each, in order. Ends early,
-/// with Cause::Stopped for what is open, when the program is to end.
-QVector<Result> readItems(const Session& session, const QVector<Item>& items);
+/// Reads all items, any number of controllers at once; one result for each, in order. Goes on
+/// where a connection is closed meanwhile, as often as the controller's retries allow. Ends early,
+/// with Cause::Stopped for what is open, when the program is to end. `what`: for the progress line.
+QVector<Result> readItems(const Session& session, const QVector<Item>& items,
+                          const char* what = "read");
 
-/// Writes all, those to one controller in order; with `verify` each is read back.
+/// Writes all, those to one controller in order. With `verify` all that may have been written is
+/// read back then, also where no good answer has come.
 QVector<Written> writeJobs(const Session& session, const QVector<Job>& jobs, bool verify);
-
-/// A result to be reported for a job: what is read back and differs counts as Cause::Invalid.
-Result resultOf(const Job& job, const Written& written);
 
 /// Runs the body of a command with all controllers of the line started, and gives the status that
 /// counts: that of the body, an earlier one if there was a signal, ExitOutput if output could not

@@ -1,5 +1,7 @@
 #include "panel/session.h"
 
+#include "wire/descriptor_limit.h"
+
 #include <csignal>
 
 namespace s7200::panel
@@ -39,7 +41,8 @@ std::unique_ptr<Session> Session::open(const CommandLine& line, QString* error)
 {
     std::unique_ptr<Session> session(new Session);
     QVector<ControllerSettings> settings = line.controllers();
-    if (!session->openTrace(line, error))
+    *error = wire::raiseDescriptorLimit(int(settings.size()), 1);
+    if (!error->isEmpty() || !session->openTrace(line, error))
         return nullptr;
     if (line.simulated() && !session->startSimulators(&settings, error))
         return nullptr;

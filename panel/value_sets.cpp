@@ -185,7 +185,7 @@ private:
         for (int k = 0; k < int(changes.size()); ++k) {
             const Tag& tag = changes.at(k).item.tag;
             State& state = m_states[indexes.at(k)];
-            state.result = resultOf(changes.at(k), results.at(k));
+            state.result = results.at(k).result;
             state.text = (m_verify ? QStringLiteral("verified, %1 instead of %2")
                                    : QStringLiteral("written, %1 instead of %2"))
                              .arg(valueText(tag, changes.at(k).elements),
@@ -195,13 +195,10 @@ private:
 
     static QString failureText(const Result& result)
     {
-        switch (valueOf(result).quality) {
-        case Quality::LinkDown:
-            return QStringLiteral("not reached");
-        default:
-            return (result.cause == Cause::Invalid ? QString() : QStringLiteral("refused, ")) +
-                   result.detail;
-        }
+        if (result.cause == Cause::Refused)
+            return QStringLiteral("refused, ") + result.detail;
+        const bool isTold = result.wasSent || result.cause == Cause::Invalid;
+        return isTold ? result.detail : QStringLiteral("not reached");
     }
 
     const Session& m_session;

@@ -38,10 +38,9 @@ ExitStatus writeAndReport(const Session& session, const QVector<Job>& jobs, bool
         const Written& written = results.at(i);
         if (!written.readBack.isEmpty())
             print(item.label + QLatin1Char(' ') + item.tag.text(written.readBack));
-        const Result result = resultOf(jobs.at(i), written);
-        if (result)
+        if (written.result)
             complain(item.label + QStringLiteral(": written"));
-        report.add(item, result);
+        report.add(item, written.result);
     }
     return report.finish();
 }

@@ -2,6 +2,7 @@
 
 #include "simulator/command_line.h"
 #include "simulator/simulator_thread.h"
+#include "wire/descriptor_limit.h"
 #include "wire/frame_trace.h"
 
 #include <s7200_version.h>
@@ -16,7 +17,6 @@
 #include <ctime>
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 using namespace s7200;
@@ -83,25 +83,6 @@ void waitForEnd(const sigset_t& ends, int durationSeconds)
     sigtimedwait(&ends, nullptr, &duration);
 }
 
-/// Takes all file descriptors that the system grants; says so if they are too few for a listener
-/// and a connection for each controller.
-QString raiseDescriptorLimit(int controllers)
-{
-    constexpr int Others = 32;
-    rlimit limit = {};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return QString();
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-    const rlim_t needed = rlim_t(2 * controllers + Others);
-    if (controllers == 1 || limit.rlim_max >= needed)
-        return QString();
-    return QStringLiteral("%1 controllers need %2 file descriptors, the limit is %3 (ulimit -Hn)")
-        .arg(controllers)
-        .arg(needed)
-        .arg(limit.rlim_max);
-}
-
 QString whereItListens(const SimulatorOptions& options, int firstPort)
 {
     const bool ipv6 = options.address.contains(QLatin1Char(':'));
@@ -125,7 +106,7 @@ void printFaultCounts(const SimulatorThread& simulator, const QStringList& fault
 int run(CommandLine& commandLine, const sigset_t& endSignals)
 {
     SimulatorOptions& options = commandLine.simulator;
-    QString error = raiseDescriptorLimit(options.count);
+    QString error = wire::raiseDescriptorLimit(options.count, 2);
     std::unique_ptr<wire::FrameTrace> trace;
     if (error.isEmpty() && !commandLine.traceFile.isEmpty()) {
         trace =

@@ -32,8 +32,24 @@ private slots:
                  "ok              -> put V736+106\n"
                  "ok              -> put V948+106\n"
                  "ok              -> get V0+6\n"
-                 "+1000           -> close; done: dropped; down: time-out; VW0 link down 1; "
+                 "+1000           -> close; done: dropped, sent; down: time-out; VW0 link down 1; "
                  "VW4 link down 5\n");
+        // The driver's count of failures goes on over good replies.
+        add("a single refusal of what is good sets nothing aside", "retry",
+            Up +
+                "+500            -> get V0+6\n"
+                "refuse          -> get V0+6\n"
+                "refuse          -> close; VW0 link down 1; VW4 link down 5\n" +
+                Again +
+                "ok              -> get V0+2\n"
+                "refuse          -> get V0+2\n"
+                "ok              -> get V4+2; VW0 good 0; VW4 stale 5\n"
+                "refuse          -> close; VW0 link down 0; VW4 link down 5\n" +
+                Again +
+                "ok              -> get V0+2\n"
+                "ok              -> get V4+2; VW0 good 0; VW4 stale 5\n"
+                "ok              -> VW4 good 0; cycle\n"
+                "+500            -> get V0+6\n");
         add("a refused part ends a write", "",
             Up + "write VW100x200= -> put V100+106\n"
                  "refuse          -> done: refused\n"

@@ -133,7 +133,26 @@ private slots:
                 "ok              -> VW400 good 0; cycle\n");
         add("closed while idle", "retry",
             Up + "closed          -> close; waiting: closed; VW0 link down 1; VW4 link down 5\n"
-                 "write VW0=1     -> done: closed\n");
+                 "write VW0=1     -> \n"
+                 "+200            -> open\n"
+                 "failed          -> close; down: no connection; done: no connection\n"
+                 "write VW0=1     -> done: no connection\n");
+        add("a handshake is tried as often as a request", "retry",
+            "start           -> open; connecting\n"
+            "write VW0=1     -> \n"
+            "opened          -> connect; handshake\n"
+            "+1000           -> close; waiting: time-out\n"
+            "write VW4=1     -> \n"
+            "+200            -> open\n"
+            "opened          -> connect\n"
+            "closed          -> close; down: closed; done: closed; done: closed\n"
+            "write VW0=1     -> done: closed\n");
+        add("a write that was sent may have been carried out", "",
+            Up + "write VW0x120=  -> put V0+106; VW0 stale 1; VW4 stale 5\n"
+                 "write VW4=1     -> \n"
+                 "ok              -> put V212+14\n"
+                 "+1000           -> close; done: time-out, sent; down: time-out; done: dropped; "
+                 "VW0 link down 1; VW4 link down 5\n");
         add("a new list knows nothing of the old one", "",
             Up + "+500            -> get V0+6\n"
                  "watch VW4 VW400 -> \n"
@@ -145,38 +164,41 @@ private slots:
         // is first in it.
         add("lists stay while a frame is repeated", "stations retry twice",
             "start           -> open@2; open@3; connecting@2; connecting@3\n"
+            "watch VW8000@2 VW8000@3 -> \n"
             "opened@2        -> connect@2; handshake@2\n"
             "ok              -> setup@2\n"
-            "ok              -> get SM0+2@2; up@2\n"
-            "ok              -> cycle\n"
-            "opened@3        -> get SM0+2@2; handshake@3\n"
+            "ok              -> get V8000+2@2; up@2\n"
+            "ok              -> VW8000@2 good 0; cycle\n"
+            "opened@3        -> get V8000+2@2; handshake@3\n"
             "ok              -> connect@3\n"
             "ok              -> setup@3\n"
-            "ok              -> get SM0+2@2; up@3\n"
-            "ok              -> get SM0+2@3\n"
-            "ok              -> cycle\n"
+            "ok              -> get V8000+2@3; up@3\n"
+            "ok              -> VW8000@3 good 0; cycle\n"
             "write VW0x1166@2= -> put V0+106@2\n"
             "ok              -> put V212+106@2\n"
             "ok              -> put V424+106@2\n"
             "ok              -> put V636+106@2\n"
             "ok              -> put V848+106@2\n"
-            "ok              -> get SM0+2@2\n"
+            "ok              -> get V8000+2@2\n"
             "ok              -> put V1060+106@2\n"
             "ok              -> put V1272+106@2\n"
             "ok              -> put V1484+106@2\n"
             "ok              -> put V1696+106@2\n"
             "ok              -> put V1908+106@2\n"
-            "ok              -> get SM0+2@3\n"
-            "+1000           -> get SM0+2@3\n"
+            "ok              -> get V8000+2@3\n"
+            "+1000           -> get V8000+2@3\n"
             "watch VW0@2     -> \n"
-            "+1000           -> get SM0+2@3\n"
+            "+1000           -> get V8000+2@3\n"
             "+1000           -> close@3; put V2120+106@2; waiting@3: time-out\n"
             "ok              -> get V0+2@2; done\n");
         add("asked before it is up; then nothing to watch but the probe", "",
             begun("read VW8") + "ok              -> get V8+2; up\n"
-                                "ok 0003         -> get SM0+2; done 3\n"
+                                "ok 0003         -> done 3\n"
+                                "+999            -> \n"
+                                "+1              -> get SM0+2\n"
                                 "ok              -> cycle\n"
-                                "+500            -> get SM0+2\n"
+                                "+499            -> \n"
+                                "+1              -> get SM0+2\n"
                                 "stop            -> close; stopped\n");
     }
 

@@ -173,11 +173,11 @@ private slots:
         QVERIFY(peer->waitForReadyRead(LongMs));
         sendNow(peer, "reply");
         QTRY_COMPARE_WITH_TIMEOUT(rig.told, QStringList({"opened", "reply"}), LongMs);
-        // A peer that floods is left; nothing of it is taken for a reply.
+        // Of a flood only so much is dropped at a time; its owner sees the rest.
+        rig.told.clear();
         sendNow(peer, QByteArray(100000, 'x'));
         rig.socket->send("request");
-        rig.socket->send("request");
-        QTRY_COMPARE_WITH_TIMEOUT(rig.told, QStringList({"opened", "reply", "closed"}), LongMs);
+        QTRY_VERIFY_WITH_TIMEOUT(rig.told.join("").size() >= 60000, LongMs);
     }
 
     void noDescriptorLeft()

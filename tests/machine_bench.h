@@ -146,7 +146,10 @@ private:
             QString line = "done";
             for (quint32 element : result.value.elements)
                 line += QString(" %1").arg(element);
-            m_told << (result ? line : "done: " + describe(result.cause));
+            if (!result)
+                line += ": " + describe(result.cause) +
+                        (result.wasSent && result.cause != Cause::Refused ? ", sent" : "");
+            m_told << line;
             actInSlot();
         };
         m_machine->request(std::move(request), m_now);

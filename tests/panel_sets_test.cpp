@@ -114,6 +114,29 @@ private slots:
         QCOMPARE(save.out, QString());
     }
 
+    // It goes on with a new connection, and what is not known is neither refused nor unreached.
+    void closedMeanwhile()
+    {
+        QByteArray values = "name,address,value\n";
+        QString verified;
+        for (int i = 0; i < 8; ++i) {
+            values += "v" + QByteArray::number(i) + ",VW" + QByteArray::number(300 * i) + ",7\n";
+            verified += QString("v%1: verified, 7 instead of 0\n").arg(i);
+        }
+        put("values.csv", values);
+        QString error;
+        QVERIFY(m_simulator->setFaults({"close-mid-frame:every 8"}, &error));
+        const Run apply = run("apply --verify values.csv");
+        QCOMPARE(apply.out, verified);
+        QCOMPARE(apply.status, 0);
+        QVERIFY(m_simulator->setFaults({"wrong-length"}, &error));
+        const Run unknown = run("write --retries 0 VW0=8");
+        QVERIFY2(unknown.err.contains("sent, but whether it was written is not known: a reply of"),
+                 qPrintable(unknown.err));
+        QCOMPARE(unknown.status, 5);
+        QCOMPARE(m_simulator->peek(SimulatorArea::V, 0, 2), QByteArray::fromHex("0008"));
+    }
+
     // A write changes nothing beside what it names, and reads back in the format that was written.
     void writes()
     {

@@ -60,6 +60,8 @@ struct Result {
     Cause cause = Cause::None; ///< None: it was carried out.
     QString detail;            ///< What happened, for people.
     Value value;               ///< Of a read.
+    bool wasSent = false;      ///< Of a write: a part of it, at least, so that it may have been
+                               ///< carried out although it failed.
 
     /// True if it was carried out.
     explicit operator bool() const
@@ -112,13 +114,15 @@ public:
     /// What is known of the watched variable of that index; never read for any other index.
     Value value(int index) const;
 
-    /// Reads a variable once. A request waits while the link is being brought up and fails at once
-    /// while it is Waiting or Down, unless for a refused variable's sake.
+    /// Reads a variable once. A request waits while the link is being brought up, in as many
+    /// attempts as the retries allow where somebody listens; without a TCP connection, or with the
+    /// TSAPs or setup communication refused, it fails with the first one. While the link is Down it
+    /// fails at once.
     void read(const Variable& variable, const Done& done);
 
     /// Writes a variable, one value an element, right-aligned; done when the controller has
     /// acknowledged all of it or refused a part. Writes are carried out in the order given; as
-    /// reads they are not kept for a link that is Waiting or Down.
+    /// reads they are not kept for longer than said above.
     void write(const Variable& variable, const QVector<quint32>& values, const Done& done = {});
 
     /// The same from a text such as "VW100=7". False with a one-line `error`, and nothing sent, if
