@@ -9,7 +9,6 @@
 
 #include <csignal>
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace s7200::panel
@@ -27,16 +26,6 @@ void openStandardStreams()
         if (::fcntl(descriptor, F_GETFD) < 0 && ::open("/dev/null", mode) != descriptor)
             ::_exit(ExitUsage);
     }
-}
-
-/// Each controller takes one, and the usual limit is 1024.
-void raiseDescriptorLimit()
-{
-    rlimit limit = {};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return;
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 QString usage()
@@ -120,7 +109,6 @@ int main(int argc, char** argv)
 {
     using namespace s7200::panel;
     openStandardStreams();
-    raiseDescriptorLimit();
     std::signal(SIGPIPE, SIG_IGN);
     readLocale();
     const QCoreApplication application(argc, argv);
