@@ -341,10 +341,10 @@ private slots:
             rig.controller->read(variable, [&](const Result& r) { causes.append(r.cause); });
         QTRY_COMPARE_WITH_TIMEOUT(causes, QVector<Cause>(2, Cause::Invalid), LongMs);
         QTemporaryFile file;
-        ControllerSettings settings;
+        ControllerSettings settings = rig.controller->settings();
         settings.driverFile = file.open() ? file.fileName() : QString();
         QString error;
-        QVERIFY(!Controller(settings).start(&error));
+        QVERIFY(!Controller(ControllerSettings()).start() && !Controller(settings).start(&error));
         QVERIFY2(error.contains(file.fileName()) && !error.contains("s7200-driver"),
                  qPrintable(error));
         settings.stations = {{300, {"127.0.0.1", 1}}};
