@@ -1,5 +1,6 @@
 // What reaches a run of `watch` from outside: typed lines and signals.
 
+#include "panel/requests.h"
 #include "panel/watch_run.h"
 
 #include <csignal>
@@ -65,10 +66,13 @@ void WatchRun::writeTyped(const QString& text)
                               ? text
                               : beginning(text, CellsShown - 4, utf8) + QStringLiteral(" ...");
     controller.write(item.tag.variable, values, [this, shown, item](const Result& result) {
-        const QString outcome = result ? QStringLiteral("written")
-                                       : QStringLiteral("not written: ") +
-                                             describeFailure(result.cause, result.detail,
-                                                             m_session->name(item.controller));
+        const Result told = outcomeOf(result);
+        const QString failure =
+            describeFailure(told.cause, told.detail, m_session->name(item.controller));
+        const bool isKnown = told.detail == result.detail;
+        const QString outcome = told      ? QStringLiteral("written")
+                                : isKnown ? QStringLiteral("not written: ") + failure
+                                          : failure;
         say(shown + QStringLiteral(": ") + outcome);
         if (--m_openWrites == 0 && m_leaves)
             end(m_conditions.isEmpty() ? ExitGood : ExitNotMet);
