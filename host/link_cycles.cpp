@@ -17,8 +17,9 @@ constexpr int MostTags = 1 << 30;
 constexpr Micros RestingInterval = 1000 * PerMs;
 constexpr Micros ShortestInterval = 10 * PerMs;
 
-/// SMW0, the controller's own status: read where nothing else is, to keep up a link.
-ReadBlock probeOf(int station)
+} // namespace
+
+ReadBlock LinkMachine::probeOf(int station)
 {
     ReadBlock probe;
     probe.type = Type_SMW;
@@ -26,8 +27,6 @@ ReadBlock probeOf(int station)
     probe.units = 2;
     return probe;
 }
-
-} // namespace
 
 /// Hands the driver its cyclic list, of the stations that are connected. A failed handshake does
 /// not move the driver on to the next request of that list, so the others do not belong there.
@@ -123,7 +122,7 @@ void LinkMachine::cycleProgress()
         isWaitedFor =
             isWaitedFor || station.hurries || (m_isEmptyCycle && m_requests.hasAny(entry.first));
         // Where nothing is asked, that the connection lasts has to do.
-        if (isReady(station) &&
+        if (isReady(station) && station.isUp &&
             (station.answered || m_now >= station.upSince + LinkHealth::LongestDelay))
             station.health.goodCycle();
         station.answered = false;

@@ -122,6 +122,8 @@ private:
     void beginCycleIfDue();
     void readApart();
     bool isIdle(int number) const;
+    /// SMW0, the controller's own status: read where nothing else is, to keep up a link.
+    static ReadBlock probeOf(int station);
     void cycleProgress();
     bool hasWork() const;
     bool anyReady() const;

@@ -119,12 +119,12 @@ void LinkMachine::linkLost(const RW_VAR& request)
     const bool isApart = request.host_key == ApartKey;
     // The driver's count of failures goes on over good replies, so one refusal may be its last.
     const bool isCertain = std::exchange(m_refusals, 0) > m_settings.retries;
-    if (refused && isWatched && (isCertain || !isApart)) {
-        if (m_watch.refused(blockOf(request), isApart, failure, m_now))
-            station.health.hasLearnt();
-        else
-            station.probeRefused = true; // which shows that the link is good without
-    }
+    // The probe, be it watched besides: which shows that the link is good without.
+    if (refused && isCertain && blockOf(request) == probeOf(number))
+        station.probeRefused = true;
+    if (refused && isWatched && (isCertain || !isApart) &&
+        m_watch.refused(blockOf(request), isApart, failure, m_now))
+        station.health.hasLearnt();
     if (refused && isApart)
         station.nextTrial = m_now + TrialSpacing;
     dropActive(request, failure, refused);

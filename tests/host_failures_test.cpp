@@ -165,6 +165,32 @@ private slots:
             "failed@3        -> close@3; down@3: no connection\n"
             "+500            -> open@3; get V0+2@2\n"
             "ok              -> cycle\n");
+        add("asked for, but never answered: backs off", "",
+            "start           -> open; connecting\n"
+            "failed          -> close; down: no connection\n"
+            "stall 10000     -> open\n"
+            "read VW0        -> \n"
+            "opened          -> connect\n"
+            "ok              -> setup\n"
+            "ok              -> get V0+2\n"
+            "closed          -> close; done: closed; down: closed\n"
+            "+200            -> \n"
+            "+200            -> open\n");
+        add("the probe goes on when something else was refused, and not when it was itself", "",
+            Up +
+                "+500            -> get V0+6\n"
+                "watch SMW0      -> \n"
+                "refuse          -> close; SMW0 link down\n"
+                "watch           -> \n" +
+                Again +
+                "ok              -> get SM0+2\n"
+                "watch SMW0      -> \n"
+                "ok              -> get SM0+2; SMW0 good 0\n"
+                "refuse          -> close; SMW0 link down 0\n" +
+                Again +
+                "ok              -> get SM0+2\n"
+                "refuse          -> close; SMW0 refused 0\n" +
+                Again + "ok              -> cycle\n");
         add("nothing to do: backs off, until it lasts", "no probe",
             begun("") +
                 "ok              -> up; cycle\n"
