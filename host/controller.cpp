@@ -87,11 +87,7 @@ void Controller::Private::endSession()
         return;
     Session* const ended = session.release();
     statistics = ended->machine().statistics();
-    ended->stop(); // a slot may delete all this
-    if (ended->mayBeDeleted())
-        delete ended;
-    else
-        ended->deleteLater();
+    ended->end(); // a slot may delete all this
 }
 
 Controller::Controller(const ControllerSettings& settings, QObject* parent)

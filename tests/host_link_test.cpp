@@ -231,11 +231,15 @@ private slots:
         for (int i = 10; i < 12; ++i)
             QTRY_COMPARE_WITH_TIMEOUT(controllers[std::size_t(i)]->link().cause,
                                       Cause::NoConnection, LongMs);
-        // A completion may stop its own controller, and end it later.
+        // A completion may run an event loop, in which its own controller is ended.
         Controller* const first = controllers.front().release();
         first->read(parsed("VW2"), [first](const Result&) {
-            first->stop();
-            first->deleteLater();
+            QEventLoop loop;
+            QTimer::singleShot(0, &loop, [&loop, first] {
+                delete first;
+                QTimer::singleShot(1, &loop, &QEventLoop::quit);
+            });
+            loop.exec();
         });
         QSignalSpy gone(first, &QObject::destroyed);
         QVERIFY(gone.wait(LongMs));
