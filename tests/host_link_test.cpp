@@ -245,6 +245,23 @@ private slots:
         QVERIFY(gone.wait(LongMs));
     }
 
+    // The loader takes the first copy of the driver for the driver.
+    void manyControllersWhereOnlyTheLoaderFindsTheDriver()
+    {
+        QString error;
+        const QTemporaryDir directory;
+        const QString program = directory.filePath("program");
+        QVERIFY(QFile::copy(QCoreApplication::applicationFilePath(), program));
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("LD_LIBRARY_PATH",
+                           QFileInfo(findDriver(QString(), &error)).absolutePath());
+        QProcess process;
+        process.setProcessEnvironment(environment);
+        process.start(program, {"manyControllers"});
+        QVERIFY(process.waitForFinished(LongMs));
+        QVERIFY2(process.exitCode() == 0, process.readAll().constData());
+    }
+
     void severalStations()
     {
         SimulatorThread second(plainSimulator());
@@ -341,9 +358,12 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(rig.shown(2), QString("0"), LongMs);
         QCOMPARE(rig.shown(0) + ' ' + rig.shown(1), QString("never read never read"));
         QVector<Cause> causes;
+        const auto done = [&](const Result& result) { causes.append(result.cause); };
         for (const Variable& variable : {Variable(), tooLong})
-            rig.controller->read(variable, [&](const Result& r) { causes.append(r.cause); });
+            rig.controller->read(variable, done);
         QTRY_COMPARE_WITH_TIMEOUT(causes, QVector<Cause>(2, Cause::Invalid), LongMs);
+        Controller(rig.settings).read(parsed("VW0"), done); // told before it is gone
+        QCOMPARE(causes.value(2), Cause::Stopped);
         QTemporaryFile file;
         ControllerSettings settings;
         settings.driverFile = file.open() ? file.fileName() : QString();
