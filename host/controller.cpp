@@ -56,7 +56,7 @@ void Controller::Private::request(const Variable& variable, const QVector<quint3
                                   const Done& done)
 {
     if (!session) {
-        failLater(done, Cause::Stopped, QStringLiteral("stopped"));
+        failLater(done, Cause::Stopped, QStringLiteral("not started"));
         return;
     }
     RequestPtr request(new Request);
@@ -129,6 +129,11 @@ bool Controller::start(QString* error)
 {
     if (d->session)
         return true;
+    if (d->settings.stations.isEmpty() && d->settings.endpoint.host.isEmpty()) {
+        if (error)
+            *error = QStringLiteral("the controller's host is not set");
+        return false;
+    }
     std::unique_ptr<Session> session(new Session(d->settings));
     connect(session.get(), &Session::linkChanged, this, &Controller::linkChanged);
     connect(session.get(), &Session::valuesChanged, this, &Controller::valuesChanged);

@@ -1,12 +1,10 @@
 #include <s7200host/controller_file.h>
 
 #include "host/csv.h"
-#include "host/element_text.h"
+#include "host/endpoint_text.h"
 #include "wire/s7_fields.h"
 
 #include <QHash>
-
-#include <algorithm>
 
 namespace s7200
 {
@@ -16,8 +14,6 @@ namespace
 
 constexpr int LongestMs = 24 * 60 * 60 * 1000;
 constexpr int MostRetries = 1000;
-// They separate names from what else stands where a variable may.
-const char* const NotInNames = "*?=:<>!,@";
 
 enum Column {
     NameColumn,
@@ -48,19 +44,15 @@ public:
     {
         ControllerSettings settings = defaults;
         settings.name = m_row.fields.at(NameColumn);
-        const bool bad = std::any_of(settings.name.begin(), settings.name.end(),
-                                     [](QChar c) { return QLatin1String(NotInNames).contains(c); });
-        if (settings.name.isEmpty())
-            fault(QStringLiteral("the name is missing"));
-        else if (bad || hasHidden(settings.name))
-            fault(QStringLiteral("%1 cannot be a name; none of %2 may be in it")
-                      .arg(quoted(settings.name), QLatin1String(NotInNames)));
+        const QString wrongName = faultOfName(settings.name);
+        if (!wrongName.isEmpty())
+            fault(wrongName);
         settings.endpoint.host = m_row.fields.at(HostColumn);
         if (settings.endpoint.host.isEmpty())
             fault(QStringLiteral("the host is missing"));
-        else if (settings.endpoint.host.contains(QLatin1Char(' ')) ||
-                 hasHidden(settings.endpoint.host))
-            fault(QStringLiteral("%1 is no host").arg(quoted(settings.endpoint.host)));
+        else if (!isHost(settings.endpoint.host))
+            fault(QStringLiteral("%1 is no host's name or address; a port stands in column port")
+                      .arg(quoted(settings.endpoint.host)));
         int port = settings.endpoint.port;
         number(PortColumn, 1, 65535, &port);
         settings.endpoint.port = quint16(port);

@@ -36,6 +36,7 @@ public:
             return;
         if (!m_open)
             m_row.line = m_line;
+        m_row.separator = m_delimiter;
         m_open = true;
         const auto length = std::size_t(line.size());
         if (csv_parse(&m_parser, line.constData(), length, takeField, takeRow, this) != length)
@@ -157,11 +158,21 @@ char delimiterOf(const QByteArray& csv)
     return ',';
 }
 
+/// A line "sep=;" before the header, with which spreadsheets tell each other the separator.
+bool beginsWithSeparator(const QByteArray& csv)
+{
+    return csv.left(4).toLower() == "sep=" && QByteArray(";,\t").contains(csv.mid(4, 1)) &&
+           (csv.mid(5, 1) == "\n" || csv.mid(5, 2) == "\r\n");
+}
+
 QVector<CsvRow> rawRows(QByteArray csv, Faults* faults)
 {
     if (csv.startsWith("\xEF\xBB\xBF"))
         csv.remove(0, 3);
-    Parser parser(delimiterOf(csv), faults);
+    const bool isTold = beginsWithSeparator(csv);
+    Parser parser(isTold ? csv.at(4) : delimiterOf(csv), faults);
+    if (isTold)
+        csv.remove(0, csv.indexOf('\n')); // an empty line is left
     for (int from = 0; from < int(csv.size());) {
         const int end = int(csv.indexOf('\n', from));
         const int next = end < 0 ? int(csv.size()) : end + 1;

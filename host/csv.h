@@ -23,6 +23,7 @@ struct CsvColumn {
 
 struct CsvRow {
     int line = 0;       ///< Of the file, from 1.
+    char separator = 0; ///< Of its fields.
     QStringList fields; ///< One for each CsvColumn; empty where the file has none.
 };
 

@@ -54,6 +54,9 @@ quint32 elementOfReal(float real);
 /// The shortest text that reads back as the same single.
 QString realText(float real);
 
+/// As Decimal::parse(), but of more places behind the point than it holds the rest is `cut` off.
+std::optional<Decimal> parseDecimal(const QString& text, bool* cut);
+
 /// 0x and 0b: the bits themselves. Nothing if the text is of another kind or does not fit.
 std::optional<quint32> parseBits(Width width, const QString& text);
 bool hasBitPrefix(const QString& text);

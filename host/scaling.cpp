@@ -1,5 +1,9 @@
 #include <s7200host/scaling.h>
 
+#include "host/element_text.h"
+
+#include <QRegularExpression>
+
 #include <algorithm>
 #include <cmath>
 
@@ -9,7 +13,6 @@ namespace s7200
 namespace
 {
 
-constexpr int MostDigits = 18;
 // With these, number * scale + offset and value - offset stay within 64 bits.
 constexpr qint64 MostScale = 1000000000;
 constexpr qint64 MostOffset = 4000000000000000000;
@@ -48,57 +51,39 @@ void stripZeros(Decimal* decimal)
     }
 }
 
-/// Takes digits, and those behind a point or comma. Nothing if anything else is among them.
-std::optional<Decimal> parseDigits(const QString& text)
-{
-    Decimal decimal;
-    bool any = false;
-    bool point = false;
-    for (const QChar c : text) {
-        if (!point && (c == QLatin1Char('.') || c == QLatin1Char(','))) {
-            point = true;
-            continue;
-        }
-        if (c < QLatin1Char('0') || c > QLatin1Char('9') ||
-            decimal.digits >= powerOfTen(MostDigits - 1))
-            return std::nullopt;
-        any = true;
-        decimal.digits = 10 * decimal.digits + (c.unicode() - '0');
-        decimal.places += point ? 1 : 0;
-    }
-    return any ? std::optional<Decimal>(decimal) : std::nullopt;
-}
-
 } // namespace
+
+std::optional<Decimal> parseDecimal(const QString& text, bool* cut)
+{
+    static const QRegularExpression form(
+        QStringLiteral("^([+-]?)([0-9]*)(?:[.,]([0-9]*))?(?:e([+-]?[0-9]{1,4}))?$"));
+    const QRegularExpressionMatch match = form.match(text.trimmed().toLower());
+    QString digits = match.captured(2) + match.captured(3);
+    if (digits.isEmpty())
+        return std::nullopt;
+    int places = int(match.captured(3).size()) - match.captured(4).toInt();
+    for (*cut = false; places > Decimal::MostPlaces && !digits.isEmpty(); --places) {
+        *cut = *cut || !digits.endsWith(QLatin1Char('0'));
+        digits.chop(1);
+    }
+    while (digits.startsWith(QLatin1Char('0')))
+        digits.remove(0, 1);
+    if (digits.isEmpty())
+        return Decimal();
+    if (digits.size() - std::min(0, places) > Decimal::MostDigits)
+        return std::nullopt;
+    Decimal decimal = {digits.toLongLong() * powerOfTen(-places), std::max(0, places)};
+    stripZeros(&decimal);
+    if (match.captured(1) == QLatin1String("-"))
+        decimal.digits = -decimal.digits;
+    return decimal;
+}
 
 std::optional<Decimal> Decimal::parse(const QString& text)
 {
-    const QString trimmed = text.trimmed().toLower();
-    const bool negative = trimmed.startsWith(QLatin1Char('-'));
-    const bool sign = negative || trimmed.startsWith(QLatin1Char('+'));
-    bool ok = true;
-    int exponent = 0;
-    if (trimmed.contains(QLatin1Char('e')))
-        exponent = trimmed.section(QLatin1Char('e'), 1).toInt(&ok);
-    std::optional<Decimal> decimal =
-        parseDigits(trimmed.section(QLatin1Char('e'), 0, 0).mid(sign ? 1 : 0));
-    if (!decimal || !ok || std::abs(exponent) > MostDigits)
-        return std::nullopt;
-    stripZeros(&*decimal);
-    decimal->places -= exponent;
-    if (decimal->places < 0) {
-        const qint64 power = powerOfTen(std::min(MostDigits, -decimal->places));
-        if (decimal->digits > (powerOfTen(MostDigits) - 1) / power)
-            return std::nullopt;
-        decimal->digits *= power;
-        decimal->places = 0;
-    }
-    stripZeros(&*decimal);
-    if (decimal->places > MostPlaces)
-        return std::nullopt;
-    if (negative)
-        decimal->digits = -decimal->digits;
-    return decimal;
+    bool cut = false;
+    const std::optional<Decimal> decimal = parseDecimal(text, &cut);
+    return cut ? std::nullopt : decimal;
 }
 
 QString Decimal::text() const

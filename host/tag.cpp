@@ -114,8 +114,16 @@ std::optional<quint32> parseScaledNumber(const Tag& tag, const QString& text, QS
         return (inOrder ? first : second).text() + QLatin1String(joined) +
                (inOrder ? second : first).text();
     };
-    const std::optional<Decimal> value = Decimal::parse(text);
-    const Scaling::Inverse inverse = value ? tag.scaling.invert(*value) : Scaling::Inverse();
+    bool cut = false;
+    const std::optional<Decimal> value = parseDecimal(text, &cut);
+    Scaling::Inverse inverse = value ? tag.scaling.invert(*value) : Scaling::Inverse();
+    if (cut && inverse.exact) {
+        // What was cut off is beyond it, away from 0.
+        const bool more =
+            text.trimmed().startsWith(QLatin1Char('-')) == (tag.scaling.scale().digits < 0);
+        (more ? inverse.upper : inverse.lower) += more ? 1 : -1;
+        inverse.exact = false;
+    }
     if (!value || !range.holds(inverse.lower) || !range.holds(inverse.upper))
         *error =
             cannotTake(tag.label(), text,

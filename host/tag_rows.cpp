@@ -3,6 +3,7 @@
 #include "host/element_text.h"
 
 #include <QHash>
+#include <QRegularExpression>
 
 #include <algorithm>
 
@@ -52,8 +53,9 @@ public:
     {
     }
 
-    TagRow read()
+    TagValue read()
     {
+        m_tag.line = m_row.line;
         readName();
         readController();
         readAddress();
@@ -72,7 +74,7 @@ public:
                       .arg(m_tag.low->text(), m_tag.high->text()));
         if (m_withValues && m_hasAddress)
             readValue();
-        return {m_row.line, m_tag, m_elements};
+        return {m_tag, m_elements};
     }
 
 private:
@@ -135,15 +137,32 @@ private:
             fault(error);
     }
 
+    /// True for "1,000", which is a thousand where commas separate fields, and 1 elsewhere.
+    bool isAmbiguous(const QString& text)
+    {
+        static const QRegularExpression grouped(QStringLiteral("^[+-]?[1-9][0-9]{0,2},[0-9]{3}$"));
+        if (m_row.separator != ',' || !grouped.match(text).hasMatch())
+            return false;
+        fault(QStringLiteral("%1 may be %2 or %3; write that")
+                  .arg(quoted(text), QString(text).remove(QLatin1Char(',')),
+                       QString(text).replace(QLatin1Char(','), QLatin1Char('.'))));
+        return true;
+    }
+
     std::optional<Decimal> decimal(Column column)
     {
         const QString& text = field(column);
+        if (isAmbiguous(text))
+            return std::nullopt;
         const std::optional<Decimal> number = Decimal::parse(text);
         if (!number && !text.isEmpty())
-            fault(QStringLiteral("%1 is a number, of at most %2 digits behind the point, not %3")
-                      .arg(QLatin1String(tagColumns(false).at(column).name))
-                      .arg(Decimal::MostPlaces)
-                      .arg(quoted(text)));
+            fault(
+                QStringLiteral("%1 is a number of at most %2 digits, %3 of them behind the point, "
+                               "not %4")
+                    .arg(QLatin1String(tagColumns(false).at(column).name))
+                    .arg(Decimal::MostDigits)
+                    .arg(Decimal::MostPlaces)
+                    .arg(quoted(text)));
         return number;
     }
 
@@ -157,10 +176,11 @@ private:
             fault(error);
         m_tag.scaling = scaling.value_or(Scaling());
         const QString& decimals = field(DecimalsColumn);
-        bool ok = true;
+        bool ok = false;
         if (!decimals.isEmpty())
             m_tag.decimals = decimals.toInt(&ok);
-        if (!ok || m_tag.decimals > Decimal::MostPlaces || m_tag.decimals < -1)
+        if (!decimals.isEmpty() &&
+            (!ok || m_tag.decimals < 0 || m_tag.decimals > Decimal::MostPlaces))
             fault(QStringLiteral("decimals is 0 to %1, not %2")
                       .arg(Decimal::MostPlaces)
                       .arg(quoted(decimals)));
@@ -178,6 +198,8 @@ private:
     void readValue()
     {
         QString text = field(ValueColumn);
+        if (m_tag.variable.repeat == 1 && isAmbiguous(text))
+            return;
         // Of several elements a comma separates them; of one it can only be a decimal comma.
         if (m_tag.variable.repeat == 1 && text.count(QLatin1Char(',')) == 1)
             text.replace(QLatin1Char(','), QLatin1Char('.'));
@@ -204,22 +226,22 @@ QString keyOf(const Tag& tag)
 
 } // namespace
 
-QVector<TagRow> readTagRows(const QByteArray& csv, const QStringList* controllers, bool withValues,
-                            Faults* faults)
+QVector<TagValue> readTagRows(const QByteArray& csv, const QStringList* controllers,
+                              bool withValues, Faults* faults)
 {
-    QVector<TagRow> rows;
+    QVector<TagValue> rows;
     QHash<QString, int> lines;
     for (const CsvRow& csvRow : readCsv(csv, tagColumns(withValues), faults)) {
         const int before = faults->count();
-        const TagRow row = RowReader(csvRow, controllers, withValues, faults).read();
+        const TagValue row = RowReader(csvRow, controllers, withValues, faults).read();
         if (faults->count() > before)
             continue;
         int& line = lines[keyOf(row.tag)];
         if (line != 0)
-            faults->add(row.line, QStringLiteral("%1 is already that of line %2")
-                                      .arg(quoted(row.tag.label()))
-                                      .arg(line));
-        line = row.line;
+            faults->add(csvRow.line, QStringLiteral("%1 is already that of line %2")
+                                         .arg(quoted(row.tag.label()))
+                                         .arg(line));
+        line = csvRow.line;
         rows.append(row);
     }
     return rows;

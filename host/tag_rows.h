@@ -3,7 +3,7 @@
 
 #include "host/csv.h"
 
-#include <s7200host/tag.h>
+#include <s7200host/value_file.h>
 
 #include <QByteArray>
 #include <QStringList>
@@ -12,16 +12,10 @@
 namespace s7200
 {
 
-/// A row of a tag file, or of a value file, which has one column more.
-struct TagRow {
-    int line = 0;
-    Tag tag;
-    QVector<quint32> elements; ///< The value, if there is one.
-};
-
-/// The good rows. In a file with values a name may be missing.
-QVector<TagRow> readTagRows(const QByteArray& csv, const QStringList* controllers, bool withValues,
-                            Faults* faults);
+/// The good rows of a tag file, without elements, or of a value file, which has one column more and
+/// in which a name may be missing.
+QVector<TagValue> readTagRows(const QByteArray& csv, const QStringList* controllers,
+                              bool withValues, Faults* faults);
 
 } // namespace s7200
 

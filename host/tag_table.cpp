@@ -43,10 +43,12 @@ std::optional<TagTable> TagTable::parse(const QByteArray& csv, const QString& fi
 {
     Faults faults(file);
     TagTable table;
-    for (const TagRow& row : readTagRows(csv, controllers, false, &faults)) {
+    for (const TagValue& row : readTagRows(csv, controllers, false, &faults)) {
         table.m_byName[row.tag.name.toLower()].append(int(table.m_tags.size()));
         table.m_tags.append(row.tag);
     }
+    if (faults.count() == 0 && table.m_tags.isEmpty())
+        faults.addFile(QStringLiteral("there is no tag in it"));
     return faults.report(errors) ? std::optional<TagTable>(table) : std::nullopt;
 }
 
@@ -58,9 +60,19 @@ const QVector<Tag>& TagTable::tags() const
 QVector<Tag> TagTable::named(const QString& name, const QString* controller) const
 {
     QVector<Tag> found;
-    const auto take = [&](const Tag& tag) {
-        if (!controller || tag.controller.compare(*controller, Qt::CaseInsensitive) == 0)
-            found.append(tag);
+    const auto isOwn = [&](const Tag& tag) {
+        return tag.controller.compare(*controller, Qt::CaseInsensitive) == 0;
+    };
+    const auto take = [&](Tag tag) {
+        if (controller && !isOwn(tag)) {
+            // A tag of no controller is one of each that has none of that name.
+            const QVector<int> alike = m_byName.value(tag.name.toLower());
+            if (!tag.controller.isEmpty() ||
+                std::any_of(alike.begin(), alike.end(), [&](int i) { return isOwn(m_tags.at(i)); }))
+                return;
+            tag.controller = *controller;
+        }
+        found.append(tag);
     };
     for (const int index : m_byName.value(name.toLower()))
         take(m_tags.at(index));
@@ -89,10 +101,18 @@ QVector<Tag> TagTable::lookup(const QString& text, QString* error) const
         *error = QStringLiteral("no tag is named like %1").arg(quoted(wanted));
         return {};
     }
+    const QVector<Tag> elsewhere = named(name, nullptr);
+    if (!elsewhere.isEmpty()) {
+        // Not the address that may be spelt alike: T1, a timer's bit, is no temperature.
+        *error = QStringLiteral("%1: that tag is one of %2")
+                     .arg(quoted(wanted), elsewhere.first().controller);
+        return {};
+    }
     if (parseVariable(name, &tag.variable, error))
         return {tag};
-    if (!m_tags.isEmpty())
-        *error = QStringLiteral("%1 is no tag; as a variable, %2").arg(quoted(wanted), *error);
+    const QString reason = error->mid(quoted(name).size());
+    *error = quoted(wanted) +
+             (m_tags.isEmpty() ? QString() : QStringLiteral(" is no tag; as a variable")) + reason;
     return {};
 }
 

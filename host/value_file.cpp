@@ -32,9 +32,7 @@ std::optional<QVector<TagValue>> parseValueFile(const QByteArray& csv, const QSt
                                                 const QStringList* controllers, QStringList* errors)
 {
     Faults faults(file);
-    QVector<TagValue> values;
-    for (const TagRow& row : readTagRows(csv, controllers, true, &faults))
-        values.append({row.tag, row.elements});
+    const QVector<TagValue> values = readTagRows(csv, controllers, true, &faults);
     return faults.report(errors) ? std::optional<QVector<TagValue>>(values) : std::nullopt;
 }
 

@@ -365,14 +365,14 @@ QString variableHelp()
 {
     return QStringLiteral(
         "A VARIABLE is NAME[xCOUNT][@STATION][/FORMAT], in upper or lower case:\n"
-        "  bits          I0.3 Q0.0 M10.7 S0.1 SM0.5 V10.3, T37 C5 (timer and counter bits)\n"
+        "  bits          I0.3 Q0.0 M10.7 S0.1 SM0.5 V10.3, timers' and counters' T37 C5\n"
         "  bytes         IB0 QB0 MB3 SB0 SMB28 VB7\n"
-        "  words         IW0 QW0 MW2 SW0 SMW22 VW100, AIW2 AQW0, TV37 CV5 (current values)\n"
+        "  words         IW0 QW0 MW2 SW0 SMW22 VW100, AIW2 AQW0, current values TV37 CV5\n"
         "  double words  ID0 QD0 MD4 SD0 SMD38 VD4\n"
         "  xCOUNT        that many in a row: VW100x4 is VW100, VW102, VW104 and VW106\n"
-        "  @STATION      the controller's station (0 to 255), with --controller STATION=HOST\n"
-        "  /FORMAT       unsigned (the default), signed, hex, binary, float (double words only),\n"
-        "                or the first letter: VD4/f\n");
+        "  @STATION      the controller's station, 0 to 255: --controller STATION=HOST\n"
+        "  /FORMAT       unsigned (the default), signed, hex, binary, for double words\n"
+        "                float; or the first letter: VD4/f\n");
 }
 
 } // namespace s7200

@@ -1,5 +1,7 @@
 #include "panel/command_line.h"
 
+#include "host/endpoint_text.h"
+
 #include <s7200host/controller_file.h>
 
 #include <algorithm>
@@ -117,7 +119,7 @@ bool parseEndpoint(const QString& text, Endpoint* endpoint)
         if (!ok || endpoint->port == 0 || !port.startsWith(QLatin1Char(':')))
             return false;
     }
-    return !host.isEmpty() && !host.contains(QLatin1Char(' '));
+    return isHost(host);
 }
 
 bool CommandLine::parse(const Command& command, const QStringList& arguments, QString* help,
@@ -231,16 +233,18 @@ bool CommandLine::addController(const QString& text, const ControllerSettings& d
 {
     ControllerSettings settings = defaults;
     const auto equals = text.indexOf(QLatin1Char('='));
-    if (equals >= 0)
-        settings.name = text.left(equals);
-    if (equals == 0 || settings.name.contains(QLatin1Char(':')) ||
-        settings.name.contains(QLatin1Char(' ')) ||
-        !parseEndpoint(text.mid(equals + 1), &settings.endpoint)) {
-        *error = QStringLiteral("--controller takes [NAME=]HOST[:PORT], not ") + quoted(text);
-        return false;
+    if (equals >= 0) {
+        settings.name = text.left(equals).trimmed();
+        *error = faultOfName(settings.name);
     }
+    if (error->isEmpty() && !parseEndpoint(text.mid(equals + 1).trimmed(), &settings.endpoint))
+        *error = QStringLiteral("HOST is a name or an address (IPv6 with a port in brackets), "
+                                "PORT 1 to 65535");
+    if (!error->isEmpty())
+        *error = QStringLiteral("--controller takes [NAME=]HOST[:PORT], not %1; %2")
+                     .arg(quoted(text), *error);
     m_controllers.append(settings);
-    return true;
+    return error->isEmpty();
 }
 
 bool CommandLine::readControllers(const ControllerSettings& defaults, QString* error)

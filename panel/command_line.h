@@ -8,6 +8,7 @@
 
 #include <QCommandLineParser>
 #include <QHash>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QVector>
@@ -74,7 +75,8 @@ public:
     bool force() const;        ///< Existing files may be overwritten.
 
     /// What operands name: tags by name or pattern, variables by address, each also behind
-    /// CONTROLLER and a colon. Appends to `items`. False with a one-line `error`.
+    /// CONTROLLER and a colon. Appends to `items`. False with an `error` of a line for each that
+    /// names nothing.
     bool resolve(const QStringList& texts, QVector<Item>* items, QString* error);
 
     /// All tags of --tags, in the file's order.
@@ -88,6 +90,9 @@ public:
     bool resolveAssignment(const QString& text, Item* item, QVector<quint32>* values,
                            QString* error);
 
+    /// True if an item was resolved that is on it: no other needs to be connected.
+    bool isNamed(int controller) const;
+
     const TagTable& tags() const;
 
 private:
@@ -99,12 +104,14 @@ private:
     bool readTags(QString* error);
     bool place(const Tag& tag, Item* item, QString* error);
     bool indexControllers(QString* error);
-    int controllerOf(const QString& name, QString* error);
+    int controllerOf(const Tag& tag, QString* error);
+    bool placeAtStation(const Tag& tag, int* station, QString* error) const;
 
     QCommandLineParser m_parser;
     unsigned m_takes = 0;
     QVector<ControllerSettings> m_controllers;
     QHash<QString, int> m_byName; ///< Indexes in m_controllers, by name in lower case.
+    QSet<int> m_named;            ///< Of m_controllers, by index.
     ControllerSettings m_defaults;
     TagTable m_tags;
 };

@@ -3,6 +3,7 @@
 #include "panel/frame_text.h"
 #include "panel/messages.h"
 #include "panel/request_preview.h"
+#include "panel/requests.h"
 
 #include <algorithm>
 
@@ -15,9 +16,10 @@ namespace
 const char* const Description =
     "Shows which requests the driver will send for these variables, without any\n"
     "controller: the driver itself is asked, and given perfect replies. One line a\n"
-    "request: what it reads, its reply's bytes, of them those in gaps that nobody asked\n"
-    "for, the reply's PDU length, and whom it serves. Then, for each controller, the\n"
-    "requests of a cycle and how long it takes at a given round-trip time.";
+    "request: what it reads, its reply's bytes, of them those in gaps that nobody\n"
+    "asked for, the reply's PDU length, and whom it serves. Then, for each\n"
+    "controller, the requests of a cycle and how long it takes at a given round-trip\n"
+    "time.";
 
 constexpr int GrantedPdu = 240; // what the module grants and the driver asks for
 constexpr int MostNames = 6;    // in a line
@@ -118,7 +120,7 @@ int run(CommandLine& line)
     if (!readRoundTrip(line, &roundTripMs, &error) ||
         !line.resolve(line.operands(), &items, &error) ||
         (items.isEmpty() && !line.resolveAllTags(&items, &error)))
-        return usageError(error);
+        return usageErrors(error);
     if (items.isEmpty())
         return usageError(QStringLiteral("name at least one variable, as in VW100"));
     const QVector<ControllerSettings>& controllers = line.controllers();

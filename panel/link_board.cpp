@@ -23,6 +23,12 @@ void LinkBoard::add(int controller, int station, const QString& name)
     m_links.append({controller, station, name, LinkReport(name), LinkStatus(), 0, false, false});
 }
 
+bool LinkBoard::has(int controller) const
+{
+    return std::any_of(m_links.begin(), m_links.end(),
+                       [&](const Link& link) { return link.controller == controller; });
+}
+
 const LinkBoard::Link* LinkBoard::find(int controller, int station) const
 {
     const auto found = std::find_if(m_links.begin(), m_links.end(), [&](const Link& link) {

@@ -16,6 +16,8 @@ public:
     /// `station` -1: the controller has only one.
     void add(int controller, int station, const QString& name);
 
+    bool has(int controller) const;
+
     /// A change of a link's state; gives what is to be said, a line or nothing. Times are
     /// milliseconds that only grow.
     QString hear(int controller, const LinkStatus& status, qint64 nowMs);

@@ -2,6 +2,8 @@
 
 #include "panel/command_line.h"
 
+#include "host/endpoint_text.h"
+
 namespace s7200::panel
 {
 
@@ -18,73 +20,97 @@ QString controllerNameOf(const Tag& tag)
 
 } // namespace
 
-int CommandLine::controllerOf(const QString& name, QString* error)
+int CommandLine::controllerOf(const Tag& tag, QString* error)
 {
+    const QString name = controllerNameOf(tag);
     const auto known = m_byName.constFind(name.toLower());
     if (known != m_byName.constEnd())
         return known.value();
     if (name.isEmpty() && m_controllers.size() == 1 && !simulated())
         return 0;
-    if (simulated() || (m_takes & TakesControllers) == 0) {
+    const QString wrongName = name.isEmpty() ? QString() : faultOfName(name);
+    if (wrongName.isEmpty() && (simulated() || (m_takes & TakesControllers) == 0)) {
         ControllerSettings settings = m_defaults;
         settings.name = name;
         m_byName.insert(name.toLower(), int(m_controllers.size()));
         m_controllers.append(settings);
         return int(m_controllers.size()) - 1;
     }
-    *error = name.isEmpty() ? QStringLiteral("say on which of the controllers, as in %1:VW100")
-                                  .arg(m_controllers.first().name)
-                            : QStringLiteral("no controller is named %1; give --controller %2=HOST")
-                                  .arg(quoted(name), name);
+    if (name.isEmpty())
+        *error = QStringLiteral("say on which of the controllers, as in %1:%2")
+                     .arg(m_controllers.first().name, tag.label());
+    else if (!wrongName.isEmpty())
+        *error = wrongName;
+    else
+        *error = QStringLiteral("no controller is named %1; give --controller %2=HOST")
+                     .arg(quoted(name), name);
     return -1;
+}
+
+/// The station behind the one driver, -1 for the default one.
+bool CommandLine::placeAtStation(const Tag& tag, int* station, QString* error) const
+{
+    const QString name = controllerNameOf(tag);
+    bool isNumber = true;
+    *station = name.isEmpty() ? -1 : name.toInt(&isNumber);
+    if (tag.variable.isLatched())
+        *error = QStringLiteral("timer and counter bits cannot be read with --one-driver; read the "
+                                "value, as in %1V%2")
+                     .arg(QLatin1String(tag.variable.area->name))
+                     .arg(tag.variable.address);
+    else if (!isNumber || (*station >= 0 && !m_controllers.first().stations.contains(*station)))
+        *error = QStringLiteral("no controller is station %1; give --controller %2=HOST")
+                     .arg(quoted(name), name);
+    return error->isEmpty();
 }
 
 bool CommandLine::place(const Tag& tag, Item* item, QString* error)
 {
+    error->clear();
     item->tag = tag;
-    const QString name = controllerNameOf(tag);
-    if (oneDriver() && !simulated()) {
-        // The driver tells the stations apart.
-        bool isNumber = true;
-        const int station = name.isEmpty() ? -1 : name.toInt(&isNumber);
-        item->controller = 0;
-        if (tag.variable.isLatched()) {
-            *error = QStringLiteral("%1: timer and counter bits cannot be read with --one-driver; "
-                                    "read the value, as in %2V%3")
-                         .arg(tag.label(), QLatin1String(tag.variable.area->name))
-                         .arg(tag.variable.address);
-            return false;
-        }
-        item->tag.variable.station = station;
-        if (isNumber && (station < 0 || m_controllers.first().stations.contains(station)))
-            return true;
-        *error = QStringLiteral("no controller is station %1; give --controller %2=HOST")
-                     .arg(quoted(name), name);
-    } else {
-        item->controller = controllerOf(name, error);
-        item->tag.variable.station = -1;
-        if (item->controller >= 0)
-            return true;
+    item->tag.variable.station = -1;
+    const bool atStation = tag.variable.station >= 0 && !tag.controller.isEmpty();
+    if (atStation && tag.controller != QString::number(tag.variable.station))
+        *error = QStringLiteral("that is controller %1 and, by its address, station %2")
+                     .arg(quoted(tag.controller))
+                     .arg(tag.variable.station);
+    else if (oneDriver() && !simulated())
+        placeAtStation(tag, &item->tag.variable.station, error);
+    else
+        item->controller = controllerOf(tag, error);
+    if (error->isEmpty()) {
+        m_named.insert(item->controller);
+        return true;
     }
-    *error = tag.label() + QStringLiteral(": ") + *error;
+    const QString line = tag.line > 0 ? QStringLiteral(" (line %1)").arg(tag.line) : QString();
+    *error = tag.label() + line + QStringLiteral(": ") + *error;
     return false;
 }
 
 bool CommandLine::resolve(const QStringList& texts, QVector<Item>* items, QString* error)
 {
     QVector<Tag> found;
+    QStringList errors;
     for (const QString& text : texts) {
         const QVector<Tag> meant = m_tags.lookup(text, error);
         if (meant.isEmpty())
-            return false;
+            errors.append(*error);
         found += meant;
     }
-    return resolveTags(found, items, error);
+    if (!resolveTags(found, items, error))
+        errors.append(*error);
+    *error = errors.join(QLatin1Char('\n'));
+    return errors.isEmpty();
 }
 
 bool CommandLine::resolveAllTags(QVector<Item>* items, QString* error)
 {
     return resolveTags(m_tags.tags(), items, error);
+}
+
+bool CommandLine::isNamed(int controller) const
+{
+    return m_named.contains(controller);
 }
 
 bool CommandLine::resolveTags(const QVector<Tag>& tags, QVector<Item>* items, QString* error)

@@ -20,9 +20,9 @@ const char* const Description =
     "Connects, shakes hands and reads the controller's status word (SMW0) some times,\n"
     "step by step: name look-up, TCP connection, TPDU connection (TSAPs), setup\n"
     "communication, read. Says which step failed and what usually causes it; prints\n"
-    "what was granted, each round trip, and their minimum, median, 99th percentile and\n"
-    "maximum. With --remote there is no handshake: the reads follow the TCP connection.\n"
-    "It takes one of the module's connections while it runs.";
+    "what was granted, each round trip, and their minimum, median, 99th percentile\n"
+    "and maximum. With --remote there is no handshake: the reads follow the TCP\n"
+    "connection. It takes one of the module's connections while it runs.";
 
 QString milliseconds(qint64 microseconds)
 {

@@ -5,6 +5,7 @@
 #include "panel/frame_text.h"
 #include "panel/messages.h"
 #include "panel/replay.h"
+#include "panel/requests.h"
 #include "wire/s7_fields.h"
 
 #include <algorithm>
@@ -147,6 +148,9 @@ bool readCapture(const QString& fileName, QVector<Conversation>* conversations, 
         streams.add(*segment);
     if (!reader->error().isEmpty())
         complain(reader->error());
+    if (reader->cutFrames() > 0)
+        complain(QStringLiteral("only the beginning of %1 was captured; capture whole ones")
+                     .arg(counted(quint64(reader->cutFrames()), "frame")));
     const QVector<wire::StreamEvent> events = streams.finish();
     *conversations = conversationsOf(events, streams.connections());
     if (conversations->isEmpty())
@@ -170,7 +174,7 @@ int run(CommandLine& line)
         !line.resolve(operands, &items, &error) ||
         (items.isEmpty() && !line.resolveAllTags(&items, &error)) ||
         !readCapture(fileName, &conversations, &error))
-        return usageError(error);
+        return usageErrors(error);
     settings.driverFile = line.driverFile();
     QVector<Variable> variables;
     for (const Item& item : items)

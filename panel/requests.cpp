@@ -175,6 +175,13 @@ QVector<Result> readItems(const Session& session, const QVector<Item>& items, co
     return results;
 }
 
+Result outcomeOf(const Result& result)
+{
+    if (result || !result.wasSent || result.cause == Cause::Refused)
+        return result;
+    return withDetail(result, "sent, but whether it was written is not known: ");
+}
+
 QVector<Written> writeJobs(const Session& session, const QVector<Job>& jobs, bool verify)
 {
     QVector<Written> all(jobs.size());
@@ -182,10 +189,7 @@ QVector<Written> writeJobs(const Session& session, const QVector<Job>& jobs, boo
         Batch batch(session, "written", int(jobs.size()));
         for (int i = 0; i < int(jobs.size()); ++i) {
             batch.write(jobs.at(i).item.controller, jobs.at(i), [&, i](const Result& result) {
-                const bool isKnown = result || !result.wasSent || result.cause == Cause::Refused;
-                all[i].result = isKnown ? result
-                                        : withDetail(result, "sent, but whether it was written is "
-                                                             "not known: ");
+                all[i].result = outcomeOf(result);
                 batch.finishOne();
             });
         }

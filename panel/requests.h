@@ -31,6 +31,9 @@ QVector<Result> readItems(const Session& session, const QVector<Item>& items,
 /// read back then, also where no good answer has come.
 QVector<Written> writeJobs(const Session& session, const QVector<Job>& jobs, bool verify);
 
+/// A write's result, with a detail that says so if nobody knows whether it was carried out.
+Result outcomeOf(const Result& result);
+
 /// Runs the body of a command with all controllers of the line started, and gives the status that
 /// counts: that of the body, an earlier one if there was a signal, ExitOutput if output could not
 /// be written. The trace is looked at when the session ends.

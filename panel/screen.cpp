@@ -1,5 +1,7 @@
 #include "panel/screen.h"
 
+#include <QSet>
+
 namespace s7200::panel
 {
 
@@ -28,6 +30,7 @@ constexpr int Head = -1; ///< The line above a dump, with its name and age.
 /// Widths of the columns; 0: left out.
 struct Columns {
     int label = 0;
+    int tail = 0; ///< Of a label too long, the cells of its end that are shown.
     int marks = 1;
     int value = 0;
     int unit = 0;
@@ -66,6 +69,7 @@ private:
     int dumpLine(const WatchedRow& row) const;
     int linesOf(const WatchedRow& row) const;
     QVector<Place> placesFrom(int top, int count) const;
+    int tailFor(const QVector<Place>& places, int width) const;
     Columns columnsFor(const QVector<Place>& places) const;
     ScreenLine header(const Columns& columns) const;
     ScreenLine elementLine(const WatchedRow& row, int element, const Columns& columns) const;
@@ -82,6 +86,10 @@ private:
     QString toLeft(const QString& text, int width) const
     {
         return toTheLeft(text, width, m_shape.utf8);
+    }
+    QString nameText(const QString& text, const Columns& columns) const
+    {
+        return toLeft(shortened(text, columns.label, columns.tail, m_shape.utf8), columns.label);
     }
     QString toRight(const QString& text, int width) const
     {
@@ -241,6 +249,25 @@ QString Layout::valueOf(const WatchedRow& row, int element) const
     return known ? QStringLiteral("? was ") + text : QStringLiteral("?");
 }
 
+/// Where to cut names that are too long, so that as many as can be are told apart.
+int Layout::tailFor(const QVector<Place>& places, int width) const
+{
+    constexpr int Parts = 4;
+    int best = 0;
+    int most = 0;
+    for (int part = 0; part <= Parts; ++part) {
+        const int tail = (width - 1) * part / Parts;
+        QSet<QString> names;
+        for (const Place& place : places)
+            names.insert(shortened(labelOf(place), width, tail, m_shape.utf8));
+        if (names.size() <= most)
+            continue;
+        most = int(names.size());
+        best = tail;
+    }
+    return best;
+}
+
 Columns Layout::columnsFor(const QVector<Place>& places) const
 {
     Columns columns;
@@ -256,13 +283,19 @@ Columns Layout::columnsFor(const QVector<Place>& places) const
             columns.unit =
                 qBound(qMax(NarrowestUnit, columns.unit), cells(row.item.tag.unit), WidestUnit);
     }
-    columns.label = qMin(columns.label, qMax(8, m_width * 2 / 5));
+    const int longest = columns.label;
+    columns.label = qMin(longest, qMax(8, m_width * 2 / 5));
     int left = m_width - columns.label - columns.marks - 1 - AgeWidth - 1;
     columns.value = qBound(6, columns.value, qMax(6, qMin(WidestValue, left)));
     left -= columns.value;
     if (columns.unit > 0 && left < columns.unit + 1)
         columns.unit = 0;
     left -= columns.unit > 0 ? columns.unit + 1 : 0;
+    // Names before the history: it says nothing if rows cannot be told apart.
+    const int more = qMin(longest - columns.label, qMax(0, left));
+    columns.label += more;
+    left -= more;
+    columns.tail = tailFor(places, columns.label);
     columns.note = left - 2 >= NarrowestNote ? qMin(left - 2, int(History::Most)) : 0;
     return columns;
 }
@@ -297,7 +330,7 @@ ScreenLine Layout::elementLine(const WatchedRow& row, int element, const Columns
                         : limit != Limit::Inside ? Style::Alarm
                         : marked                 ? Style::Bold
                                                  : Style::Plain;
-    ScreenLine line(toLeft(row.elementLabel(element), columns.label) + QLatin1Char(' '));
+    ScreenLine line(nameText(row.elementLabel(element), columns) + QLatin1Char(' '));
     line.add(marks + toRight(valueOf(row, element), columns.value), style);
     if (columns.unit > 0)
         line.add(QLatin1Char(' ') + toLeft(row.item.tag.unit, columns.unit));
@@ -319,7 +352,7 @@ ScreenLine Layout::dumpHead(const WatchedRow& row, const Columns& columns) const
     const bool good = row.value.quality == Quality::Good;
     const int valueWidth =
         columns.marks + columns.value + (columns.unit > 0 ? columns.unit + 1 : 0);
-    ScreenLine line(toLeft(row.item.label, columns.label) + QLatin1Char(' '));
+    ScreenLine line(nameText(row.item.label, columns) + QLatin1Char(' '));
     line.add(toRight(good ? QString() : QStringLiteral("?"), valueWidth), Style::Dim);
     line.add(QLatin1Char(' ') + ageText(row.value.ageMs).rightJustified(AgeWidth));
     if (columns.note > 0 && !good)

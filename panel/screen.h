@@ -80,6 +80,9 @@ QString ending(const QString& text, int width, bool utf8);
 /// Cut to `width` cells, which is said by the last one; control characters become visible.
 QString clipped(const QString& text, int width, bool utf8);
 
+/// The same, but with `tail` cells of the end behind the one that says so.
+QString shortened(const QString& text, int width, int tail, bool utf8);
+
 /// Clipped, and filled with blanks to `width` cells at the other side.
 QString toTheLeft(const QString& text, int width, bool utf8);
 QString toTheRight(const QString& text, int width, bool utf8);

@@ -112,7 +112,7 @@ QString sparkline(const QVector<float>& numbers, int width, bool utf8)
     return text;
 }
 
-QString clipped(const QString& text, int width, bool utf8)
+QString shortened(const QString& text, int width, int tail, bool utf8)
 {
     QString visible = text;
     for (QChar& letter : visible) {
@@ -121,7 +121,13 @@ QString clipped(const QString& text, int width, bool utf8)
     }
     if (cellsOf(visible, utf8) <= width)
         return visible;
-    return beginning(visible, width - 1, utf8) + (utf8 ? QChar(0x2026) : QLatin1Char('~'));
+    return beginning(visible, width - 1 - tail, utf8) + (utf8 ? QChar(0x2026) : QLatin1Char('~')) +
+           ending(visible, tail, utf8);
+}
+
+QString clipped(const QString& text, int width, bool utf8)
+{
+    return shortened(text, width, 0, utf8);
 }
 
 QString toTheLeft(const QString& text, int width, bool utf8)

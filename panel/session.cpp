@@ -48,6 +48,7 @@ std::unique_ptr<Session> Session::open(const CommandLine& line, QString* error)
         return nullptr;
     for (ControllerSettings& each : settings) {
         each.trace = session->m_trace.get();
+        session->m_starts.append(line.isNamed(int(session->m_controllers.size())));
         session->m_controllers.emplace_back(new Controller(each));
     }
     return session;
@@ -123,8 +124,8 @@ QString Session::recordName(int index, int station) const
 
 bool Session::start(QString* error)
 {
-    for (const auto& each : m_controllers) {
-        if (!each->start(error))
+    for (int i = 0; i < count(); ++i) {
+        if (m_starts.at(i) && !controller(i).start(error))
             return false;
     }
     return true;

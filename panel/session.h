@@ -32,7 +32,8 @@ public:
     /// "simulated" for the simulated one without a name.
     QString recordName(int index, int station = -1) const;
 
-    /// Starts all controllers. False with a one-line `error`.
+    /// Starts the controllers that items are on: a module serves few connections. False with a
+    /// one-line `error`.
     bool start(QString* error);
 
     /// The status with which SIGINT, SIGTERM and SIGHUP end the event loop; ExitNoAnswer if not
@@ -51,6 +52,7 @@ private:
     std::unique_ptr<wire::FrameTrace> m_trace;
     std::vector<std::unique_ptr<sim::SimulatorThread>> m_simulators;
     std::vector<std::unique_ptr<Controller>> m_controllers; ///< They use the two above.
+    QVector<bool> m_starts;                                 ///< For each of them.
     bool m_simulated = false;
     int m_interruptStatus = ExitNoAnswer;
     std::function<bool(int)> m_onSignal;

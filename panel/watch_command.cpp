@@ -1,4 +1,5 @@
 #include "panel/commands.h"
+#include "panel/requests.h"
 #include "panel/watch_run.h"
 
 #include <limits>
@@ -84,7 +85,7 @@ int runWatch(CommandLine& line)
     QVector<Item> items;
     QString error;
     if (!readOptions(line, &options, &error) || !findItems(line, options, &items, &error))
-        return usageError(error);
+        return usageErrors(error);
     return WatchRun(line, options, items).run();
 }
 

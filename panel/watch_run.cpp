@@ -47,20 +47,11 @@ int WatchRun::run()
     m_sinceDraw.start();
     const bool traceOnTerminal =
         m_line.traceFile() == QLatin1String("-") && ::isatty(STDERR_FILENO) == 1;
-    if (!m_options.records && Terminal::isUsable() && !traceOnTerminal) {
-        m_screen.setStatus(statusLines());
-        m_screen.enter();
-        m_hadScreen = true;
-    }
-    m_writesRecords = !m_screen.isEntered() || !m_options.outputFile.isEmpty();
-    m_input.reset(new StandardInput([this](const QByteArray& bytes) {
-        if (m_screen.isEntered() && m_screen.takesKeys()) {
-            m_screen.takeInput(bytes);
-            return;
-        }
-        for (const QString& typed : m_cutter.feed(bytes))
-            takeLine(typed);
-    }));
+    m_wantsScreen = !m_options.records && Terminal::isUsable() && !traceOnTerminal;
+    m_writesRecords = !m_wantsScreen || !m_options.outputFile.isEmpty();
+    m_screen.setStatus(statusLines());
+    enterScreen();
+    m_input.reset(new StandardInput([this](const QByteArray& bytes) { takeInput(bytes); }));
     startTimers();
     QString error;
     const bool started = m_session->start(&error);
@@ -72,6 +63,15 @@ int WatchRun::run()
     }
     report(status);
     return status;
+}
+
+/// In the background, as soon as it is brought to the foreground.
+void WatchRun::enterScreen()
+{
+    if (!m_wantsScreen || m_screen.isEntered() || !isForeground(STDOUT_FILENO))
+        return;
+    m_screen.enter();
+    m_hadScreen = true;
 }
 
 bool WatchRun::openOutput()
@@ -99,26 +99,26 @@ bool WatchRun::openSession()
         m_indexes.append(int(rows.size()));
         rows.append(row);
     }
-    addLinks();
-    for (int i = 0; i < m_session->count(); ++i)
-        connectController(i);
+    for (int i = 0; i < m_session->count(); ++i) {
+        if (!m_targets.at(i).rows.isEmpty())
+            connectController(i);
+    }
     return true;
 }
 
-void WatchRun::addLinks()
+void WatchRun::addLinks(int index)
 {
-    for (int i = 0; i < m_session->count(); ++i) {
-        const QMap<int, Endpoint>& stations = m_session->controller(i).settings().stations;
-        if (stations.isEmpty())
-            m_board.add(i, -1, m_session->name(i));
-        for (auto it = stations.begin(); it != stations.end(); ++it)
-            m_board.add(i, it.key(),
-                        QStringLiteral("station %1 (%2)").arg(it.key()).arg(it.value().text()));
-    }
+    const QMap<int, Endpoint>& stations = m_session->controller(index).settings().stations;
+    if (stations.isEmpty())
+        m_board.add(index, -1, m_session->name(index));
+    for (auto it = stations.begin(); it != stations.end(); ++it)
+        m_board.add(index, it.key(),
+                    QStringLiteral("station %1 (%2)").arg(it.key()).arg(it.value().text()));
 }
 
 void WatchRun::connectController(int index)
 {
+    addLinks(index);
     Controller* controller = &m_session->controller(index);
     std::vector<Variable> variables;
     for (const int row : m_targets.at(index).rows)
@@ -137,8 +137,8 @@ void WatchRun::startTimers()
     QObject::connect(&m_tick, &QTimer::timeout, [this] { tick(); });
     QObject::connect(&m_lifetime, &QTimer::timeout, [this] { end(statusAtEnd()); });
     m_overdue.start(qMax(2 * m_options.intervalMs, MsPerSecond));
-    m_tick.start(m_screen.isEntered() ? TickMs
-                                      : qBound(FastestTickMs, m_options.intervalMs, MsPerSecond));
+    m_tick.start(m_wantsScreen ? TickMs : qBound(FastestTickMs, m_options.intervalMs, MsPerSecond));
+    m_lifetime.setTimerType(Qt::PreciseTimer); // others may come up to 5 % early
     if (m_options.durationMs > 0)
         m_lifetime.start(m_options.durationMs);
 }
@@ -258,6 +258,7 @@ void WatchRun::tick()
         say(text);
     if (m_writesRecords && m_options.outputFile.isEmpty() && outputIsClosed())
         return;
+    enterScreen();
     if (!m_screen.isEntered()) {
         if (!m_saidConnecting && m_board.up() == 0 && elapsed() >= MsPerSecond &&
             ::isatty(STDERR_FILENO) == 1)

@@ -43,9 +43,10 @@ private:
         bool cycled = false;
     };
 
+    void enterScreen();
     bool openOutput();
     bool openSession();
-    void addLinks();
+    void addLinks(int index);
     void connectController(int index);
     void startTimers();
 
@@ -60,6 +61,7 @@ private:
     void tick();
     void lookAtConditions();
 
+    void takeInput(const QByteArray& bytes);
     void takeLine(const QString& line);
     void writeTyped(const QString& text);
     bool takeSignal(int number);
@@ -81,6 +83,7 @@ private:
     ChangeFilter m_filter;
     OutputFile m_output;
     bool m_writesRecords = false;
+    bool m_wantsScreen = false;
     bool m_hadScreen = false;
     WatchScreen m_screen;
     LineCutter m_cutter;

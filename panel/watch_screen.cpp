@@ -1,8 +1,11 @@
 #include "panel/watch_screen.h"
 
+#include "panel/standard_input.h"
+
 #include <QDateTime>
 
 #include <csignal>
+#include <unistd.h>
 
 namespace s7200::panel
 {
@@ -116,7 +119,10 @@ bool WatchScreen::takeSignal(int number)
     if (number == SIGTSTP) {
         m_terminal.leave();
         ::raise(SIGSTOP);
-        m_terminal.enter(); // here SIGCONT has come
+        // Here SIGCONT has come; in the background it remains left.
+        if (!isForeground(STDOUT_FILENO))
+            return true;
+        m_terminal.enter();
     } else if (number != SIGWINCH) {
         return false;
     }

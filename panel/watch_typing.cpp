@@ -1,5 +1,6 @@
 // What reaches a run of `watch` from outside: typed lines and signals.
 
+#include "panel/requests.h"
 #include "panel/watch_run.h"
 
 #include <csignal>
@@ -16,6 +17,20 @@ namespace
 constexpr int CellsShown = 32;
 
 } // namespace
+
+void WatchRun::takeInput(const QByteArray& bytes)
+{
+    if (m_screen.isEntered() && m_screen.takesKeys()) {
+        m_screen.takeInput(bytes);
+        return;
+    }
+    for (const QString& typed : m_cutter.feed(bytes))
+        takeLine(typed);
+    // What wrote it may have been cut off within the value.
+    if (bytes.isEmpty() && !m_cutter.rest().isEmpty())
+        say(QStringLiteral("%1: not written, since the line does not end with a newline")
+                .arg(m_cutter.rest()));
+}
 
 void WatchRun::takeLine(const QString& line)
 {
@@ -38,21 +53,30 @@ void WatchRun::writeTyped(const QString& text)
         say(QStringLiteral("%1: there is no such controller").arg(quoted(text)));
         return;
     }
+    Controller& controller = m_session->controller(item.controller);
+    if (!m_board.has(item.controller)) {
+        // Nothing of it is watched.
+        connectController(item.controller);
+        if (!controller.start(&error))
+            say(error);
+    }
     ++m_openWrites;
     const bool utf8 = isUtf8Locale();
     const QString shown = cellsOf(text, utf8) <= CellsShown
                               ? text
                               : beginning(text, CellsShown - 4, utf8) + QStringLiteral(" ...");
-    m_session->controller(item.controller)
-        .write(item.tag.variable, values, [this, shown, item](const Result& result) {
-            const QString outcome = result ? QStringLiteral("written")
-                                           : QStringLiteral("not written: ") +
-                                                 describeFailure(result.cause, result.detail,
-                                                                 m_session->name(item.controller));
-            say(shown + QStringLiteral(": ") + outcome);
-            if (--m_openWrites == 0 && m_leaves)
-                end(m_conditions.isEmpty() ? ExitGood : ExitNotMet);
-        });
+    controller.write(item.tag.variable, values, [this, shown, item](const Result& result) {
+        const Result told = outcomeOf(result);
+        const QString failure =
+            describeFailure(told.cause, told.detail, m_session->name(item.controller));
+        const bool isKnown = told.detail == result.detail;
+        const QString outcome = told      ? QStringLiteral("written")
+                                : isKnown ? QStringLiteral("not written: ") + failure
+                                          : failure;
+        say(shown + QStringLiteral(": ") + outcome);
+        if (--m_openWrites == 0 && m_leaves)
+            end(m_conditions.isEmpty() ? ExitGood : ExitNotMet);
+    });
 }
 
 bool WatchRun::takeSignal(int number)

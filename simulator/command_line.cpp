@@ -31,15 +31,16 @@ constexpr OptionRow Options[] = {
     {"listen", "ADDRESS:PORT", "Where; port 0 picks a free one. Default: 127.0.0.1:0"},
     {"count", "N", "So many controllers, on consecutive ports. Default: 1"},
     {"tsap", "XX.XX",
-     "The controller's own (called) TSAP, two hexadecimal bytes such as 10.00;\n"
-     "connections that call another are refused. Default: any will do"},
-    {"pdu", "BYTES", "Grant a PDU of so many bytes at most, 64 to 960. Default: 240"},
+     "The controller's own (called) TSAP, two hexadecimal\n"
+     "bytes such as 10.00; connections that call another are\n"
+     "refused. Default: any will do"},
+    {"pdu", "BYTES", "Grant a PDU of at most so many bytes, 64 to 960.\nDefault: 240"},
     {"latency", "MS[:JITTER]",
-     "Delay each reply by MS milliseconds, and up to JITTER more at random."},
+     "Delay each reply by MS milliseconds, and up to JITTER\nmore at random."},
     {"idle", "S",
-     "Close a connection on which nothing is said for S seconds, before its\n"
-     "handshake is completed after 5. Default: 60"},
-    {"remote", "", "Take forwarding records of remote access instead of S7 jobs."},
+     "Close a connection on which nothing is said for S\n"
+     "seconds, before its handshake is completed after 5.\nDefault: 60"},
+    {"remote", "", "Take forwarding records of remote access, not S7 jobs."},
     {"frozen", "", "No live values: only writes change memory."},
     {"fault", "KIND[:PROBABILITY|:every N|:address A]",
      "Let something go wrong, see below; may be repeated."},
@@ -48,8 +49,8 @@ constexpr OptionRow Options[] = {
     {"duration", "S", "End after so many seconds."},
     {"verbose", "", "A line per request on standard error."},
     {"trace", "FILE",
-     "Write all bytes to a capture file, or as hex lines to standard error if\n"
-     "FILE is -."},
+     "Write all bytes to a capture file, or as hex lines to\n"
+     "standard error if FILE is -."},
     {"force", "", "Let --trace replace a file that exists."},
 };
 
@@ -252,15 +253,15 @@ QString helpText()
                           "module.\n\n") +
            optionsHelp() +
            QStringLiteral(
-               "\nPrints \"listening on ADDRESS:PORT\" once it does, with --count above 1 "
-               "\"listening on\nADDRESS:FIRST-LAST\". SIGINT and SIGTERM end it; with "
-               "faults it then says how often each was\ninjected. Each controller has a "
-               "memory of its own and takes 64 connections.\nExit status: 0 good, 1 "
-               "cannot start or cannot write, 2 wrong usage.\n\n"
+               "\nPrints \"listening on ADDRESS:PORT\" once it does, with --count above 1\n"
+               "\"listening on ADDRESS:FIRST-LAST\". SIGINT and SIGTERM end it; with faults it\n"
+               "then says how often each was injected. Each controller has a memory of its\n"
+               "own and takes 64 connections.\n"
+               "Exit status: 0 good, 1 cannot start or cannot write, 2 wrong usage.\n\n"
                "Live values; one that is written stands still until the program ends:") +
            indent + ControllerMemory::liveValues().join(indent) +
-           QStringLiteral("\n\nFaults, by default at every chance; at most one strikes a reply, of "
-                          "several the one named first:") +
+           QStringLiteral("\n\nFaults, by default at every chance; at most one strikes a reply, "
+                          "of several the\none named first:") +
            indent + FaultInjector::descriptions().join(indent);
 }
 

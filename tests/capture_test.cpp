@@ -93,27 +93,30 @@ QByteArray fileOf(const FileFormat& format, const QVector<QByteArray>& packets)
         QByteArray frame = hex(format.linkHeader) + packet;
         frame += QByteArray(std::max(0, 60 - int(frame.size())), '\0');
         const auto length = quint64(frame.size());
+        // Of the last one there was more than was captured.
+        const quint64 original = length + (&packet == &packets.last() ? 4 : 0);
         if (format.magicOrBlock == 6)
-            file.block(
-                6,
-                file.body(
-                    {{0, 4}, {ticks >> 32, 4}, {ticks & 0xFFFFFFFF, 4}, {length, 4}, {length, 4}}) +
-                    frame);
+            file.block(6, file.body({{0, 4},
+                                     {ticks >> 32, 4},
+                                     {ticks & 0xFFFFFFFF, 4},
+                                     {length, 4},
+                                     {original, 4}}) +
+                              frame);
         else if (format.magicOrBlock == 2)
             file.block(2, file.body({{0, 2},
                                      {0, 2},
                                      {ticks >> 32, 4},
                                      {ticks & 0xFFFFFFFF, 4},
                                      {length, 4},
-                                     {length, 4}}) +
+                                     {original, 4}}) +
                               frame);
         else if (format.magicOrBlock == 3)
-            file.block(3, file.body({{length, 4}}) + frame);
+            file.block(3, file.body({{original, 4}}) + frame);
         else
             file.number(TimeUs / 1000000, 4)
                 .number(TimeUs % 1000000 * (format.magicOrBlock == 0xA1B23C4D ? 1000 : 1), 4)
                 .number(length, 4)
-                .number(length, 4)
+                .number(original, 4)
                 .bytes += frame;
     }
     return file.bytes;
@@ -161,8 +164,11 @@ public:
                 *timeUs = segment->timeUs;
         }
         *error = reader->error();
+        cutFrames = reader->cutFrames();
         return textOf(streams);
     }
+
+    qint64 cutFrames = 0; ///< Of the last file.
 
     /// The IP packets of a trace of one exchange.
     QVector<QByteArray> packets()
@@ -213,6 +219,7 @@ private slots:
             const QStringList events = folder.read(fileOf(format, packets), &error, &timeUs);
             QVERIFY2(events == Exchange && error.isEmpty(),
                      qPrintable(format.name + (": " + events.join(", ") + error)));
+            QVERIFY2(folder.cutFrames == 1, format.name);
             if (format.magicOrBlock == 3)
                 continue; // without times
             QVERIFY2(timeUs == qint64(format.blocks ? TimeUs / 100 * 100 : TimeUs), format.name);

@@ -21,7 +21,9 @@ private slots:
         RW_VAR request;
         AddListOnceReadVar(&request, List_Append);
 
-        Controller controller{ControllerSettings()};
+        ControllerSettings settings;
+        settings.endpoint.host = "127.0.0.1";
+        Controller controller(settings);
         QString error;
         QVERIFY(!controller.start(&error));
         QVERIFY2(error.contains("linked to"), qPrintable(error));

@@ -137,12 +137,23 @@ private slots:
                 "ok              -> get V0+2\n"
                 "ok              -> get V400+2; up; VW0 good 0; VW400 never read\n"
                 "ok              -> VW400 good 0; cycle\n");
-        add("closed while idle", "retry",
+        add("closed while idle", "twice",
             Up + "closed          -> close; waiting: closed; VW0 link down 1; VW4 link down 5\n"
                  "write VW0=1     -> \n"
                  "+200            -> open\n"
-                 "failed          -> close; down: no connection; done: no connection\n"
+                 "failed          -> close; waiting: no connection; done: no connection\n"
                  "write VW0=1     -> done: no connection\n");
+        add("what an earlier connection answered makes no cycle of this one good", "no probe",
+            begun("") +
+                "ok              -> up; cycle\n"
+                "read VW0        -> get V0+2\n"
+                "ok              -> done 0\n"
+                "closed          -> close; down: closed\n" +
+                Again +
+                "ok              -> up; cycle\n"
+                "closed          -> close; down: closed\n"
+                "+200            -> \n"
+                "+200            -> open\n");
         add("a handshake is tried as often as a request", "retry",
             "start           -> open; connecting\n"
             "write VW0=1     -> \n"

@@ -142,6 +142,8 @@ private slots:
             VW0,u,,-0.5 ; -0.6 -> -1.0 and -0.5     | VW0,s,,0.1 ; 3276.8 -> -3276.8 to 3276.7
             VW0,u,,0.1,-5 ; 6548.6 -> -5.0 to 6548.5 | VW0,u,,0.1 ; -0.05 -> 0.0 to 6553.5
             VW0,u,,0.1 ; 6553.55 -> 0.0 to 6553.5   | VW0,u,,0.1 ; 1e30 -> 0.0 to 6553.5      | VW0,u,,0.1 ; x -> t cannot take 'x'
+            VW0,s,,0.1 ; 12.300000000000000000001 -> 12.3 and 12.4
+            VW0,s,,-0.1 ; -1e-11 -> -0.1 and 0.0 | VW0,s,,0.1 ; -12.30000000000000000001 -> -12.4 and -12.3
             VW0,s,,0.1 ;  -> takes                  | VW0,,,,,2 ; 7.5 -> 7 and 8
             VD0,f,,2 ; 33554434 -> 33554432 and 33554436 | VD0,f,,2 ; 1e39 -> finite
             VW0,u,,0.1 ; 1;2 -> cannot take         | VW0x2,u,,0.1 ; 1 -> 2 values)";
@@ -180,10 +182,10 @@ private slots:
     {
         const QByteArray files[] = {"name,address,unit,comment,scale\r\na.b,VW10/s,\xC2\xB0"
                                     "C,\"one; \"\"two\"\"\nthree\",0.1\r\n",
-                                    "\xEF\xBB\xBF\"Name\";ADDRESS;Dead "
+                                    "\xEF\xBB\xBFsep=;\r\n\"Name\";ADDRESS;Dead "
                                     "Band;Unit;Scale;comment;;\n\na.b;vw10/signed;;\xC2\xB0"
                                     "C;0,1;\"one; \"\"two\"\"\nthree\";;\n;;;;\n",
-                                    "comment\tscale\tunit\taddress\tformat\tname\n\"one; "
+                                    "sep=\t\ncomment\tscale\tunit\taddress\tformat\tname\n\"one; "
                                     "\"\"two\"\"\nthree\"\t1e-1\t\xC2\xB0"
                                     "C\tVW10\tS\ta.b"};
         for (const QByteArray& file : files) {
@@ -211,9 +213,9 @@ private slots:
                                         "e,,VW0,s,,0,x,12\n"
                                         "f,,VW0,h,,0.1\n" // 9
                                         "g,,M0.0,,,,,1\n"
-                                        "h,,VW0,,,,,,-1,5,4\n"
+                                        "h,,VW0,,,,,-1,-1,5,4\n"
                                         "i,,VW0,,,1.5,0.123456789\n" // 12
-                                        "j,,VW0,,,,,,,,,,much\n"
+                                        "j,,VW0,,,,,,,,\"1,000\",,much\n"
                                         "k,,VW0,,,,,,,,,\"two\nlines\"x\n"
                                         "l,,VW0,,\xFF\n" // 16
                                         "m,,VW0,,,,,,,,,\"open\n";
@@ -228,10 +230,12 @@ private slots:
 8: decimals is 0 to 9, not '12'
 9: scale, offset and decimals go with the formats unsigned, signed and float, not with hex
 10: a bit takes no scale
+11: decimals is 0 to 9, not '-1'
 11: a dead band is 0 or more, not -1
 11: the low limit 5 is above the high limit 4
 12: scale and offset have more digits
 13: 'much' stands in no column
+13: '1,000' may be 1000 or 1.000
 14: the quotes do not match
 16: '\ufffd' is not UTF-8
 17: the quotes do not match)";
@@ -246,6 +250,7 @@ private slots:
     {
         const char* const table = R"(
             name,adress -> 1: unknown column 'adress'; the columns are name, controller, address
+            name,address -> tags: there is no tag in it
             name -> 1: column address is missing | name,address,Name -> 1: column name is there twice
              -> tags: the header line is missing)";
         check(
@@ -268,7 +273,7 @@ private slots:
     {
         const QByteArray csv = "name,controller,address\n"
                                "press.temp,p1,VW0\npress.speed,p1,VW2\npress.temp,p2,VW4/s\n"
-                               "VW100,,VB7\n[x].y,,T37\n";
+                               "VW100,,VB7\n[x].y,,T37\nT1,p1,VW6\nt1,,VW8\n";
         const TagTable table = TagTable::parse(csv, "f", nullptr, nullptr).value();
         const auto meant = [&](const QString& text) {
             QString error;
@@ -283,13 +288,21 @@ private slots:
         QCOMPARE(meant("press.Speed"), QString("press.speed=p1:VW2"));
         QCOMPARE(meant("press.temp"), QString("p1:press.temp=p1:VW0 p2:press.temp=p2:VW4/signed"));
         QCOMPARE(meant(" P2:press.temp "), QString("press.temp=p2:VW4/signed"));
-        QCOMPARE(meant("p1:*"), QString("press.temp=p1:VW0 press.speed=p1:VW2"));
+        QCOMPARE(meant("p1:*"),
+                 QString("press.temp=p1:VW0 press.speed=p1:VW2 VW100=p1:VB7 [x].y=p1:T37 "
+                         "T1=p1:VW6"));
         QCOMPARE(meant("*.?"), QString("[x].y=:T37"));
         QCOMPARE(meant("vw100"), QString("VW100=:VB7"));
         QCOMPARE(meant("VW101/h"), QString("VW101=:VW101/hex"));
-        QCOMPARE(meant("p9:VW100"), QString("VW100=p9:VW100"));
+        // One of no controller is one of each that has none of that name; no tag is ever taken
+        // for the address that it is spelt as.
+        QCOMPARE(meant("p9:vw100"), QString("VW100=p9:VB7"));
+        QCOMPARE(meant("P1:t1"), QString("T1=p1:VW6"));
+        QCOMPARE(meant("p2:T1"), QString("t1=p2:VW8"));
+        QCOMPARE(meant("p2:press.speed"), QString("'p2:press.speed': that tag is one of p1"));
+        QCOMPARE(meant("p2:T2"), QString("T2=p2:T2"));
         QCOMPARE(meant("press.*d.*"), QString("no tag is named like 'press.*d.*'"));
-        QVERIFY(meant("p2:press.speed").startsWith("'p2:press.speed' is no tag; as a variable, "));
+        QVERIFY(meant("p2:speed").startsWith("'p2:speed' is no tag; as a variable: no such"));
         // A plain one takes the format in which it is written; a tag keeps its own.
         const auto assigned = [&](const QString& text) {
             QString error;
@@ -323,16 +336,16 @@ private slots:
         QVERIFY(p1.timeoutMs == 700 && good->last().endpoint.port == 1102 &&
                 good->last().remoteTsap == defaults.remoteTsap);
         QVERIFY(!parseControllers("name,host,port,local_tsap,remote_tsap,timeout,retries,interval\n"
-                                  "p1,a b,0,10,1.00,0,1001,-1\nP1,\n,h\n1:2,h",
+                                  "p1,a b,0,10,1.00,0,1001,-1\nP1,\n,h\n1:2,h:1",
                                   "c", defaults, &errors));
         const QString all = errors.join('\n');
-        for (const char* text :
-             {"2: 'a b' is no host", "2: port is a whole number from 1 to 65535",
-              "2: local_tsap is two hexadecimal bytes", "2: remote_tsap", "2: timeout",
-              "2: retries", "2: interval", "3: the host", "3: 'P1' is already the name of line 2",
-              "4: the name is missing", "5: '1:2' cannot be a name"})
+        for (const char* text : {"2: 'a b' is no host", "2: port is a whole number from 1 to 65535",
+                                 "2: local_tsap is two hexadecimal bytes", "2: remote_tsap",
+                                 "2: timeout", "2: retries", "2: interval", "3: the host",
+                                 "3: 'P1' is already the name of line 2", "4: the name is missing",
+                                 "5: '1:2' cannot be a controller's name", "5: 'h:1' is no host"})
             QVERIFY2(all.contains(QString("c line ") + text), text);
-        QCOMPARE(int(errors.size()), 11);
+        QCOMPARE(int(errors.size()), 12);
     }
 
     // A set of values is read back with the bits that were saved, and with what shows them.

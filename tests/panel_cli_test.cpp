@@ -39,6 +39,16 @@ QString faultOf(const QString& text)
     return "no such command";
 }
 
+/// The master's end; -1 where there are none, as in a bare chroot.
+int openTerminal()
+{
+    const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY);
+    if (terminal >= 0 && ::grantpt(terminal) == 0 && ::unlockpt(terminal) == 0)
+        return terminal;
+    ::close(terminal);
+    return -1;
+}
+
 } // namespace
 
 class PanelCliTest : public QObject
@@ -60,7 +70,11 @@ private slots:
             watch VW0 --block-limit 223 -> 222
             watch VW0 --controller h:0 -> 'h:0'
             watch VW0 --controller h:65536 -> 'h:65536'
-            watch VW0 --controller =h -> '=h'
+            watch VW0 --controller =h -> '=h' | watch VW0 --controller a=b=c -> 'a=b=c'
+            watch VW0 --controller 10.0.0.5:1:99 -> '10.0.0.5:1:99'
+            watch VW0 --controller a@b=h -> 'a@b' | watch c*:VW0 -> 'c*' cannot
+            watch c:XW0 --controller c=h -> 'c:XW0': no such variable
+            watch c:VW0@3 --controller 3=h -> controller 'c' and, by its address, station 3
             watch VW0 --controller [::1]102 -> '[::1]102'
             watch VW0 --local-tsap 1 -> two hexadecimal bytes
             watch VW0 --remote-tsap 00.00 -> '00.00'
@@ -107,6 +121,7 @@ private slots:
             {nullptr, "watch VW0 --trace /nowhere/trace", 2, "", "/nowhere/trace"},
             {nullptr, "watch VW0 --output /nowhere/out", 2, "", "/nowhere/out"},
             {nullptr, "write VW0=1", 2, "", "needs a controller"},
+            {nullptr, "read XW0 YW0", 2, "", "'YW0'"},
             // Simulated controllers of the panel's own.
             {nullptr, "read SM0.0 VW4000", 0, "SM0.0 1\nVW4000 0\n", "simulated"},
             {nullptr, "read --remote SM0.0", 0, "SM0.0 1\n", ""},
@@ -206,6 +221,14 @@ private slots:
             QString lines = panel.process.readAllStandardOutput();
             QVERIFY2(lines.contains("VW0@4 4\n") && lines.contains("VW0@3 3\n"), qPrintable(lines));
         }
+        // Nobody but who is named is connected, until a value is written.
+        Panel one(QStringList{"watch", "--controller", "9=127.0.0.1:1"} + to.mid(0, 5));
+        QVERIFY(one.waitFor(Out, "VW0@4 4\n"));
+        one.process.write("VW2@3=5\n");
+        QVERIFY(one.waitFor(Err, "VW2@3=5: written"));
+        one.signal(SIGINT);
+        QCOMPARE(one.finish(), 0);
+        QVERIFY(!one.process.readAllStandardError().contains("failures"));
         // A name of that format for records, and events in the same stream.
         Panel records(QStringList{"watch", "--count", "1", "--format", "jsonl"} + to);
         QCOMPARE(records.finish(), 0);
@@ -250,6 +273,9 @@ private slots:
         const auto begun = [&] { return QFile(file).size() > 60; };
         QTRY_VERIFY_WITH_TIMEOUT(begun(), LongMs);
         QVERIFY(QFile::rename(file, file + ".1"));
+        watch.process.write("VW0=6"); // cut off, for all that is known
+        watch.process.closeWriteChannel();
+        QVERIFY(watch.waitFor(Err, "VW0=6: not written"));
         watch.signal(SIGHUP);
         QTRY_VERIFY_WITH_TIMEOUT(begun(), LongMs);
         watch.signal(SIGINT);
@@ -270,11 +296,38 @@ private slots:
         QVERIFY(capture.readAll().contains(QByteArray::fromHex("120a10020002000184000320")));
     }
 
+    // A shell's job in the background goes on recording, whatever is typed to others.
+    void inTheBackground()
+    {
+        const int terminal = openTerminal();
+        if (terminal < 0)
+            QSKIP("no pseudo-terminals here");
+        const Simulator simulator;
+        const QTemporaryDir directory;
+        const QString file = directory.filePath("out.csv");
+        const QString line = "watch --interval 50 --duration 60 --output " + file + " VW0";
+        QProcess shell;
+        shell.setStandardInputFile(::ptsname(terminal));
+        shell.setStandardOutputFile(::ptsname(terminal), QIODevice::Append);
+        shell.start("setsid", {"--ctty", "--wait", "sh", "-mc",
+                               "TERM=xterm " PANEL_PROGRAM " " + simulator.command(line).join(' ') +
+                                   " --format csv & head -n 2; kill $!"});
+        const auto grows = [&](qint64 from) { return QFile(file).size() > from + 300; };
+        QTRY_VERIFY_WITH_TIMEOUT(grows(0), LongMs);
+        QCOMPARE(int(::write(terminal, "quit\n", 5)), 5);
+        const qint64 size = QFile(file).size();
+        QTRY_VERIFY_WITH_TIMEOUT(grows(size), LongMs);
+        QCOMPARE(int(::write(terminal, "end\n", 4)), 4);
+        QVERIFY(shell.waitForFinished(LongMs));
+        ::close(terminal);
+    }
+
     // On a terminal: a screen from the first moment, keys, and the terminal as it was.
     void screen()
     {
-        const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY);
-        QVERIFY(::grantpt(terminal) == 0 && ::unlockpt(terminal) == 0);
+        const int terminal = openTerminal();
+        if (terminal < 0)
+            QSKIP("no pseudo-terminals here");
         const QString name = ::ptsname(terminal);
         const int keeper = ::open(name.toLatin1().constData(), O_RDWR | O_NOCTTY);
         const winsize size = {10, 40, 0, 0};

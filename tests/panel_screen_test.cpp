@@ -152,6 +152,22 @@ private slots:
         QVERIFY(textOf(draw(contents, {40, 16})).contains("b: off\nand 2 more in trouble\n"));
     }
 
+    // Names that are too long are cut where they differ, and take the room of the history first.
+    void longNames()
+    {
+        const QVector<WatchedRow> rows = {
+            row(fromFile("hall1.press13.temperature.actual,VW0,\u00b0C"), {{1}}),
+            row(fromFile("hall1.press13.pressure.actual,VW2,bar"), {{1}}),
+            row(fromFile("hall1.press13.zone.temperature,VW4x2,\u00b0C"), {{1, 1}})};
+        ScreenContents contents;
+        contents.rows = &rows;
+        QSet<QString> names;
+        for (const ScreenLine& line : draw(contents, {40, 10}).lines.mid(1, 4))
+            names.insert(line.text().left(20));
+        QCOMPARE(int(names.size()), 4);
+        QVERIFY(textOf(draw(contents, {60, 10})).contains("hall1.press13.temperature.actual "));
+    }
+
     // Whatever the size, no line is too wide, none is missing, and the scrolling stays inside.
     void everySize()
     {

@@ -167,6 +167,11 @@ QString CaptureReader::error() const
     return m_error;
 }
 
+qint64 CaptureReader::cutFrames() const
+{
+    return m_cutFrames;
+}
+
 bool CaptureReader::readFileHeader()
 {
     const QByteArray start = m_file.peek(FileHeaderLength);
@@ -228,6 +233,7 @@ std::optional<CaptureReader::Frame> CaptureReader::nextRecord()
     frame.timeUs = qint64(word(header, 0)) * 1000000 +
                    qint64(word(header, 4)) * 1000000 / interface.ticksPerSecond;
     frame.bytes = take(RecordHeaderLength + qint64(length)).mid(RecordHeaderLength);
+    m_cutFrames += word(header, 12) > length ? 1 : 0;
     return frame;
 }
 
@@ -275,7 +281,7 @@ void CaptureReader::addInterface(const QByteArray& block)
 }
 
 std::optional<CaptureReader::Frame> CaptureReader::packetOf(quint32 blockType,
-                                                            const QByteArray& block) const
+                                                            const QByteArray& block)
 {
     const bool simple = blockType == SimplePacketBlock;
     if (!simple && blockType != PacketBlock && blockType != OldPacketBlock)
@@ -295,6 +301,7 @@ std::optional<CaptureReader::Frame> CaptureReader::packetOf(quint32 blockType,
                                     interface.ticksPerSecond);
     frame.bytes = block.mid(
         dataAt, int(std::min(length, quint32(std::max<qint64>(0, block.size() - dataAt - 4)))));
+    m_cutFrames += word(block, simple ? 8 : 24) > quint32(frame.bytes.size()) ? 1 : 0;
     return frame;
 }
 

@@ -45,6 +45,9 @@ public:
     /// Why reading ended before the end of the file; empty if it did not.
     QString error() const;
 
+    /// Frames of which only the beginning was captured, so far.
+    qint64 cutFrames() const;
+
 private:
     struct Interface {
         int linkType = 0;
@@ -63,7 +66,7 @@ private:
     std::optional<Frame> nextBlock();
     bool startSection();
     void addInterface(const QByteArray& block);
-    std::optional<Frame> packetOf(quint32 blockType, const QByteArray& block) const;
+    std::optional<Frame> packetOf(quint32 blockType, const QByteArray& block);
     QByteArray take(qint64 length);
     quint32 word(const QByteArray& bytes, int offset) const;
     quint16 halfWord(const QByteArray& bytes, int offset) const;
@@ -73,6 +76,7 @@ private:
     bool m_bigEndian = false;
     QVector<Interface> m_interfaces; ///< One in a pcap file.
     qint64 m_frameNumber = 0;
+    qint64 m_cutFrames = 0;
     QString m_error;
 };
 

@@ -52,7 +52,7 @@ struct ControllerSettings {
     QMap<int, Endpoint> stations;
     int defaultStation = 2;            ///< The driver's station number of variables without one.
     QString driverFile;                ///< Empty: the installed library, see findDriver().
-    wire::FrameTrace* trace = nullptr; ///< Not owned; must outlive the controller. May be null.
+    wire::FrameTrace* trace = nullptr; ///< Of this project's own programs; null for others.
 };
 
 /// How a request ended.
@@ -95,7 +95,8 @@ public:
     QString name() const;                       ///< Of the settings, or the endpoint's text.
 
     /// Loads a copy of the driver and begins to connect; it goes on until stop(). False with a
-    /// one-line `error` if the driver cannot be loaded. Starting twice changes nothing.
+    /// one-line `error` if no host is set or the driver cannot be loaded. Starting twice changes
+    /// nothing.
     bool start(QString* error = nullptr);
 
     /// Closes the connection. Open requests end as Cause::Stopped before it returns.

@@ -13,13 +13,14 @@ namespace s7200
 
 /// A decimal fraction, exactly: digits / 10^places.
 struct Decimal {
+    static constexpr int MostDigits = 18;
     static constexpr int MostPlaces = 9; ///< Behind the point.
 
     qint64 digits = 0; ///< All of them, with the sign.
     int places = 0;    ///< 0 to MostPlaces.
 
-    /// "21.5", "-0,1", "1e-3"; nothing if the text is no number, or one of more than 18 digits or
-    /// MostPlaces behind the point.
+    /// "21.5", "-0,1", "1e-3"; nothing if the text is no number, or one of more than MostDigits, or
+    /// MostPlaces behind the point, zeros at the end apart.
     S7200HOST_EXPORT static std::optional<Decimal> parse(const QString& text);
     S7200HOST_EXPORT QString text() const;  ///< With all places, trailing zeros too.
     S7200HOST_EXPORT double number() const; ///< The nearest there is.

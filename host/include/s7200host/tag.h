@@ -31,6 +31,7 @@ struct S7200HOST_EXPORT Tag {
     std::optional<Decimal> low;      ///< Less than this is too little.
     std::optional<Decimal> high;     ///< More than this is too much.
     QString comment;                 ///< For people.
+    int line = 0;                    ///< Of the file that it stands in, from 1; 0: of none.
 
     QString label() const;   ///< The name, or the variable's with a format that was given.
     QString address() const; ///< "VW100x4@3/hex".
@@ -79,9 +80,9 @@ public:
     const QVector<Tag>& tags() const; ///< In the order of the file.
 
     /// What stands where a variable may: a tag's name, a pattern of names with * and ?, or an
-    /// address; each also behind CONTROLLER and a colon. A name that is also an address is the
-    /// tag. In the order of the file; empty with a one-line `error` if nothing is meant. Also
-    /// works for an empty table.
+    /// address; each also behind CONTROLLER and a colon, which a tag without a controller then
+    /// gets. A name that is also an address is the tag. In the order of the file; empty with a
+    /// one-line `error` if nothing is meant. Also works for an empty table.
     QVector<Tag> lookup(const QString& text, QString* error) const;
 
     /// Reads WHAT=VALUE[,VALUE...], where WHAT is exactly one of what lookup() takes. The format
