@@ -7,6 +7,7 @@
 #include <QPointer>
 #include <QTimer>
 
+#include <deque>
 #include <utility>
 
 namespace s7200
@@ -47,6 +48,8 @@ public:
     QVector<Variable> watched;
     std::unique_ptr<Session> session; ///< Null while stopped.
     LinkStatistics statistics;        ///< Of the last session.
+    /// To be told in further turns of the event loop, or at the end.
+    std::deque<std::function<void()>> failed;
 };
 
 void Controller::Private::request(const Variable& variable, const QVector<quint32>& values,
@@ -78,7 +81,14 @@ void Controller::Private::failLater(const Done& done, Cause cause, const QString
     Result result;
     result.cause = cause;
     result.detail = detail;
-    QTimer::singleShot(0, q, [done, result] { done(result); });
+    failed.push_back([done, result] { done(result); });
+    QTimer::singleShot(0, q, [this] {
+        if (failed.empty())
+            return;
+        const std::function<void()> tell = std::move(failed.front());
+        failed.pop_front();
+        tell(); // which may delete all this
+    });
 }
 
 void Controller::Private::endSession()
@@ -87,11 +97,7 @@ void Controller::Private::endSession()
         return;
     Session* const ended = session.release();
     statistics = ended->machine().statistics();
-    ended->stop(); // a slot may delete all this
-    if (ended->mayBeDeleted())
-        delete ended;
-    else
-        ended->deleteLater();
+    ended->end(); // a slot may delete all this
 }
 
 Controller::Controller(const ControllerSettings& settings, QObject* parent)
@@ -105,6 +111,8 @@ Controller::~Controller()
 {
     blockSignals(true); // whoever listens may be half gone as well
     d->endSession();
+    for (const std::function<void()>& tell : std::exchange(d->failed, {}))
+        tell();
 }
 
 const ControllerSettings& Controller::settings() const

@@ -194,6 +194,10 @@ QString findDriver(const QString& file, QString* error)
                 tried << QFile::decodeName(info.dli_fname);
             dlclose(library);
         }
+        // Once there are copies it answers with one of them, whose file is gone.
+        const std::lock_guard<std::mutex> lock(shelf().mutex);
+        if (!shelf().file.isEmpty())
+            tried << shelf().file;
     }
     for (const QString& candidate : std::as_const(tried)) {
         if (QFileInfo(candidate).isFile())

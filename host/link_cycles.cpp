@@ -121,6 +121,8 @@ void LinkMachine::cycleProgress()
         // Who comes back at once was not told to be gone.
         isWaitedFor =
             isWaitedFor || station.hurries || (m_isEmptyCycle && m_requests.hasAny(entry.first));
+        if (isReady(station) && !station.isUp && asksNothing(entry.first))
+            up(entry.first); // a new list has left it nothing to wait for
         // Where nothing is asked, that the connection lasts has to do.
         if (isReady(station) && station.isUp &&
             (station.answered || m_now >= station.upSince + LinkHealth::LongestDelay))

@@ -202,28 +202,21 @@ void LinkMachine::settle(bool tell)
 {
     if (m_stopped)
         return;
-    if (m_settling) {
-        m_isDue = true;
-        return;
-    }
-    m_settling = true;
     advance();
     tellChanges();
-    if (tell) {
-        m_isDue = false;
+    if (tell && !m_news.empty()) {
+        m_orders.wakeAt(nextWake()); // whoever is told may run an event loop
         tellNews();
-        if (m_isDue && !m_stopped)
-            advance();
     }
-    m_settling = false;
     if (!m_stopped)
         m_orders.wakeAt(m_news.empty() ? nextWake() : m_now);
 }
 
-/// Only what there is now; and whoever is told may stop the machine, which then tells the rest.
+/// Only what there is now; and whoever is told may stop the machine, which then tells the rest, or
+/// let further events happen, which tell it as well.
 void LinkMachine::tellNews()
 {
-    for (std::size_t left = m_news.size(); left > 0 && !m_stopped; --left) {
+    for (std::size_t left = m_news.size(); left > 0 && !m_news.empty() && !m_stopped; --left) {
         const News news = std::move(m_news.front());
         m_news.pop_front();
         if (news.list == 0 || news.list == m_list)

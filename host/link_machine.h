@@ -158,6 +158,7 @@ private:
     static bool isReady(const Station& station);
     bool isProbed(const Station& station) const;
     bool isGivenUp(const Station& station) const;
+    bool asksNothing(int station) const;
     void ready(int station);
     void up(int station);
     void disconnected(int station, const Failure& failure);
@@ -176,8 +177,6 @@ private:
 
     Micros m_now = 0;
     bool m_stopped = false;
-    bool m_settling = false;
-    bool m_isDue = false; ///< Something has happened since advance() looked.
     std::map<int, Station> m_stations;
     WatchList m_watch;
     RequestQueue m_requests;

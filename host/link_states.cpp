@@ -54,15 +54,18 @@ void LinkMachine::ready(int number)
 {
     Station& station = m_stations.at(number);
     station.phase = Phase::Ready;
-    const bool listsNothing = m_watch.cyclicBlocks(number).isEmpty();
-    const bool asksNothing =
-        listsNothing && m_watch.apartBlocks(number).isEmpty() && !isProbed(station);
-    if (listsNothing)
+    if (m_watch.cyclicBlocks(number).isEmpty())
         m_relist = true; // without the request in whose place it shook hands
     if (!m_inCycle)
         m_nextCycle = m_now;
-    if (asksNothing || station.health.attempts() == 0)
+    if (station.health.attempts() == 0 || asksNothing(number))
         up(number);
+}
+
+bool LinkMachine::asksNothing(int number) const
+{
+    return !isProbed(m_stations.at(number)) && m_watch.cyclicBlocks(number).isEmpty() &&
+           m_watch.apartBlocks(number).isEmpty();
 }
 
 void LinkMachine::up(int number)

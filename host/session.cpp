@@ -67,10 +67,14 @@ bool Session::start(const QVector<Variable> watched, QString* error)
     return true;
 }
 
-void Session::stop()
+void Session::end()
 {
     m_timer.stop();
     happened([this] { m_machine.stop(); });
+    if (m_depth == 0)
+        delete this;
+    else
+        m_isEnded = true;
 }
 
 void Session::watch(const QVector<Variable>& variables)
@@ -88,7 +92,8 @@ void Session::happened(const Event& event)
 {
     ++m_depth;
     event();
-    --m_depth;
+    if (--m_depth == 0 && m_isEnded)
+        deleteLater(); // behind the signal that brought the event
 }
 
 void Session::open(int station)

@@ -23,13 +23,11 @@ public:
     ~Session() override;
 
     bool start(const QVector<Variable> watched, QString* error);
-    void stop();
 
-    /// Not while one of its functions is running further up; then deleteLater().
-    bool mayBeDeleted() const
-    {
-        return m_depth == 0;
-    }
+    /// Stops it and deletes it; while one of its functions is running further up, when that
+    /// returns. An event loop in a slot may have called this: deleteLater() would be too early
+    /// then.
+    void end();
 
     void watch(const QVector<Variable>& variables);
     void request(RequestPtr request);
@@ -71,6 +69,7 @@ private:
     LinkMachine m_machine;
     std::map<int, std::unique_ptr<LinkSocket>> m_sockets;
     int m_depth = 0;
+    bool m_isEnded = false;
 };
 
 } // namespace s7200

@@ -233,14 +233,35 @@ private slots:
         for (int i = 10; i < 12; ++i)
             QTRY_COMPARE_WITH_TIMEOUT(controllers[std::size_t(i)]->link().cause,
                                       Cause::NoConnection, LongMs);
-        // A completion may stop its own controller, and end it later.
+        // A completion may run an event loop, in which its own controller is ended.
         Controller* const first = controllers.front().release();
         first->read(parsed("VW2"), [first](const Result&) {
-            first->stop();
-            first->deleteLater();
+            QEventLoop loop;
+            QTimer::singleShot(0, &loop, [&loop, first] {
+                delete first;
+                QTimer::singleShot(1, &loop, &QEventLoop::quit);
+            });
+            loop.exec();
         });
         QSignalSpy gone(first, &QObject::destroyed);
         QVERIFY(gone.wait(LongMs));
+    }
+
+    // The loader takes the first copy of the driver for the driver.
+    void manyControllersWhereOnlyTheLoaderFindsTheDriver()
+    {
+        QString error;
+        const QTemporaryDir directory;
+        const QString program = directory.filePath("program");
+        QVERIFY(QFile::copy(QCoreApplication::applicationFilePath(), program));
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("LD_LIBRARY_PATH",
+                           QFileInfo(findDriver(QString(), &error)).absolutePath());
+        QProcess process;
+        process.setProcessEnvironment(environment);
+        process.start(program, {"manyControllers"});
+        QVERIFY(process.waitForFinished(LongMs));
+        QVERIFY2(process.exitCode() == 0, process.readAll().constData());
     }
 
     void severalStations()
@@ -339,9 +360,12 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(rig.shown(2), QString("0"), LongMs);
         QCOMPARE(rig.shown(0) + ' ' + rig.shown(1), QString("never read never read"));
         QVector<Cause> causes;
+        const auto done = [&](const Result& result) { causes.append(result.cause); };
         for (const Variable& variable : {Variable(), tooLong})
-            rig.controller->read(variable, [&](const Result& r) { causes.append(r.cause); });
+            rig.controller->read(variable, done);
         QTRY_COMPARE_WITH_TIMEOUT(causes, QVector<Cause>(2, Cause::Invalid), LongMs);
+        Controller(rig.settings).read(parsed("VW0"), done); // told before it is gone
+        QCOMPARE(causes.value(2), Cause::Stopped);
         QTemporaryFile file;
         ControllerSettings settings = rig.controller->settings();
         settings.driverFile = file.open() ? file.fileName() : QString();

@@ -69,6 +69,12 @@ private slots:
             "then stop       -> \n"
             "failed          -> close; down: no connection; done: no connection; close; "
             "done: no connection; stopped: no connection\n");
+        add("an event loop in a slot: all goes on in it, and nothing is told twice", "",
+            Up + "then read VW8 | ok | +500 | ok -> \n"
+                 "+500            -> get V0+6\n"
+                 "ok 000200000005 -> VW0 good 2; get V8+2; cycle; done 0; get V0+6; VW0 good 0; "
+                 "VW4 good 0; cycle\n"
+                 "+500            -> get V0+6\n");
         add("no news of the old list after a slot has set a new one", "",
             Up + "then watch VW8  -> \n"
                  "+500            -> get V0+6\n"
@@ -164,6 +170,23 @@ private slots:
                  "ok              -> put V212+14\n"
                  "+1000           -> close; done: time-out, sent; down: time-out; done: dropped; "
                  "VW0 link down 1; VW4 link down 5\n");
+        add("up also where a new list has left nothing to wait for", "stations no probe",
+            "start           -> open@2; open@3; connecting@2; connecting@3\n"
+            "watch VW0@2 VW0@3 -> \n"
+            "failed@3        -> close@3; down@3: no connection; VW0@3 link down\n"
+            "opened@2        -> connect@2; handshake@2\n"
+            "ok              -> setup@2\n"
+            "ok              -> get V0+2@2; up@2\n"
+            "ok              -> VW0@2 good 0; cycle\n"
+            "+200            -> open@3\n"
+            "opened@3        -> get V0+2@2\n"
+            "ok              -> connect@3\n"
+            "ok              -> setup@3\n"
+            "write VW8@2=1   -> \n"
+            "ok              -> put V8+1@2\n"
+            "watch VW0@2     -> \n"
+            "ok              -> get V0+2@2; done\n"
+            "ok              -> up@3; VW0@2 good 0; cycle\n");
         add("a new list knows nothing of the old one", "",
             Up + "+500            -> get V0+6\n"
                  "watch VW4 VW400 -> \n"

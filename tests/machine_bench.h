@@ -21,7 +21,8 @@ constexpr Micros Ms = 1000;
 ///   stall MS                     time passes at once
 ///   watch V..., read V, write V=N
 ///   flood KB                     zeros that nobody has asked for
-///   then EVENT                   that is what the next slot or completion does
+///   then EVENT [| EVENT]         that is what the next slot or completion does, or an event loop
+///                                in it
 ///
 ///   show                         the watched values
 ///
@@ -60,6 +61,8 @@ public:
 private:
     void act(const QString& event)
     {
+        if (event.isEmpty())
+            return;
         const QString verb = event.section(' ', 0, 0).section('@', 0, 0);
         const QString rest = event.section(' ', 1);
         const int station = event.contains('@') ? event.section('@', 1).toInt() : 2;
@@ -93,8 +96,7 @@ private:
 
     void actInSlot()
     {
-        const QString event = std::exchange(m_then, QString());
-        if (!event.isEmpty())
+        for (const QString& event : std::exchange(m_then, QString()).split(" | "))
             act(event);
     }
 

@@ -76,7 +76,7 @@ struct Result {
 /// Non-blocking: everything happens in the event loop of the object's thread, which is also the
 /// only thread that may call its functions, and on which completions and signals come, never
 /// before the function that asks for them has returned, stop() excepted. They may call any
-/// function and delete the object.
+/// function, run an event loop and delete the object.
 ///
 /// Requests that are open when the object ends are told so then: delete it, or stop() it, before
 /// what its completions use.
