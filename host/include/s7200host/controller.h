@@ -76,7 +76,8 @@ struct Result {
 /// Non-blocking: everything happens in the event loop of the object's thread, which is also the
 /// only thread that may call its functions, and on which completions and signals come, never
 /// before the function that asks for them has returned, stop() excepted. They may call any
-/// function, run an event loop and delete the object.
+/// function, run an event loop and delete the object. Between start() and stop() it cannot be moved
+/// to another thread.
 ///
 /// Requests that are open when the object ends are told so then: delete it, or stop() it, before
 /// what its completions use.
@@ -144,8 +145,8 @@ Q_SIGNALS:
     void valuesChanged(const QVector<int>& indexes);
 
     /// All watched variables were read, except those whose quality is Refused and those of stations
-    /// whose link is down. Not told of a cycle that a refusal has cut short: the link comes back at
-    /// once, and all is read anew.
+    /// whose link is not up. Not told of a cycle that a refusal has cut short: the link comes back
+    /// at once, and all is read anew.
     void cycleDone();
 
 private:
