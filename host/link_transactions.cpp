@@ -255,13 +255,19 @@ void LinkMachine::writeAnswered(const RW_VAR& request, const Failure& refusal)
     Request* const active = m_requests.active();
     if (!isActive(request))
         return;
-    if (refusal.cause == Cause::Refused && !active->refusal) {
+    if (refusal.cause != Cause::Refused)
+        active->hasWritten = true;
+    else if (!active->refusal)
         active->refusal = refusal;
+    if (active->refusal)
         active->steps.clear();
-    }
     // Of a refused step the driver still carries out what it holds.
-    if (--active->unanswered == 0 && active->steps.isEmpty())
-        finishActive(Failure(active->refusal));
+    if (--active->unanswered > 0 || !active->steps.isEmpty())
+        return;
+    Failure failure = active->refusal;
+    if (failure && active->hasWritten)
+        failure.detail += QStringLiteral(", but a part of it was written");
+    finishActive(failure);
 }
 
 void LinkMachine::countFailure(Cause cause)

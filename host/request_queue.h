@@ -21,10 +21,11 @@ struct Request {
     int station = 0;
     QVector<quint32> values; ///< Empty: a read.
     Controller::Done done;
-    QList<WriteStep> steps; ///< Of a write, not yet given to the driver.
-    int unanswered = 0;     ///< Of what was given to the driver.
-    bool isSent = false;    ///< A part of it, at least.
-    Failure refusal;        ///< Of a part of a write.
+    QList<WriteStep> steps;  ///< Of a write, not yet given to the driver.
+    int unanswered = 0;      ///< Of what was given to the driver.
+    bool isSent = false;     ///< A part of it, at least.
+    Failure refusal;         ///< Of a part of a write.
+    bool hasWritten = false; ///< A part of it.
 
     bool isWrite() const
     {

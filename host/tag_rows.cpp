@@ -99,7 +99,7 @@ private:
             fault(QStringLiteral("the name is missing"));
         else if (bad || hasHidden(m_tag.name) || m_tag.name.size() > LongestName)
             fault(QStringLiteral("%1 cannot be a name; it is one line of at most %2 characters, "
-                                 "none of them %3")
+                                 "none of them invisible, and none of them %3")
                       .arg(quoted(m_tag.name))
                       .arg(LongestName)
                       .arg(QLatin1String(NotInNames)));

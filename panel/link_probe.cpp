@@ -42,6 +42,7 @@ constexpr Hint Hints[] = {
     {ProbeStep::TpduConnection, Cause::None,
      "the TSAPs are refused: the module has no connection configured with them, or all eight of "
      "its connections are taken"},
+    {ProbeStep::Setup, Cause::WrongLength, "something on the way spoils replies"},
     {ProbeStep::Setup, Cause::None,
      "the TSAPs lead to something that does not speak S7, or not with clients"},
     {ProbeStep::Read, Cause::Refused,
@@ -83,9 +84,10 @@ QString usualCause(const ProbeResults& results, const ControllerSettings& settin
     if (step == ProbeStep::Read && settings.remoteAccess && results.roundTripsUs.isEmpty())
         return QStringLiteral("what listens there takes no forwarding records of remote access; "
                               "try without --remote");
-    if (step == ProbeStep::TpduConnection && !results.roundTripsUs.isEmpty())
-        return QStringLiteral("the TSAPs were good before: the controller restarts, all eight of "
-                              "its connections are taken, or the line is bad");
+    const bool handshake = step == ProbeStep::TpduConnection || step == ProbeStep::Setup;
+    if (handshake && !results.roundTripsUs.isEmpty())
+        return QStringLiteral("it was good before: the controller restarts, all eight of its "
+                              "connections are taken, or the line is bad");
     Cause cause = results.failure.cause;
     if (results.socketError == QAbstractSocket::ConnectionRefusedError)
         cause = Cause::Closed;

@@ -3,6 +3,9 @@
 #include "panel/merged_reads.h"
 #include "panel/progress_line.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace s7200::panel
 {
 
@@ -112,8 +115,6 @@ void readBack(const Session& session, const QVector<Job>& jobs, QVector<Written>
     QVector<Item> items;
     for (int i = 0; i < int(jobs.size()); ++i) {
         const Result& result = all->at(i).result;
-        if (result.cause == Cause::Stopped)
-            return;
         if (result || (result.wasSent && result.cause != Cause::Refused)) {
             indexes.append(i);
             items.append(jobs.at(i).item);
@@ -124,18 +125,21 @@ void readBack(const Session& session, const QVector<Job>& jobs, QVector<Written>
         const Job& job = jobs.at(indexes.at(k));
         Written& written = (*all)[indexes.at(k)];
         if (!results.at(k)) {
-            if (written.result)
-                written.result = withDetail(results.at(k), "written, not read back: ");
+            written.result = written.result ? withDetail(results.at(k), "written, not read back: ")
+                                            : outcomeOf(written.result);
             continue;
         }
-        written.result = Result();
+        const Result sent = std::exchange(written.result, Result());
         written.readBack = results.at(k).value.elements;
         if (written.readBack == job.elements)
             continue;
         written.result.cause = Cause::Invalid;
-        written.result.detail =
-            QStringLiteral("written %1, reads back %2")
-                .arg(job.item.tag.text(job.elements), job.item.tag.text(written.readBack));
+        const QString wanted = job.item.tag.text(job.elements);
+        const QString found = job.item.tag.text(written.readBack);
+        written.result.detail = sent
+                                    ? QStringLiteral("written %1, reads back %2").arg(wanted, found)
+                                    : QStringLiteral("reads back %1 in place of %2: %3")
+                                          .arg(found, wanted, sent.detail);
     }
 }
 
@@ -189,14 +193,21 @@ QVector<Written> writeJobs(const Session& session, const QVector<Job>& jobs, boo
         Batch batch(session, "written", int(jobs.size()));
         for (int i = 0; i < int(jobs.size()); ++i) {
             batch.write(jobs.at(i).item.controller, jobs.at(i), [&, i](const Result& result) {
-                all[i].result = outcomeOf(result);
+                all[i].result = result;
                 batch.finishOne();
             });
         }
         batch.wait();
     }
-    if (verify)
+    const bool isStopped = std::any_of(all.begin(), all.end(), [](const Written& written) {
+        return written.result.cause == Cause::Stopped;
+    });
+    if (verify && !isStopped) {
         readBack(session, jobs, &all);
+    } else {
+        for (Written& written : all)
+            written.result = outcomeOf(written.result);
+    }
     return all;
 }
 

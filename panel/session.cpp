@@ -41,7 +41,10 @@ std::unique_ptr<Session> Session::open(const CommandLine& line, QString* error)
 {
     std::unique_ptr<Session> session(new Session);
     QVector<ControllerSettings> settings = line.controllers();
-    *error = wire::raiseDescriptorLimit(int(settings.size()), 1);
+    int named = 0;
+    for (int i = 0; i < int(settings.size()); ++i)
+        named += line.isNamed(i) ? 1 : 0;
+    *error = wire::raiseDescriptorLimit(named, 1);
     if (!error->isEmpty() || !session->openTrace(line, error))
         return nullptr;
     if (line.simulated() && !session->startSimulators(&settings, error))

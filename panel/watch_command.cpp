@@ -28,7 +28,8 @@ QList<QCommandLineOption> watchOptions()
         {"duration", "End after this many seconds.", "s"},
         {"until",
          "End when this is so, as in 'VW100>50' (< <= > >= == !=; a good value, scaled). Given "
-         "several times, all must be so at once. Status 8 if something else ends it before.",
+         "several times, all must be so at once. Status 8 if something else ends it before, the "
+         "link's if nothing could be read.",
          "condition"},
         {"wait", "Wait for controllers that cannot be reached at the start."},
         formatOption(),

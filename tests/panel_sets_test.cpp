@@ -135,6 +135,15 @@ private slots:
                  qPrintable(unknown.err));
         QCOMPARE(unknown.status, 5);
         QCOMPARE(m_simulator->peek(SimulatorArea::V, 0, 2), QByteArray::fromHex("0008"));
+        // Eight bits, of which the last ones do not arrive.
+        QVERIFY(m_simulator->setFaults({"item-error:every 5"}, &error));
+        const QString refused = run("write VB121=255").err;
+        QVERIFY2(refused.contains("object does not exist, but a part of it was written"),
+                 qPrintable(refused));
+        QVERIFY(m_simulator->setFaults({"close-mid-frame:every 6"}, &error));
+        const QString broken = run("write --verify VB123=255").err;
+        QVERIFY2(broken.contains(QRegularExpression("reads back \\d+ in place of 255: the conn")),
+                 qPrintable(broken));
     }
 
     // A write changes nothing beside what it names, and reads back in the format that was written.
