@@ -221,6 +221,8 @@ void LinkMachine::requestAnswered(const Transaction& transaction)
         ready(number); // of a remote link, which has no handshake
     up(number);
     station.answered = true;
+    if (isActive(transaction.request))
+        station.health.goodCycle(); // where nothing is watched it may be long to the next cycle
     m_cycleTrips += std::min(m_now - transaction.sentAt, m_settings.timeoutMs * Micros(1000));
     if (isWrite(transaction.request))
         writeAnswered(transaction.request, station.failure);

@@ -191,6 +191,19 @@ private slots:
                 "ok              -> get SM0+2\n"
                 "refuse          -> close; SMW0 refused 0\n" +
                 Again + "ok              -> cycle\n");
+        add("what was asked for and answered resets the back-off", "no probe",
+            "start           -> open; connecting\n"
+            "failed          -> close; down: no connection\n"
+            "+200            -> open\n"
+            "failed          -> close\n"
+            "+400            -> open\n"
+            "opened          -> connect\n"
+            "ok              -> setup\n"
+            "ok              -> up; cycle\n"
+            "read VW0        -> get V0+2\n"
+            "ok              -> done 0\n"
+            "closed          -> close; down: closed\n" +
+                Again + "ok              -> up; cycle\n");
         add("nothing to do: backs off, until it lasts", "no probe",
             begun("") +
                 "ok              -> up; cycle\n"

@@ -105,7 +105,8 @@ class PanelScreenTest : public QObject
 private slots:
     void initTestCase()
     {
-        QVERIFY(std::setlocale(LC_CTYPE, "C.UTF-8")); // for the widths of letters
+        // For the widths of letters. Under qemu there may be none of this byte order.
+        m_knowsWidths = std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
     }
 
     void wholeScreens()
@@ -188,6 +189,8 @@ private slots:
     // Letters of two cells and of none: what stands in columns stays in them.
     void wideLetters()
     {
+        if (!m_knowsWidths)
+            QSKIP("no UTF-8 locale");
         const QString wide = "漢字";
         const QString accented = "e\u0301";
         QCOMPARE(cellsOf(wide + accented + "\U0001F6A8", true), 7);
@@ -340,6 +343,9 @@ private slots:
         QCOMPARE(board.troubles(), QStringList({"no connection to a: refused"}));
         QCOMPARE(board.screenLines(1200).value(0), QString("1 of 2 links up"));
     }
+
+private:
+    bool m_knowsWidths = false;
 };
 
 QTEST_GUILESS_MAIN(PanelScreenTest)
