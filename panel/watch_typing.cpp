@@ -87,7 +87,7 @@ bool WatchRun::takeSignal(int number)
         return false;
     QString error;
     if (!m_output.reopen(&error))
-        say(error);
+        say(error + QStringLiteral("; records go on into the old file"));
     return true;
 }
 

@@ -9,8 +9,10 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -78,9 +80,13 @@ void waitForEnd(const sigset_t& ends, int durationSeconds)
         sigwait(&ends, &signal);
         return;
     }
-    timespec duration = {};
-    duration.tv_sec = durationSeconds;
-    sigtimedwait(&ends, nullptr, &duration);
+    // Continued after it was suspended, it waits on.
+    const QDeadlineTimer end(std::chrono::seconds{durationSeconds}, Qt::PreciseTimer);
+    timespec left = {};
+    do {
+        left.tv_sec = time_t(end.remainingTime() / 1000);
+        left.tv_nsec = long(end.remainingTime() % 1000) * 1000000;
+    } while (sigtimedwait(&ends, nullptr, &left) < 0 && errno == EINTR);
 }
 
 QString whereItListens(const SimulatorOptions& options, int firstPort)
