@@ -247,25 +247,6 @@ private slots:
         QVERIFY(gone.wait(LongMs));
     }
 
-    // The loader takes the first copy of the driver for the driver.
-    void manyControllersWhereOnlyTheLoaderFindsTheDriver()
-    {
-        QString error;
-        const QTemporaryDir directory;
-        const QString program = directory.filePath("program");
-        QVERIFY(QFile::copy(QCoreApplication::applicationFilePath(), program));
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("LD_LIBRARY_PATH",
-                           QFileInfo(findDriver(QString(), &error)).absolutePath());
-        QProcess process;
-        process.setProcessEnvironment(environment);
-        process.start(program, {"manyControllers"});
-        if (!process.waitForStarted(LongMs))
-            QSKIP("programs cannot be started here, as under qemu");
-        QVERIFY(process.waitForFinished(LongMs));
-        QVERIFY2(process.exitCode() == 0, process.readAll().constData());
-    }
-
     void severalStations()
     {
         SimulatorThread second(plainSimulator());

@@ -296,6 +296,26 @@ private slots:
         QVERIFY(capture.readAll().contains(QByteArray::fromHex("120a10020002000184000320")));
     }
 
+    // The system's loader takes the first copy of the driver for the driver from then on.
+    void controllersWhereOnlyTheLoaderFindsTheDriver()
+    {
+        const Simulator simulator;
+        const QTemporaryDir directory;
+        const QString program = directory.filePath("panel");
+        QVERIFY(QFile::copy(PANEL_PROGRAM, program));
+        const QString address = simulator.command("").last();
+        QString error;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("LD_LIBRARY_PATH",
+                           QFileInfo(findDriver(QString(), &error)).absolutePath());
+        QProcess process;
+        process.setProcessEnvironment(environment);
+        process.start(program, {"read", "--controller", "a=" + address, "--controller",
+                                "b=" + address, "a:VW0", "b:VW0"});
+        QVERIFY(process.waitForFinished(LongMs));
+        QVERIFY2(process.exitCode() == 0, process.readAllStandardError());
+    }
+
     // A shell's job in the background goes on recording, whatever is typed to others.
     void inTheBackground()
     {
