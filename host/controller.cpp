@@ -4,7 +4,6 @@
 #include "host/variable_bounds.h"
 
 #include <QDateTime>
-#include <QPointer>
 #include <QTimer>
 
 #include <deque>
@@ -140,9 +139,8 @@ bool Controller::start(QString* error)
     connect(session.get(), &Session::cycleDone, this, &Controller::cycleDone);
     QString reason;
     d->session = std::move(session);
-    const QPointer<Controller> self(this);
     if (d->session->start(d->watched, &reason))
-        return !self.isNull();
+        return true;
     d->session.reset();
     if (error)
         *error = reason;

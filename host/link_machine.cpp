@@ -77,7 +77,7 @@ void LinkMachine::start(Micros now)
     m_driver.SetComInfo(&m_comInfo);
     m_driver.RegistCallBackFuncIntf(nullptr, 0); // what DataCom returns says as much
     m_driver.FlashLocalRegister(nullptr, m_localWords->words, nullptr);
-    settle(true);
+    settle(false);
 }
 
 void LinkMachine::stop()

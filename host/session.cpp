@@ -46,8 +46,7 @@ void Session::addSocket(int station, const Endpoint& endpoint)
             [=] { happened([=] { m_machine.closed(station, now()); }); });
 }
 
-/// A copy of the list: a slot may delete the one that it belongs to.
-bool Session::start(const QVector<Variable> watched, QString* error)
+bool Session::start(const QVector<Variable>& watched, QString* error)
 {
     const QList<int> stations = m_settings.stations.keys() + QList<int>{m_settings.defaultStation};
     for (int station : stations) {

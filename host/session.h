@@ -22,7 +22,7 @@ public:
     explicit Session(const ControllerSettings& settings);
     ~Session() override;
 
-    bool start(const QVector<Variable> watched, QString* error);
+    bool start(const QVector<Variable>& watched, QString* error);
 
     /// Stops it and deletes it; while one of its functions is running further up, when that
     /// returns. An event loop in a slot may have called this: deleteLater() would be too early

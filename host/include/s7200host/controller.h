@@ -79,8 +79,8 @@ struct Result {
 /// function, run an event loop and delete the object. Between start() and stop() it cannot be moved
 /// to another thread.
 ///
-/// Requests that are open when the object ends are told so then: delete it, or stop() it, before
-/// what its completions use.
+/// Requests that are open when the object ends are told so then, from within the destructor: delete
+/// it, or stop() it, before what its completions use, and leave it alone in those.
 class S7200HOST_EXPORT Controller : public QObject
 {
     Q_OBJECT
