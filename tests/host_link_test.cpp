@@ -2,7 +2,6 @@
 // controllers that come and go and spoil their replies.
 
 #include "host/driver_copy.h"
-#include "host/name_lookup.h"
 #include "simulator/simulator_thread.h"
 
 #include <s7200host/controller.h>
@@ -359,27 +358,6 @@ private slots:
         settings.stations = {{300, {"127.0.0.1", 1}}};
         QVERIFY(!Controller(settings).start(&error));
         QVERIFY2(error.contains("station 300"), qPrintable(error));
-    }
-
-    // A name server that takes longer than any attempt must not keep a controller away for good.
-    void lateAnswer()
-    {
-        struct Lookup : NameLookup {
-            bool event(QEvent* event) override
-            {
-                isAnswered = true;
-                return NameLookup::event(event);
-            }
-            bool isAnswered = false;
-        } lookup;
-        int found = 0;
-        connect(&lookup, &NameLookup::found, this, [&found] { ++found; });
-        lookup.start("localhost");
-        lookup.abandon();
-        QTRY_VERIFY_WITH_TIMEOUT(lookup.isAnswered, LongMs);
-        lookup.start("localhost");
-        QCoreApplication::sendPostedEvents(&lookup); // no time for asking anew
-        QCOMPARE(found, 1);
     }
 
     void nothingIsLeftBehind()

@@ -141,6 +141,27 @@ private slots:
         QCOMPARE(rig.told.join(""), QString(10000, 'x') + "closed");
     }
 
+    // A name server that takes longer than any attempt must not keep a controller away for good.
+    void lateAnswer()
+    {
+        struct Lookup : NameLookup {
+            bool event(QEvent* event) override
+            {
+                isAnswered = true;
+                return NameLookup::event(event);
+            }
+            bool isAnswered = false;
+        } lookup;
+        int found = 0;
+        connect(&lookup, &NameLookup::found, this, [&found] { ++found; });
+        lookup.start("localhost");
+        lookup.abandon();
+        QTRY_VERIFY_WITH_TIMEOUT(lookup.isAnswered, LongMs);
+        lookup.start("localhost");
+        QCoreApplication::sendPostedEvents(&lookup); // no time for asking anew
+        QCOMPARE(found, 1);
+    }
+
     void nobodyThere()
     {
         Rig rig;
