@@ -130,8 +130,15 @@ QByteArray encoded(const QString& text)
 
 void complain(const QString& text)
 {
+    QString shown = QStringLiteral("s7200-panel: ");
+    for (const QChar c : text) {
+        // A file's name may hold what would command the terminal.
+        const bool isCommand = c.category() == QChar::Other_Control && c != QLatin1Char('\n');
+        shown += isCommand ? QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'))
+                           : QString(c);
+    }
     // Nobody can be told if this fails.
-    writeAll(STDERR_FILENO, encoded(QStringLiteral("s7200-panel: ") + text) + '\n');
+    writeAll(STDERR_FILENO, encoded(shown) + '\n');
 }
 
 int usageError(const QString& text)
