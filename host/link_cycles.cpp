@@ -93,7 +93,6 @@ void LinkMachine::readApart()
             ++m_apartLeft;
         }
     }
-    m_isEmptyCycle = m_listed == 0 && m_apartLeft == 0;
 }
 
 /// Whoever asks for something keeps the link up by that.
@@ -107,8 +106,11 @@ void LinkMachine::cycleProgress()
 {
     if (!m_inCycle || m_cyclicLeft > 0)
         return;
-    if (!m_apartQueued)
+    bool isEmpty = false; // there is nothing to read, not even a probe
+    if (!m_apartQueued) {
         readApart();
+        isEmpty = m_listed == 0 && m_apartLeft == 0;
+    }
     if (m_apartLeft > 0)
         return;
     m_inCycle = false;
@@ -119,8 +121,7 @@ void LinkMachine::cycleProgress()
         Station& station = entry.second;
         anyAnswered = anyAnswered || station.answered;
         // Who comes back at once was not told to be gone.
-        isWaitedFor =
-            isWaitedFor || station.hurries || (m_isEmptyCycle && m_requests.hasAny(entry.first));
+        isWaitedFor = isWaitedFor || station.hurries || (isEmpty && m_requests.hasAny(entry.first));
         if (isReady(station) && !station.isUp && asksNothing(entry.first))
             up(entry.first); // a new list has left it nothing to wait for
         // Where nothing is asked, that the connection lasts has to do.

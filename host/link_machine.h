@@ -195,10 +195,9 @@ private:
     int m_apartLeft = 0;  ///< The same of the variables that are read apart.
     Micros m_cycleBegan = -1;
     Micros m_nextCycle = 0;
-    bool m_apartQueued = false;  ///< In this cycle: they come last.
-    bool m_isEmptyCycle = false; ///< There is nothing to read, not even a probe.
-    Micros m_cycleTrips = 0;     ///< All round trips of this cycle,
-    Micros m_lastTrips = 0;      ///< and of the last one.
+    bool m_apartQueued = false; ///< In this cycle: they come last.
+    Micros m_cycleTrips = 0;    ///< All round trips of this cycle,
+    Micros m_lastTrips = 0;     ///< and of the last one.
     Micros m_nextExpiry = 0;
 
     LinkStatistics m_statistics;

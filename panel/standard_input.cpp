@@ -1,5 +1,7 @@
 #include "panel/standard_input.h"
 
+#include "panel/terminal.h"
+
 #include <QStringList>
 
 #include <cerrno>
@@ -39,13 +41,6 @@ void StandardInput::read()
     if (got <= 0)
         m_notifier->setEnabled(false);
     m_handler(QByteArray(bytes, int(qMax<ssize_t>(0, got))));
-}
-
-bool isForeground(int terminal)
-{
-    // Anything else has no foreground; 0 is one outside a container.
-    const pid_t group = ::tcgetpgrp(terminal);
-    return group <= 0 || group == ::getpgrp();
 }
 
 QStringList LineCutter::feed(const QByteArray& bytes)

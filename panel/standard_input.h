@@ -27,9 +27,6 @@ private:
     QTimer m_pause; ///< Runs in the background.
 };
 
-/// False for a terminal that another job of the shell has. Neither is it read then nor drawn on.
-bool isForeground(int terminal);
-
 /// Cuts bytes into lines, without outer blanks; empty ones are left out.
 class LineCutter
 {

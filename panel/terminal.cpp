@@ -31,6 +31,13 @@ bool isMonochrome(const QByteArray& term)
 
 } // namespace
 
+bool isForeground(int terminal)
+{
+    // Anything else has no foreground; 0 is one outside a container.
+    const pid_t group = ::tcgetpgrp(terminal);
+    return group <= 0 || group == ::getpgrp();
+}
+
 bool Terminal::isUsable()
 {
     const QByteArray term = qgetenv("TERM");

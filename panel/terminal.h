@@ -8,6 +8,9 @@
 namespace s7200::panel
 {
 
+/// False for a terminal that another job of the shell has. Neither is it read then nor drawn on.
+bool isForeground(int terminal);
+
 /// The terminal that standard output is, as a whole screen. Leaves it as it was found.
 class Terminal
 {

@@ -5,6 +5,21 @@
 
 using namespace s7200;
 
+namespace
+{
+
+/// Of three neighbours the first one is refused, and the second one is asked for.
+const QByteArray FirstOfThreeRefused =
+    begun("watch VW0 VW4 VW8") +
+    "ok              -> get V0+10; up\n"
+    "refuse          -> close; VW0 link down; VW4 link down; VW8 link down\n" +
+    Again +
+    "ok              -> get V0+2\n"
+    "refuse          -> close; VW0 refused\n" +
+    Again + "ok              -> get V4+2\n";
+
+} // namespace
+
 class HostFailuresTest : public QObject
 {
     Q_OBJECT
@@ -98,16 +113,7 @@ private slots:
                 "+500            -> get V0+6\n"
                 "refuse          -> close; VW0 link down 1; VW4 link down 6\n");
         add("refused in numbers: the rest goes on", "",
-            begun("watch VW0 VW4 VW8") +
-                "ok              -> get V0+10; up\n"
-                "refuse          -> close; VW0 link down; VW4 link down; VW8 link down\n" +
-                Again +
-                "ok              -> get V0+2\n"
-                "refuse          -> close; VW0 refused\n" +
-                Again +
-                "ok              -> get V4+2\n"
-                "refuse          -> close; VW4 refused\n" +
-                Again +
+            FirstOfThreeRefused + "refuse          -> close; VW4 refused\n" + Again +
                 "ok              -> get V8+2\n"
                 "ok 0003         -> VW8 good 3; cycle\n"
                 "stall 60000     -> get V8+2; VW8 stale 3\n"
@@ -130,14 +136,7 @@ private slots:
                 "ok              -> get V0+8; VW0x4 never read; AIW2 good 0\n"
                 "ok 0001000200030004 -> VW0x4 good 1 2 3 4; cycle\n");
         add("on trial behind what is read apart", "no probe",
-            begun("watch VW0 VW4 VW8") +
-                "ok              -> get V0+10; up\n"
-                "refuse          -> close; VW0 link down; VW4 link down; VW8 link down\n" +
-                Again +
-                "ok              -> get V0+2\n"
-                "refuse          -> close; VW0 refused\n" +
-                Again +
-                "ok              -> get V4+2\n"
+            FirstOfThreeRefused +
                 "ok              -> get V8+2; VW4 good 0; VW8 never read\n"
                 "refuse          -> close; VW4 link down 0; VW8 refused\n" +
                 Again +

@@ -14,7 +14,7 @@ namespace s7200
 /// A decimal fraction, exactly: digits / 10^places.
 struct Decimal {
     static constexpr int MostDigits = 18; ///< In all.
-    static constexpr int MostPlaces = 9; ///< Behind the point.
+    static constexpr int MostPlaces = 9;  ///< Behind the point.
 
     qint64 digits = 0; ///< All of them, with the sign.
     int places = 0;    ///< 0 to MostPlaces.
