@@ -18,6 +18,8 @@ namespace
 constexpr int MostControllers = 10000;
 constexpr int MostSeconds = 1000000;
 constexpr int MostDelayMs = 60000;
+constexpr int SmallestPdu = 20; // that of the reply that grants it
+constexpr int LargestPdu = 960;
 
 struct OptionRow {
     const char* name;
@@ -34,7 +36,9 @@ constexpr OptionRow Options[] = {
      "The controller's own (called) TSAP, two hexadecimal\n"
      "bytes such as 10.00; connections that call another are\n"
      "refused. Default: any will do"},
-    {"pdu", "BYTES", "Grant a PDU of at most so many bytes, 64 to 960.\nDefault: 240"},
+    {"pdu", "BYTES",
+     "Grant a PDU of at most so many bytes, 20 to 960, and\n"
+     "refuse what would not fit it. Default: 240"},
     {"latency", "MS[:JITTER]",
      "Delay each reply by MS milliseconds, and up to JITTER\nmore at random."},
     {"idle", "S",
@@ -176,7 +180,7 @@ void readControllers(Reader& reader, SimulatorOptions* simulator)
                           .arg(simulator->count)
                           .arg(simulator->port)
                           .arg(0x10000 - simulator->port));
-    reader.number("pdu", 64, 960, &simulator->largestPdu);
+    reader.number("pdu", SmallestPdu, LargestPdu, &simulator->largestPdu);
     if (reader.isSet("tsap"))
         simulator->tsap = wire::parseTsap(reader.text("tsap"));
     if (reader.isSet("tsap") && !simulator->tsap)
@@ -261,7 +265,9 @@ QString helpText()
                "Live values; one that is written stands still until the program ends:") +
            indent + ControllerMemory::liveValues().join(indent) +
            QStringLiteral("\n\nFaults, by default at every chance; at most one strikes a reply, "
-                          "of several the\none named first:") +
+                          "of several the\none named first. \"address A\" strikes each job that "
+                          "touches A: a variable such as\nVW100, M0.3 or T37, or a byte address or "
+                          "number in any area:") +
            indent + FaultInjector::descriptions().join(indent);
 }
 

@@ -141,8 +141,7 @@ bool FaultInjector::parseRule(const QString& text, Rule* rule, QString* error)
         rule->every = parameter.mid(6).toInt(&good);
         good = good && rule->every >= 1;
     } else if (parameter.startsWith(QLatin1String("address "))) {
-        rule->address = parameter.mid(8).toInt(&good);
-        good = good && rule->address >= 0 && (row->moments & OnJob) != 0;
+        good = (row->moments & OnJob) != 0 && parsePlace(parameter.mid(8), rule);
     } else {
         rule->probability = parameter.toDouble(&good);
         good = good && rule->probability >= 0 && rule->probability <= 1;
@@ -152,18 +151,37 @@ bool FaultInjector::parseRule(const QString& text, Rule* rule, QString* error)
                                 "\"every N\" with N from 1")
                      .arg(text);
         if ((row->moments & OnJob) != 0)
-            *error += QStringLiteral(" or \"address A\" with A from 0");
+            *error += QStringLiteral(" or \"address A\", A being a variable inside its area, such "
+                                     "as VW100 or T37, or a byte address or number from 0");
     }
     return good;
 }
 
-FaultKind FaultInjector::choose(FaultMoment moment, int address)
+bool FaultInjector::parsePlace(const QString& text, Rule* rule)
+{
+    bool isNumber = false;
+    const int number = text.toInt(&isNumber);
+    if (isNumber)
+        rule->number = number;
+    else
+        rule->place = MemoryRange::parse(text);
+    return isNumber ? number >= 0 : rule->place.has_value();
+}
+
+bool FaultInjector::isAimedAt(const Rule& rule, const MemoryRange& touched)
+{
+    if (rule.number >= 0)
+        return touched.touches(touched.elementOfSameArea(rule.number));
+    return !rule.place || touched.touches(*rule.place);
+}
+
+FaultKind FaultInjector::choose(FaultMoment moment, const MemoryRange& touched)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     FaultKind chosen = FaultKind::None;
     for (Rule& rule : m_rules) {
-        const bool fits = (findKind(rule.kind)->moments & momentBit(moment)) != 0 &&
-                          (rule.address < 0 || rule.address == address);
+        const bool fits =
+            (findKind(rule.kind)->moments & momentBit(moment)) != 0 && isAimedAt(rule, touched);
         if (fits && strikes(rule) && chosen == FaultKind::None)
             chosen = rule.kind;
     }

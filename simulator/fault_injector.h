@@ -1,6 +1,8 @@
 #ifndef SIMULATOR_FAULT_INJECTOR_H
 #define SIMULATOR_FAULT_INJECTOR_H
 
+#include "simulator/memory_range.h"
+
 #include <QByteArray>
 #include <QMap>
 #include <QString>
@@ -47,12 +49,13 @@ public:
     explicit FaultInjector(quint32 seed);
 
     /// Replaces the faults: each text is KIND, KIND:PROBABILITY, "KIND:every N" or
-    /// "KIND:address A". False with a one-line `error`, and nothing changed, if one is wrong.
+    /// "KIND:address A", A being a variable such as VW100 or, for any area, a byte address or
+    /// number. False with a one-line `error`, and nothing changed, if one is wrong.
     bool setFaults(const QStringList& texts, QString* error);
 
     /// The fault for this moment, None for most. At most one strikes at a time, of several that
-    /// would the one named first. `address`: byte address or element number of a job.
-    FaultKind choose(FaultMoment moment, int address = -1);
+    /// would the one named first. `touched`: what a job reads or writes.
+    FaultKind choose(FaultMoment moment, const MemoryRange& touched = {});
 
     /// The reply as the faults that change bytes make it; the others return it as it is.
     QByteArray spoil(FaultKind kind, const QByteArray& reply);
@@ -70,12 +73,15 @@ private:
     struct Rule {
         FaultKind kind = FaultKind::None;
         double probability = 1;
-        int every = 0;    ///< 0: by probability.
-        int address = -1; ///< -1: any.
-        int seen = 0;     ///< Moments since it last struck; counted for `every`.
+        int every = 0;   ///< 0: by probability.
+        int number = -1; ///< Byte address, timer or counter in any area; -1: not by number.
+        std::optional<MemoryRange> place; ///< Nothing: any.
+        int seen = 0;                     ///< Moments since it last struck; counted for `every`.
     };
 
     static bool parseRule(const QString& text, Rule* rule, QString* error);
+    static bool parsePlace(const QString& text, Rule* rule);
+    static bool isAimedAt(const Rule& rule, const MemoryRange& touched);
     bool strikes(Rule& rule);
     int below(int limit);
 

@@ -18,8 +18,7 @@ constexpr int CountOffset = 11;
 constexpr int OriginOffset = 2;
 constexpr int ValueOffset = 21;
 constexpr int ShortestRecord = ValueOffset + 1;
-constexpr int LongestPayload = 65535 - wire::PayloadOffset;
-constexpr int LongestPayloadInBits = 8191;
+constexpr int SmdType = 24;
 
 /// How a write's value is encoded and how its address counts.
 enum class Encoding { Bits, Bytes, Words, DoubleWords, Elements };
@@ -111,7 +110,10 @@ QByteArray controllerBytes(Encoding encoding, const QByteArray& value, int count
 
 } // namespace
 
-RemoteRequestHandler::RemoteRequestHandler(ControllerMemory* memory) : m_memory(memory) {}
+RemoteRequestHandler::RemoteRequestHandler(ControllerMemory* memory, int largestPdu)
+    : m_memory(memory), m_largestPdu(largestPdu)
+{
+}
 
 void RemoteRequestHandler::append(const QByteArray& bytes)
 {
@@ -165,11 +167,50 @@ RequestSummary RemoteRequestHandler::parse(const QByteArray& request)
         return summary;
     }
     summary.kind = RequestSummary::Job;
-    const RegisterShape* shape = shapeOf(m_current.registerType);
-    const bool byBit = shape != nullptr &&
-                       (m_current.isWrite ? shape->encoding == Encoding::Bits : shape->readsByBit);
-    summary.address = byBit && !isNumbered(*shape) ? m_current.address / 8 : m_current.address;
+    summary.touched = touchedBy(m_current);
     return summary;
+}
+
+MemoryRange RemoteRequestHandler::touchedBy(const Record& record)
+{
+    MemoryRange range;
+    const RegisterShape* shape = shapeOf(record.registerType);
+    if (shape == nullptr)
+        return range;
+    range.area = shape->area;
+    range.first = record.address;
+    qint64 units = record.count;
+    if (!isNumbered(*shape)) {
+        const bool byBit = record.isWrite ? shape->encoding == Encoding::Bits : shape->readsByBit;
+        if (!byBit)
+            range.first *= 8;
+        else if (!record.isWrite)
+            range.first -= range.first % 8; // whole bytes are fetched
+        if (!record.isWrite)
+            units *= 8 * shape->replyBytes;
+        else if (shape->encoding != Encoding::Bits)
+            units *= shape->encoding == Encoding::Bytes ? 8 : 16;
+    }
+    range.end = range.first + units;
+    return range;
+}
+
+/// Of the job or the reply that carries the data between peer and controller.
+int RemoteRequestHandler::pduLength() const
+{
+    const RegisterShape& shape = *shapeOf(m_current.registerType);
+    if (!m_current.isWrite)
+        return ReadReplyOverhead + m_current.count * shape.replyBytes;
+    if (isNumbered(shape))
+        return WriteJobOverhead + m_current.count * ControllerMemory::elementSize(shape.area);
+    const bool byteEach = shape.encoding == Encoding::Bits || shape.encoding == Encoding::Bytes;
+    return WriteJobOverhead + m_current.count * (byteEach ? 1 : 2);
+}
+
+QByteArray RemoteRequestHandler::refuse(JobError error)
+{
+    m_jobError = error;
+    return jobRefusal(m_reference, error);
 }
 
 QByteArray RemoteRequestHandler::answer(Refusal refusal)
@@ -179,8 +220,7 @@ QByteArray RemoteRequestHandler::answer(Refusal refusal)
     m_lastReference = m_reference;
     QByteArray reply;
     if (!m_current.valid || shapeOf(m_current.registerType) == nullptr) {
-        m_jobError = JobError::NotSupported;
-        reply = jobRefusal(m_reference, m_jobError);
+        reply = refuse(JobError::NotSupported);
     } else {
         reply = m_current.isWrite ? write(refusal) : read(refusal);
         if (refusal == Refusal::Job) {
@@ -212,18 +252,20 @@ QByteArray RemoteRequestHandler::read(Refusal refusal)
         offset /= 8;
     if (refusal == Refusal::Item)
         m_itemCode = ItemCode::NoSuchObject;
-    else if (m_current.address < 0 || offset >= ControllerMemory::size(shape.area) || bytes < 1 ||
-             bytes > LongestPayload)
+    else if (m_current.address < 0 || offset >= ControllerMemory::size(shape.area) || bytes < 1)
         m_itemCode = ItemCode::AddressOutOfRange;
     if (m_itemCode != ItemCode::Success)
         return readRefusal(m_reference, m_itemCode);
-    const DataSize unit =
-        bytes <= LongestPayloadInBits && !isNumbered(shape) ? DataSize::Bits : DataSize::Bytes;
+    if (pduLength() > m_largestPdu)
+        return refuse(JobError::PduTooLong);
+    const DataSize unit = isNumbered(shape) ? DataSize::Bytes : DataSize::Bits;
     return readReply(m_reference, unit, m_memory->read(shape.area, int(offset), bytes));
 }
 
 QByteArray RemoteRequestHandler::write(Refusal refusal)
 {
+    if (refusal == Refusal::None && pduLength() > m_largestPdu)
+        return refuse(JobError::PduTooLong);
     if (refusal == Refusal::Item)
         m_itemCode = ItemCode::NoSuchObject;
     else if (refusal == Refusal::None)
@@ -235,6 +277,8 @@ ItemCode RemoteRequestHandler::store()
 {
     const RegisterShape& shape = *shapeOf(m_current.registerType);
     const bool bits = shape.encoding == Encoding::Bits;
+    if (m_current.registerType == SmdType) // goes to an area of its own, which does not exist
+        return ItemCode::NoSuchObject;
     if (m_current.address < 0 || m_current.count < 1)
         return ItemCode::AddressOutOfRange;
     if (m_current.value.size() < m_current.count * (bits ? 1 : 2))

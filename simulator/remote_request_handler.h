@@ -24,8 +24,9 @@ public:
     /// Bytes that follow each reply beyond its TPKT length.
     static constexpr int TrailingBytes = 2;
 
-    /// `memory` must outlive the handler.
-    explicit RemoteRequestHandler(ControllerMemory* memory);
+    /// `memory` must outlive the handler. What would not fit a PDU of `largestPdu` bytes between
+    /// peer and controller is refused: the record's own length is no measure of it.
+    explicit RemoteRequestHandler(ControllerMemory* memory, int largestPdu = 960);
 
     void append(const QByteArray& bytes) override;
     std::optional<QByteArray> takeRequest() override;
@@ -47,6 +48,9 @@ private:
     };
 
     static Record parseRecord(const QByteArray& bytes);
+    static MemoryRange touchedBy(const Record& record);
+    int pduLength() const;
+    QByteArray refuse(JobError error);
     QByteArray read(Refusal refusal);
     QByteArray write(Refusal refusal);
     ItemCode store();
@@ -54,6 +58,7 @@ private:
     ItemCode storeBits(SimulatorArea area);
 
     ControllerMemory* m_memory;
+    int m_largestPdu;
     wire::ByteQueue m_waiting;
     Record m_current;
     quint16 m_reference = 0;

@@ -1,6 +1,8 @@
 #ifndef SIMULATOR_REQUEST_HANDLER_H
 #define SIMULATOR_REQUEST_HANDLER_H
 
+#include "simulator/memory_range.h"
+
 #include <QByteArray>
 #include <QString>
 
@@ -17,7 +19,7 @@ enum class Refusal { None, Job, Item };
 struct RequestSummary {
     enum Kind { Other, Connect, Setup, Job };
     Kind kind = Other;
-    int address = -1; ///< Jobs: byte address, or number of the first timer or counter.
+    MemoryRange touched; ///< Jobs: what is read or written.
 };
 
 /// One connection's side of the conversation, without the socket: takes received bytes, cuts them

@@ -15,6 +15,9 @@ using wire::JobError;
 /// What stands before a read reply's payload, counted in the granted PDU length.
 constexpr int ReadReplyOverhead = 18;
 
+/// What stands before a write job's payload, counted likewise.
+constexpr int WriteJobOverhead = 28;
+
 /// A read reply with one item. `payload` holds at most 65510 bytes, 8191 if counted in bits.
 QByteArray readReply(quint16 reference, DataSize unit, const QByteArray& payload);
 

@@ -18,7 +18,7 @@ constexpr int ProgramDataBlock = 1; // V memory is addressed as data block 1
 
 struct AreaRow {
     AreaCode code;
-    bool readable;
+    bool exists;
     SimulatorArea area;
 };
 
@@ -33,7 +33,8 @@ constexpr AreaRow Areas[] = {
     {AreaCode::AQW, true, SimulatorArea::AQW},
     {AreaCode::Timer, true, SimulatorArea::Timer},
     {AreaCode::Counter, true, SimulatorArea::Counter},
-    {AreaCode::SpecialWrites, false, SimulatorArea::SM}, // its double words are written so
+    // Double words of SM are written so: told by that name, and refused as any area that is not.
+    {AreaCode::SpecialWrites, false, SimulatorArea::SM},
 };
 
 struct SizeRow {
@@ -47,9 +48,8 @@ constexpr SizeRow ByteAreaSizes[] = {
 const AreaRow* findArea(const S7Request& item)
 {
     for (const AreaRow& row : Areas) {
-        const bool allowed = row.readable || item.kind == S7Request::Write;
         const bool rightBlock = row.area != SimulatorArea::V || item.dbNumber == ProgramDataBlock;
-        if (int(row.code) == item.area && allowed && rightBlock)
+        if (int(row.code) == item.area && rightBlock)
             return &row;
     }
     return nullptr;
@@ -66,6 +66,23 @@ int transportBytes(const S7Request& item, SimulatorArea area)
             return row.bytes;
     }
     return 0;
+}
+
+/// What a job is about, whether it can be served or not.
+MemoryRange touchedBy(const S7Request& item)
+{
+    MemoryRange range;
+    range.first = item.address;
+    int units = item.transportSize == int(ItemSize::Bit) ? 1 : 8; // of one element
+    if (const AreaRow* row = findArea(item)) {
+        range.area = row->area;
+        if (ControllerMemory::elementSize(row->area) > 1)
+            units = 1;
+        else if (units > 1)
+            units *= std::max(transportBytes(item, row->area), 1);
+    }
+    range.end = range.first + qint64(item.count) * units;
+    return range;
 }
 
 /// True if the data of a write are those that its item announces. The length of a block of bits
@@ -121,13 +138,10 @@ RequestSummary S7RequestHandler::parse(const QByteArray& request)
         summary.kind = RequestSummary::Setup;
         break;
     case S7Request::Read:
-    case S7Request::Write: {
-        const AreaRow* row = findArea(m_current);
-        const bool numbered = row != nullptr && ControllerMemory::elementSize(row->area) > 1;
+    case S7Request::Write:
         summary.kind = RequestSummary::Job;
-        summary.address = numbered ? m_current.address : m_current.address / 8;
+        summary.touched = touchedBy(m_current);
         break;
-    }
     default:
         break;
     }
@@ -246,7 +260,7 @@ S7RequestHandler::Place S7RequestHandler::place(const S7Request& item)
 {
     Place result;
     const AreaRow* row = findArea(item);
-    if (row == nullptr) {
+    if (row == nullptr || !row->exists) {
         result.code = ItemCode::NoSuchObject;
         return result;
     }

@@ -149,7 +149,7 @@ void SimulatedConnection::serve(const QByteArray& request)
     const RequestSummary summary = m_handler->parse(request);
     FaultKind fault = FaultKind::None;
     if (summary.kind != RequestSummary::Other)
-        fault = m_state->faults.choose(momentOf(summary.kind), summary.address);
+        fault = m_state->faults.choose(momentOf(summary.kind), summary.touched);
     const QByteArray reply = m_handler->answer(refusalFor(fault));
     log(m_handler->description(), fault);
     if (!m_lateReply.isEmpty()) {

@@ -156,7 +156,7 @@ private slots:
         QStringList writes = QString("Q1.3=1 M3.6x5=1,0,1,1,0 S0.7=1 SM40.0=1 V8.1=1 QB4=165 "
                                      "QW10=4660 MW12x3=1,2,65535 SW14=7 SMW42=513 VB31=200 "
                                      "VB41x5=1,2,3,4,5 QD20=305419896 MD20=1 SD20=4294967295 "
-                                     "SMD50=305419896 AQW6=32000")
+                                     "AQW6=32000")
                                  .split(' ');
         for (const char* value :
              {"VW200x250=51966", "VD3000x110=3735928559", "TV5x60=299", "CV3x80=298"}) {
@@ -170,6 +170,9 @@ private slots:
             QCOMPARE(name + ' ' + rig.ask(name),
                      name + ' ' + write.section('=', 1).replace(',', ' '));
         }
+        // Double words of SM go to an area that the controller does not have.
+        QCOMPARE(rig.ask("SMD50=305419896"), QString("refused: object does not exist"));
+        QCOMPARE(rig.ask("SMD50"), QString("0"));
     }
 
     void comesAndGoes_data()

@@ -139,7 +139,7 @@ private:
                 summary.kind == sim::RequestSummary::Connect ? sim::FaultMoment::Connect
                 : summary.kind == sim::RequestSummary::Setup ? sim::FaultMoment::Setup
                                                              : sim::FaultMoment::Job;
-            const auto fault = m_faults.choose(moment, summary.address);
+            const auto fault = m_faults.choose(moment, summary.touched);
             m_faults.count(fault);
             auto refusal = sim::Refusal::None;
             if (fault == sim::FaultKind::ErrorClass)

@@ -370,6 +370,7 @@ private slots:
             {"--duration 0", 2, "\"0\""}, {"--count 0", 2, "\"0\""}, {"--tsap 10", 2, "\"10\""},
             {"--listen 127.0.0.1:65000 --count 537", 2, "536 controllers"},
             {"--latency 5:x", 2, "\"5:x\""}, {"--only 1-2", 2, "\"1-2\""}, {"--pdu 9", 2, "\"9\""},
+            {"--pdu 19", 2, "20 to 960"}, {"--fault lost:address", 2, "inside its area"},
             {"--listen localhost:0", 1, "\"localhost\""}, {"--trace /dev/null/x", 1, "/dev/null/x"},
             {"--duration 1", 1, "standard output"}};
         // clang-format on

@@ -141,8 +141,8 @@ private slots:
             {"020001000083000050", "04000101", "FF", M, 9, "ee01ee"}, // length of bits in bytes
             {"010001000083000053", "03000100", "FF", M, 10, "e6ee"},
             {"010001000083000050", "03000101", "FF", M, 10, "efee"},
-            // Double words of SM come under an area code of their own.
-            {"040002000085000140", "04002001020304", "FF", SM, 39, "ee01020304ee"},
+            // Double words of SM come under an area code of their own, which does not exist.
+            {"040002000085000140", "04002001020304", "0A", SM, 39, "eeeeeeeeeeee"},
             // Timers and counters keep their status.
             {"1F000200001F000005", "04005002000001020000000304", "FF",
              T, 25, "eeeeee0102eeeeee0304ee"},
@@ -285,6 +285,7 @@ private slots:
                                           {record(1, 14, 256, 1, "0000"), "05"},
                                           {record(1, 12, -1, 1, "0000"), "05"},
                                           {record(1, 12, 0, 2, "0000"), "07"},
+                                          {record(1, 24, 40, 2, "01020304"), "0A"},
                                           {record(1, 5, 81919, 2, "0101"), "05"}})
             expectTalk(handler, write, remote(reference++, reply(Write, code)));
         for (; reference <= 0xFFFF; ++reference)
@@ -292,6 +293,39 @@ private slots:
         QCOMPARE(handler.reply(read).mid(11, 2), word16(1)); // 0 is for the first reply only
         handler.replySpoiled();
         QCOMPARE(handler.reply(read).mid(11, 2), word16(1));
+    }
+
+    void remoteRecordsKeepToThePdu()
+    {
+        // Origin, type and the largest count that fits 240 bytes: 222 of a reply, 212 of a job.
+        // clang-format off
+        const std::tuple<int, int, int> rows[] = {
+            {0, 2, 222}, {0, 5, 111}, {0, 12, 111}, {0, 16, 32}, {0, 14, 44}, {0, 19, 74},
+            {1, 12, 106}, {1, 13, 106}, {1, 11, 116}, {1, 5, 212}, {1, 14, 42}, {1, 15, 70}};
+        // clang-format on
+        for (const auto& [origin, type, most] : rows) {
+            const auto recordOf = [origin = origin, type = type](int count) {
+                const bool bits = type == 5;
+                const QByteArray value(origin ? 2 * count * (bits ? 1 : 2) : 0, '1');
+                return record(origin, type, 0, count, value.constData());
+            };
+            ControllerMemory memory;
+            RemoteRequestHandler handler(&memory, 240);
+            const QString row = QString("%1 %2 %3").arg(origin).arg(type).arg(most);
+            const QByteArray good = handler.reply(recordOf(most));
+            QVERIFY2(good.mid(17, 2) == word16(0) && good.at(21) == '\xFF', qPrintable(row));
+            if (type == 11 || type == 16) // no longer record, no larger area
+                continue;
+            const QByteArray before = memory.read(V, 0, 10240) + memory.read(T, 0, 1280);
+            expectTalk(handler, recordOf(most + 1), remote(1, reply(Read, "8500")));
+            QVERIFY(before == memory.read(V, 0, 10240) + memory.read(T, 0, 1280));
+            // It did not count.
+            expectTalk(handler, record(0, 3, 0, 1), remote(1, reply(Read, "FF04000800")));
+        }
+        ControllerMemory memory;
+        RemoteRequestHandler small(&memory, 64);
+        QCOMPARE(int(small.reply(record(0, 12, 0, 23)).size()), 25 + 46 + 2);
+        expectTalk(small, record(0, 12, 0, 24), remote(1, reply(Read, "8500")));
     }
 
     void liveValues()
@@ -328,6 +362,59 @@ private slots:
         QCOMPARE(peer.description(), QString("write MW20 = 0x1234 -> ok"));
     }
 
+    void faultsAreAimed()
+    {
+        const auto expectStruck = [](RequestHandler& handler, const QByteArray& request,
+                                     const QString& struck, const QString& spared) {
+            const RequestSummary summary = handler.parse(request);
+            QCOMPARE(summary.kind, RequestSummary::Job);
+            for (const QString& aim : (struck + ' ' + spared).split(' ', Qt::SkipEmptyParts)) {
+                QString error;
+                FaultInjector injector(1);
+                QVERIFY2(injector.setFaults({"lost:address " + aim}, &error), qPrintable(error));
+                const bool strikes =
+                    injector.choose(FaultMoment::Job, summary.touched) == FaultKind::Lost;
+                QVERIFY2(strikes == struck.split(' ').contains(aim),
+                         qPrintable(toHex(request) + ' ' + aim));
+            }
+        };
+        // A job, what strikes it, and what does not.
+        // clang-format off
+        const std::tuple<const char*, const char*, const char*, const char*> jobs[] = {
+            {Read, "0200040001840001E0", "60 63 VB60 VB63 VW59 VD63 V63.7 VB0x61", // VB60 to VB63
+             "59 64 VB59 VB64 VW58 MB60 T60 IW60 V64.0 VB0x60"},
+            {Read, "0600010001840001E0", "63 VB63", "64 VB64"}, // a double word
+            {Read, "010001000083000053", "10 M10.3 MB10 MW9", "M10.2 M10.4 11 V10.3"},
+            {Write, "010001000083000053", "10 M10.3 MB10", "M10.2 M10.4 11"},
+            {Read, "1F000800001F00001E", "30 37 T37 TV37 T20x11", "29 38 T38 C37 VB37 T20x10"},
+            {Read, "1E000800001E00001E", "37 C37 CV30", "38 T37 C38"},
+            {Read, "040002000006000010", "2 5 AIW4 AIW2", "1 6 AIW0 AIW6 AQW4 VW4"},
+            {Write, "040002000085000140", "40 43 SMD40 SMB43", "44 SMB44 VB40"},
+            {Read, "020004000299000000", "0 3", "4 VB0"}}; // no such area
+        // clang-format on
+        ConnectedHandler s7;
+        for (const auto& [function, item, struck, spared] : jobs)
+            expectStruck(s7, job(function, item, function == Write ? "03000101" : ""), struck,
+                         spared);
+        // Forwarded: origin, type, address, count.
+        // clang-format off
+        const std::tuple<int, int, int, int, const char*, const char*> records[] = {
+            {0, 12, 98, 2, "98 101 VW100", "97 102 VB102 MB98"}, // brings twice its count
+            {0, 2, 83, 2, "10 11 M10.0 MB11", "9 12 M12.0"},
+            {0, 14, 30, 8, "37 T37", "38 T38 C37 VB37"},
+            {0, 16, 4, 1, "4 AIW4", "AIW6 AQW4"},
+            {1, 2, 83, 3, "10 M10.3 M10.5", "M10.2 M10.6 11"},
+            {1, 12, 100, 1, "101 VB101", "VB102 102"}, {1, 11, 7, 2, "VB8", "VB9"},
+            {1, 13, 100, 2, "VB103", "VB104"}, {1, 15, 3, 2, "C4", "C5 T4 VB4"},
+            {0, 25, 0, 1, "", "VB0 0"}}; // no such type
+        // clang-format on
+        ControllerMemory memory;
+        RemoteRequestHandler peer(&memory);
+        for (const auto& [origin, type, address, count, struck, spared] : records)
+            expectStruck(peer, record(origin, type, address, count, origin ? "0000" : ""), struck,
+                         spared);
+    }
+
     void faultRules()
     {
         const auto chosen = [](quint32 seed, const QStringList& faults, int times) {
@@ -337,17 +424,41 @@ private slots:
             injector.setFaults(faults, &error);
             QStringList kinds;
             for (int i = 0; i < times; ++i)
-                kinds += FaultInjector::name(injector.choose(FaultMoment::Job, 100 + i));
+                kinds += FaultInjector::name(
+                    injector.choose(FaultMoment::Job, {V, 8 * (100 + i), 8 * (101 + i)}));
             return kinds;
         };
         for (const QString& line : FaultInjector::descriptions())
             QCOMPARE(chosen(1, {"lost", line.section(' ', 0, 0)}, 1), QStringList("lost"));
-        for (const char* text : {"lost:0", "late:1", "late:0.25", "split:every 1",
-                                 "doubled:address 0", "silent-accept:every 2"})
+        for (const char* text :
+             {"lost:0", "late:1", "late:0.25", "split:every 1", "doubled:address 0",
+              "silent-accept:every 2", "late:address vw0", "late:address VB10239",
+              "late:address M0.7", "late:address AIW62", "late:address T255x1"})
             QCOMPARE(chosen(1, {"lost", text}, 1), QStringList("lost"));
-        for (const char* text : {"lots", "lost:", "lost:1.1", "lost:-0.1", "lost:nan", "lost:every",
-                                 "lost:every 0", "lost:every x", "lost:address -1",
-                                 "lost:address 1x", "lost:0.5:every 2", "silent-accept:address 1"})
+        for (const char* text : {"lots",
+                                 "lost:",
+                                 "lost:1.1",
+                                 "lost:-0.1",
+                                 "lost:nan",
+                                 "lost:every",
+                                 "lost:every 0",
+                                 "lost:every x",
+                                 "lost:address -1",
+                                 "lost:address 1x",
+                                 "lost:0.5:every 2",
+                                 "silent-accept:address 1",
+                                 "lost:address V100",
+                                 "lost:address VW100.1",
+                                 "lost:address M0.8",
+                                 "lost:address XW1",
+                                 "lost:address VW",
+                                 "lost:address VW10239",
+                                 "lost:address AIW63",
+                                 "lost:address T255x2",
+                                 "lost:address C256",
+                                 "lost:address T37.0",
+                                 "lost:address VW0x0",
+                                 "lost:address "})
             QCOMPARE(chosen(1, {"lost", text}, 1), QStringList("split"));
         QCOMPARE(chosen(1, {"late:address 102", "lost:every 3", "refuse-connection", "late:0"}, 6),
                  QStringList({"", "", "late", "", "", "lost"}));
