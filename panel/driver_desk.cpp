@@ -5,6 +5,7 @@
 #include "panel/frame_text.h"
 #include "wire/s7_fields.h"
 
+#include <siemens_s7_200_cp243/host_interface.h>
 #include <siemens_s7_200_cp243/register_types.h>
 
 namespace s7200::panel
@@ -18,12 +19,14 @@ namespace
 /// One in five calls gives nothing although there is something to send.
 constexpr int MostIdleCalls = 2;
 
-QByteArray acknowledgement(const QByteArray& request, const QByteArray& parameters,
-                           const QByteArray& data)
+/// Bytes that a peer's reply to a forwarding record has beyond the length in its TPKT header.
+constexpr int RemoteTrailingBytes = 2;
+
+QByteArray acknowledgement(int reference, const QByteArray& parameters, const QByteArray& data)
 {
     QByteArray reply = QByteArray::fromHex("0300000002f0803203");
     appendWord(reply, 0);
-    appendWord(reply, wordAt(request, PduReferenceOffset));
+    appendWord(reply, reference);
     appendWord(reply, int(parameters.size()));
     appendWord(reply, int(data.size()));
     appendWord(reply, 0); // no error
@@ -31,6 +34,20 @@ QByteArray acknowledgement(const QByteArray& request, const QByteArray& paramete
     QByteArray length;
     appendWord(length, int(reply.size()));
     return reply.replace(TpktLengthOffset, 2, length);
+}
+
+/// Of a read or write of one item.
+QByteArray itemAcknowledgement(int reference, Function function, int dataBytes)
+{
+    QByteArray parameters(1, char(function));
+    parameters.append(char(1));
+    QByteArray data(1, char(ItemCode::Success));
+    if (function == Function::Read) {
+        data.append(char(DataSize::Bytes));
+        appendWord(data, dataBytes);
+        data.append(QByteArray(dataBytes, '\0'));
+    }
+    return acknowledgement(reference, parameters, data);
 }
 
 } // namespace
@@ -90,6 +107,8 @@ const Protocol* DriverDesk::pending()
     const Protocol* next = nullptr;
     for (int calls = 0; next == nullptr && calls < MostIdleCalls; ++calls)
         next = driver.ComCommunication();
+    if (next != nullptr)
+        m_pendingStation = next->var.station;
     return next;
 }
 
@@ -98,12 +117,22 @@ int DriverDesk::reply(const QByteArray& bytes)
     // Nothing received is an empty array and not a null pointer: a handshake is judged by its
     // bytes alone.
     QByteArray copy = bytes;
-    return driver.DataCom(&copy, int(copy.size()))->result;
+    const int result = driver.DataCom(&copy, int(copy.size()))->result;
+    // As the driver counts: its good replies, beginning anew when it has given the link up.
+    quint16& reference = m_references[m_pendingStation];
+    if (result == Result_Good || result == Result_RemoteStored)
+        reference = reference == 0xFFFF ? 1 : quint16(reference + 1);
+    else if (result != Result_WillRetry)
+        reference = 0;
+    return result;
 }
 
-QByteArray DriverDesk::perfectReply(const Protocol& pending)
+QByteArray DriverDesk::perfectReply(const Protocol& pending) const
 {
+    if (m_settings.remoteAccess)
+        return perfectRecordReply(pending);
     const QByteArray& request = pending.frame;
+    const int reference = wordAt(request, PduReferenceOffset);
     if (isConnectionRequest(request)) {
         QByteArray confirm = request;
         confirm[TpduTypeOffset] = char(Tpdu::ConnectionConfirm);
@@ -111,17 +140,18 @@ QByteArray DriverDesk::perfectReply(const Protocol& pending)
         return confirm;
     }
     if (isSetup(request))
-        return acknowledgement(request, request.mid(JobFunctionOffset), QByteArray());
-    QByteArray parameters;
-    parameters.append(request.at(JobFunctionOffset));
-    parameters.append(char(1));
-    QByteArray data(1, char(ItemCode::Success));
-    if (!isWriteJob(request)) {
-        data.append(char(DataSize::Bytes));
-        appendWord(data, pending.data_len);
-        data.append(QByteArray(pending.data_len, '\0'));
-    }
-    return acknowledgement(request, parameters, data);
+        return acknowledgement(reference, request.mid(JobFunctionOffset), QByteArray());
+    const Function function = isWriteJob(request) ? Function::Write : Function::Read;
+    return itemAcknowledgement(reference, function, pending.data_len);
+}
+
+/// A record has no reference of its own: the peer counts its good replies instead.
+QByteArray DriverDesk::perfectRecordReply(const Protocol& pending) const
+{
+    const Function function = pending.var.origin != 0 ? Function::Write : Function::Read;
+    return itemAcknowledgement(m_references.value(pending.var.station), function,
+                               pending.data_len) +
+           QByteArray(RemoteTrailingBytes, '\0');
 }
 
 } // namespace s7200::panel

@@ -5,6 +5,7 @@
 
 #include <s7200host/controller.h>
 
+#include <QHash>
 #include <QVector>
 
 #include <memory>
@@ -31,8 +32,9 @@ public:
     /// Gives the driver its reply, empty for a time-out. Returns the result code.
     int reply(const QByteArray& bytes);
 
-    /// What a controller in perfect order answers; data are zeros.
-    static QByteArray perfectReply(const Protocol& pending);
+    /// What a controller in perfect order answers now, or with remote access the peer that
+    /// forwards; data are zeros.
+    QByteArray perfectReply(const Protocol& pending) const;
 
     void setTsaps(quint16 local, quint16 remote);
 
@@ -42,8 +44,12 @@ public:
 private:
     DriverDesk() = default;
 
+    QByteArray perfectRecordReply(const Protocol& pending) const;
+
     ControllerSettings m_settings;
     QVector<unsigned short> m_localWords;
+    QHash<int, quint16> m_references; ///< By station: of the next reply to a forwarding record.
+    int m_pendingStation = 0;
 };
 
 } // namespace s7200::panel

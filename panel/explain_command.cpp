@@ -1,6 +1,5 @@
 #include "panel/commands.h"
 
-#include "panel/frame_text.h"
 #include "panel/messages.h"
 #include "panel/request_preview.h"
 #include "panel/requests.h"
@@ -64,7 +63,7 @@ void printPlan(const RequestPlan& plan, const QStringList& labels, bool all)
     for (const PlannedRead& read : plan.reads)
         print(QStringLiteral("%1  %2 %3 %4  %5 of %6  %7")
                   .arg(++number, 3)
-                  .arg(describeRequest(read.frame), -24)
+                  .arg(read.text, -24)
                   .arg(read.dataBytes, 6)
                   .arg(read.wastedBytes, 6)
                   .arg(read.pduLength, 3)

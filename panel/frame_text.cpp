@@ -150,6 +150,16 @@ bool isSingleItemJob(const QByteArray& frame)
            byteAt(frame, JobSyntaxOffset) == AnySyntax;
 }
 
+/// So many of an area's bytes, timers, counters or analogue words from the first on.
+QString rangeText(const JobArea& area, int first, int count)
+{
+    const int last = first + (count - 1) * (area.readSize == ItemSize::Word ? 2 : 1);
+    const QString name = QLatin1String(area.bytes);
+    if (last <= first)
+        return name + QString::number(first);
+    return QStringLiteral("%1%2 to %1%3").arg(name).arg(first).arg(last);
+}
+
 QString describeItem(const QByteArray& frame)
 {
     const JobArea* area = areaOf(frame);
@@ -167,11 +177,7 @@ QString describeItem(const QByteArray& frame)
     const int step = area->readSize == ItemSize::Word ? 2 : 1;
     const int unit = size == ItemSize::Word && step == 1 ? 2 : 1; // units in one of the item's
     const int first = numbered ? address : address / 8;
-    const int last = first + (wordAt(frame, JobItemLengthOffset) * unit - 1) * step;
-    const QString name = QLatin1String(area->bytes);
-    if (last <= first)
-        return name + QString::number(first);
-    return QStringLiteral("%1%2 to %1%3").arg(name).arg(first).arg(last);
+    return rangeText(*area, first, wordAt(frame, JobItemLengthOffset) * unit);
 }
 
 QByteArray swapped(const QByteArray& bytes, int group)
@@ -248,6 +254,17 @@ QString describeRequest(const QByteArray& frame)
         return QStringLiteral("a frame that is no read or write of one item");
     return (isWriteJob(frame) ? QStringLiteral("write ") : QStringLiteral("read ")) +
            describeItem(frame);
+}
+
+QString describeRead(const RW_VAR& request)
+{
+    const int bitType = request.reg_type;
+    const int type = bitType == Type_T ? Type_TV : bitType == Type_C ? Type_CV : bitType;
+    for (const JobArea& area : JobAreas) {
+        if (area.wordType == type)
+            return QStringLiteral("read ") + rangeText(area, request.address, request.count);
+    }
+    return QStringLiteral("read of register type %1").arg(request.reg_type);
 }
 
 QString describeReply(const QByteArray& reply)

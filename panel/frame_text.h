@@ -14,6 +14,9 @@ namespace s7200::panel
 /// A request frame in words: "connection request", "read VB100 to VB153", "write M10.3".
 QString describeRequest(const QByteArray& frame);
 
+/// A read of the driver's lists in the same words, whatever becomes of it on the wire.
+QString describeRead(const RW_VAR& request);
+
 /// What a reply says: "item error: address out of range", "disconnect request", "4 bytes, no S7
 /// reply"; "good" for one without an error.
 QString describeReply(const QByteArray& reply);

@@ -206,7 +206,7 @@ bool Replay::fallIntoStep(int index)
     const Protocol* pending = next(index);
     while (pending != nullptr && isHandshake(pending->frame) &&
            !(isSetup(wanted) && isSetup(pending->frame))) {
-        m_desk.reply(DriverDesk::perfectReply(*pending));
+        m_desk.reply(m_desk.perfectReply(*pending));
         pending = next(index);
     }
     if (pending == nullptr || isSetup(wanted))
@@ -224,7 +224,7 @@ bool Replay::fallIntoStep(int index)
     m_desk.watch(m_variables);
     for (int i = 0; i < position && counted; ++i) {
         pending = m_desk.pending();
-        m_desk.reply(DriverDesk::perfectReply(*pending));
+        m_desk.reply(m_desk.perfectReply(*pending));
     }
     return counted;
 }
@@ -233,14 +233,14 @@ bool Replay::fallIntoStep(int index)
 int Replay::positionInList(const QByteArray& job)
 {
     m_isOpen = m_repeats = false;
-    m_desk.reply(DriverDesk::perfectReply(*m_desk.pending()));
+    m_desk.reply(m_desk.perfectReply(*m_desk.pending()));
     const int listed = m_desk.watch(m_variables);
     int position = 0;
     for (int i = 0; i < listed; ++i) {
         const Protocol* pending = m_desk.pending();
         if (contentOf(pending->frame) == contentOf(job))
             position = i;
-        m_desk.reply(DriverDesk::perfectReply(*pending));
+        m_desk.reply(m_desk.perfectReply(*pending));
     }
     return position;
 }
@@ -255,7 +255,7 @@ bool Replay::countTo(int reference)
             pending = m_desk.pending();
         }
         const int current = wordAt(pending->frame, PduReferenceOffset);
-        m_desk.reply(DriverDesk::perfectReply(*pending));
+        m_desk.reply(m_desk.perfectReply(*pending));
         m_isOpen = m_repeats = false;
         if (followingReference(current) == reference)
             return true;

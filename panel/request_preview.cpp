@@ -16,6 +16,9 @@ namespace
 
 constexpr int HandshakeFrames = 2;
 
+/// A peer that forwards brings two bytes for each of a byte area, as many again as are wanted.
+constexpr int SentTwice = 2;
+
 /// Which bytes, timers or counters of a read somebody wants, and who.
 void serve(const ReadBlock& block, const QVector<ReadBlock>& wanted, PlannedRead* read)
 {
@@ -29,8 +32,11 @@ void serve(const ReadBlock& block, const QVector<ReadBlock>& wanted, PlannedRead
         const int end = std::min(one.start + one.units, block.start + block.units) - block.start;
         std::fill(used.begin() + first, used.begin() + end, true);
     }
-    const int unused = int(std::count(used.begin(), used.end(), false));
-    read->wastedBytes = unused * read->dataBytes / std::max(1, block.units);
+    int unitBytes = read->dataBytes / std::max(1, block.units);
+    if (unitBytes == SentTwice)
+        unitBytes = 1;
+    const int served = int(std::count(used.begin(), used.end(), true));
+    read->wastedBytes = read->dataBytes - served * unitBytes;
 }
 
 } // namespace
@@ -79,13 +85,14 @@ std::optional<RequestPlan> planRequests(const ControllerSettings& settings,
         if (!isConnectionRequest(pending->frame) && !isSetup(pending->frame)) {
             PlannedRead read;
             read.frame = pending->frame;
+            read.text = describeRead(pending->var);
             read.replyLength = pending->reply_len;
-            read.pduLength = pending->reply_len - wire::ProtocolIdOffset;
+            read.pduLength = wire::PayloadOffset - wire::ProtocolIdOffset + pending->data_len;
             read.dataBytes = pending->data_len;
             serve(blockOf(pending->var), wanted, &read);
             plan.reads.append(read);
         }
-        desk->reply(DriverDesk::perfectReply(*pending));
+        desk->reply(desk->perfectReply(*pending));
     }
     if (int(plan.reads.size()) == listed)
         return plan;

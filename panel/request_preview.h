@@ -14,8 +14,9 @@ namespace s7200::panel
 /// One read of the driver's cyclic list.
 struct PlannedRead {
     QByteArray frame;       ///< As it is sent, its reference apart.
+    QString text;           ///< "read VB100 to VB107"
     QVector<int> variables; ///< By index, those that it brings, in whole or in part.
-    int replyLength = 0;    ///< Of the whole TPKT.
+    int replyLength = 0;    ///< Of the whole reply.
     int pduLength = 0;      ///< Of the S7 PDU in the reply, to be held against the granted length.
     int dataBytes = 0;
     int wastedBytes = 0; ///< Of them, those that no variable wants.

@@ -203,32 +203,51 @@ private slots:
         QVERIFY(!conversationsOf({asked, closed}, {connection}).first().endsUnanswered);
     }
 
+    void plans()
+    {
+        const QStringList local = {
+            "read MB0 to MB1: 2 bytes, 1 wasted, reply 27, PDU 20, for 2",
+            "read VB0 to VB11: 12 bytes, 6 wasted, reply 37, PDU 30, for 0 1",
+            "read AIW2 to AIW4: 4 bytes, 0 wasted, reply 29, PDU 22, for 6",
+            "read T3 to T10: 40 bytes, 25 wasted, reply 65, PDU 58, for 3 4",
+            "read C5: 3 bytes, 0 wasted, reply 28, PDU 21, for 5"};
+        // A peer that forwards sends byte areas twice over, and two bytes behind each reply.
+        const QStringList remote = {
+            "read MB0 to MB1: 4 bytes, 3 wasted, reply 31, PDU 22, for 2",
+            "read VB0 to VB11: 24 bytes, 18 wasted, reply 51, PDU 42, for 0 1",
+            "read AIW2 to AIW4: 4 bytes, 0 wasted, reply 31, PDU 22, for 6",
+            "read T3 to T10: 40 bytes, 25 wasted, reply 67, PDU 58, for 3 4",
+            "read C5: 3 bytes, 0 wasted, reply 30, PDU 21, for 5"};
+        for (bool remoteAccess : {false, true}) {
+            QString error;
+            ControllerSettings settings;
+            settings.remoteAccess = remoteAccess;
+            const auto plan = planRequests(
+                settings, variablesOf({"VW10", "VW0x2", "M0.3", "TV3", "TV9x2", "C5", "AIW2x2"}),
+                &error);
+            QVERIFY2(plan, qPrintable(error));
+            QStringList lines;
+            for (const PlannedRead& read : plan->reads) {
+                QStringList served;
+                for (int index : read.variables)
+                    served.append(QString::number(index));
+                lines.append(QString("%1: %2 bytes, %3 wasted, reply %4, PDU %5, for %6")
+                                 .arg(read.text)
+                                 .arg(read.dataBytes)
+                                 .arg(read.wastedBytes)
+                                 .arg(read.replyLength)
+                                 .arg(read.pduLength)
+                                 .arg(served.join(' ')));
+                QVERIFY(remoteAccess || read.text == describeRequest(read.frame));
+            }
+            QCOMPARE(lines, remoteAccess ? remote : local);
+            QCOMPARE(plan->cycleMs(20), 100.0);
+        }
+    }
+
     void requestsAreForetold()
     {
         QString error;
-        auto plan = planRequests(ControllerSettings(),
-                                 variablesOf({"VW10", "VW0x2", "M0.3", "TV3", "TV9x2"}), &error);
-        QVERIFY2(plan, qPrintable(error));
-        QStringList lines;
-        for (const PlannedRead& read : plan->reads) {
-            QStringList served;
-            for (int index : read.variables)
-                served.append(QString::number(index));
-            lines.append(QString("%1: %2 bytes, %3 wasted, reply %4, PDU %5, for %6")
-                             .arg(describeRequest(read.frame))
-                             .arg(read.dataBytes)
-                             .arg(read.wastedBytes)
-                             .arg(read.replyLength)
-                             .arg(read.pduLength)
-                             .arg(served.join(' ')));
-        }
-        const QStringList expected = {
-            "read MB0 to MB1: 2 bytes, 1 wasted, reply 27, PDU 20, for 2",
-            "read VB0 to VB11: 12 bytes, 6 wasted, reply 37, PDU 30, for 0 1",
-            "read T3 to T10: 40 bytes, 25 wasted, reply 65, PDU 58, for 3 4"};
-        QCOMPARE(lines, expected);
-        QCOMPARE(plan->cycleMs(20), 60.0);
-
         // Any list: what is sent afterwards is the plan.
         const int lists = qEnvironmentVariableIntValue("DIAGNOSIS_LISTS");
         QRandomGenerator random(5);
@@ -244,7 +263,7 @@ private slots:
                 texts.append(text.contains('%') ? text.arg(1 + random.bounded(3)) : text);
             }
             const QVector<Variable> variables = variablesOf(texts);
-            plan = planRequests(Plant::settings(), variables, &error);
+            const auto plan = planRequests(Plant::settings(), variables, &error);
             QVERIFY2(plan, qPrintable(error));
             const QTemporaryDir folder;
             Plant plant({}, folder.filePath("trace.pcap"));
