@@ -39,8 +39,11 @@ ExtendKey keyOf(const EXTENDVAR& entry)
 } // namespace
 
 /// The way to an entry of extend_list without a search. The list is public and others may append to
-/// it, so nothing remembered here is believed: each access first takes in what is new at the list's
-/// end, a position counts only if the entry there has the key, and what does not fit is made anew.
+/// it: each access first takes in what is new at the list's end, a position counts only if the
+/// entry there has the key, and what no longer fits by its length, its ends or the entry that was
+/// looked for is made anew. An entry in the midst whose key is changed in place shows by none of
+/// these until somebody looks for the old key: a look for the new one appends another entry, or
+/// finds a later one, where a search from the list's begin would find this.
 class ExtendIndex
 {
 public:

@@ -1,6 +1,7 @@
 #include "image/Func_DealData.h"
 #include "image/Func_GetOrSetData.h"
 #include "tests/driver_fixture.h"
+#include <siemens_s7_200_cp243/host_interface.h>
 
 #include <QtTest>
 
@@ -210,6 +211,25 @@ private slots:
                  QString("3/12/5=00000000 4/12/5=00000000 3/8/5=00000000 3/12/6=00000000"));
         extendBy("3/12/5=FF");
         QCOMPARE(ExtendFindSameVar(3, 12, 5), 0);
+        // A key that a host changes in place is found at once at the list's end, else only after a
+        // look for what it was before.
+        PLC_driver.extend_list.last().address = 70;
+        QCOMPARE(ExtendFindSameVar(3, 12, 70), 4);
+        PLC_driver.extend_list[2].address = 80;
+        QCOMPARE(ExtendFindSameVar(3, 8, 80), 5);
+        QCOMPARE(ExtendFindSameVar(3, 8, 5), 6);
+        QCOMPARE(ExtendFindSameVar(3, 8, 80), 2);
+    }
+
+    void lastTimerBitOfAStationShowsItsStatus()
+    {
+        info.per_variable_stations = 1;
+        awaitReply(18, 0, 15);
+        storeReply(fromHex("02 0000 0005 02 0000 0006 02 0000 0007"));
+        QByteArray bits, last;
+        GetRegisterData("T", 18, "0", 3, bits, 3);
+        GetRegisterData("T", 18, "2", 3, last, 1);
+        QCOMPARE(bits.toHex() + ' ' + last.toHex(), QByteArray("000000000200 0200"));
     }
 
     void repliesReachTheExtendList()

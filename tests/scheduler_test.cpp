@@ -185,6 +185,21 @@ private slots:
         QVERIFY(memcmp(&before, &info, sizeof before) == 0);
         QCOMPARE(map_list.keys(), QList<int>{2});
     }
+
+    void remoteWriteUnderAnotherLinkEmptiesAnEntry()
+    {
+        // Its acknowledgement is stored like a read, of nothing: docs/oddities.md, Remote access.
+        info.remote_access = info.per_variable_stations = 1;
+        extendBy("9/12/3=55AA 9/12/4=66");
+        RW_VAR write = makeVar(12, 100, 1, 2, fromHex("3412"));
+        write.origin = 1;
+        write.link_id = 6;
+        AddListWriteVar(&write, 0);
+        QVERIFY(ComCommunication() != nullptr);
+        info.frame_count = info.frame_index = 1; // as a read has left it
+        QCOMPARE(answer(writeReply(0) + QByteArray(2, '\0')), 100);
+        QCOMPARE(extendList(), QString("9/12/3= 9/12/4=66 2/12/100=12 2/12/101=34"));
+    }
 };
 
 QTEST_GUILESS_MAIN(SchedulerTest)
