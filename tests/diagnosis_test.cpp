@@ -74,6 +74,18 @@ Replayed replay(const Conversation& conversation, const QStringList& variables =
     return replayed;
 }
 
+/// Kind, byte and field of each difference.
+QStringList told(const Replayed& replayed)
+{
+    QStringList lines;
+    for (const ReplayStep& step : replayed.differences)
+        lines.append(QString("%1 %2 %3")
+                         .arg(step.kind)
+                         .arg(step.firstDifference())
+                         .arg(fieldName(step.expected, step.firstDifference())));
+    return lines;
+}
+
 const QStringList Watched = {"VW0", "VD100x20", "M0.3", "T37x3", "AIW2", "CV5"};
 
 } // namespace
@@ -141,15 +153,6 @@ private slots:
         Plant plant({}, folder.filePath("trace.pcap"));
         plant.run(variablesOf(Watched), 60, false);
         const Conversation whole = conversationsIn(folder.filePath("trace.pcap")).first();
-        const auto told = [](const Replayed& replayed) {
-            QStringList lines;
-            for (const ReplayStep& step : replayed.differences)
-                lines.append(QString("%1 %2 %3")
-                                 .arg(step.kind)
-                                 .arg(step.firstDifference())
-                                 .arg(fieldName(step.expected, step.firstDifference())));
-            return lines;
-        };
         const QString compared = QString::number(ReplayStep::Compared);
 
         Conversation changed = whole;
