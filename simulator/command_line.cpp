@@ -261,7 +261,7 @@ QString helpText()
                "\"listening on ADDRESS:FIRST-LAST\". SIGINT and SIGTERM end it; with faults it\n"
                "then says how often each was injected. Each controller has a memory of its\n"
                "own and takes 64 connections.\n"
-               "Exit status: 0 good, 1 cannot start or cannot write, 2 wrong usage.\n\n"
+               "Exit status: 0 good, 1 cannot start, 2 wrong usage, 7 output cannot be written.\n\n"
                "Live values; one that is written stands still until the program ends:") +
            indent + ControllerMemory::liveValues().join(indent) +
            QStringLiteral("\n\nFaults, by default at every chance; at most one strikes a reply, "

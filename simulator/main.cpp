@@ -11,6 +11,7 @@
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -27,7 +28,11 @@ using namespace s7200::sim;
 namespace
 {
 
-enum ExitStatus { Good = 0, Failed = 1, WrongUsage = 2 };
+/// As far as they mean the same, those of s7200-panel.
+enum ExitStatus { Good = 0, Failed = 1, WrongUsage = 2, OutputFailed = 7 };
+
+/// Of --verbose: standard error was a file that is full.
+std::atomic<bool> logFailed{false};
 
 /// False if it cannot be written.
 bool printLine(std::FILE* stream, const QString& line)
@@ -48,7 +53,7 @@ ExitStatus answer(const QString& text)
         return Good;
     complain(QStringLiteral("cannot write to standard output: ") +
              QString::fromLocal8Bit(std::strerror(errno)));
-    return Failed;
+    return OutputFailed;
 }
 
 /// A socket opened later must not become standard output because that was closed. What is written
@@ -128,15 +133,15 @@ int run(CommandLine& commandLine, const sigset_t& endSignals)
         return Failed;
     }
     if (answer(whereItListens(options, simulator.port())) != Good)
-        return Failed; // whoever started it waits for that line
+        return OutputFailed; // whoever started it waits for that line
     waitForEnd(endSignals, commandLine.durationSeconds);
     simulator.stop();
     printFaultCounts(simulator, options.faults);
     if (trace && !trace->error().isEmpty()) {
         complain(trace->error());
-        return Failed;
+        return OutputFailed;
     }
-    return Good;
+    return logFailed ? OutputFailed : Good;
 }
 
 } // namespace
@@ -144,6 +149,7 @@ int run(CommandLine& commandLine, const sigset_t& endSignals)
 int main(int argc, char** argv)
 {
     openStandardStreams();
+    std::signal(SIGXFSZ, SIG_IGN); // what is written then fails instead, which is told
     // Before any thread starts, so that all inherit it.
     const sigset_t endSignals = blockEndSignals();
     const QCoreApplication application(argc, argv);
@@ -163,6 +169,9 @@ int main(int argc, char** argv)
                       (commit.isEmpty() ? commit : QStringLiteral(", commit ") + commit));
     }
     if (parser.isSet(QStringLiteral("verbose")))
-        commandLine.simulator.log = [](const QString& line) { printLine(stderr, line); };
+        commandLine.simulator.log = [](const QString& line) {
+            if (!printLine(stderr, line))
+                logFailed = true;
+        };
     return run(commandLine, endSignals);
 }

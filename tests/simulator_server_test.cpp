@@ -332,11 +332,9 @@ private slots:
         Program program("exec %1 --fault 'doubled:every 3' --fault 'lost:address 9' --verbose");
         QVERIFY2(program.line.startsWith("listening on 127.0.0.1:"), program.line.constData());
         Client client(program.port);
-        QVERIFY(client.handshake());
-        QVERIFY(client.gets(ReadM0, ReplyM0 + ReplyM0));
+        QVERIFY(client.handshake() && client.gets(ReadM0, ReplyM0 + ReplyM0));
         program.terminate();
-        QVERIFY(program.waitForFinished(GuardTime));
-        QVERIFY(program.exitStatus() == QProcess::NormalExit && program.exitCode() == 0);
+        QVERIFY(program.waitForFinished(GuardTime) && program.exitCode() == 0);
         const QByteArray said = program.readAllStandardError();
         QVERIFY2(said.contains("#0 read MB0 -> ok [fault: doubled]\n") &&
                      said.endsWith("fault doubled: 1 injected\nfault lost: 0 injected\n"),
@@ -359,6 +357,16 @@ private slots:
         QTRY_VERIFY(Client(program.port).handshake());
     }
 
+    void programWithoutRoom()
+    {
+        const QTemporaryDir folder; // where a limit of file sizes is like a full disk
+        Program program("ulimit -f 0; exec %1 --trace " + folder.filePath("trace"));
+        QVERIFY(Client(program.port).handshake());
+        program.terminate();
+        QVERIFY(program.waitForFinished(GuardTime) && program.exitCode() == 7);
+        QVERIFY(program.readAllStandardError().contains("File too large"));
+    }
+
     void programUsage()
     {
         // clang-format off
@@ -372,7 +380,7 @@ private slots:
             {"--latency 5:x", 2, "\"5:x\""}, {"--only 1-2", 2, "\"1-2\""}, {"--pdu 9", 2, "\"9\""},
             {"--pdu 19", 2, "20 to 960"}, {"--fault lost:address", 2, "inside its area"},
             {"--listen localhost:0", 1, "\"localhost\""}, {"--trace /dev/null/x", 1, "/dev/null/x"},
-            {"--duration 1", 1, "standard output"}};
+            {"--duration 1", 7, "standard output"}};
         // clang-format on
         for (const auto& [arguments, status, said] : rows) {
             QProcess process;
