@@ -6,6 +6,9 @@
 
 #include <s7200host/value_file.h>
 
+#include <QFileInfo>
+#include <QSaveFile>
+
 #include <algorithm>
 
 namespace s7200::panel
@@ -48,7 +51,43 @@ bool resolveWritable(CommandLine& line, QVector<Item>* items, QString* error)
     return !items->isEmpty();
 }
 
-ExitStatus save(const Session& session, const QVector<Item>& items, const CommandLine& line)
+/// Where a set of values goes: a file, which holds all of it or what it held before, or standard
+/// output.
+class SetOutput
+{
+public:
+    /// False with a one-line `error`. `file` empty: standard output.
+    bool open(const QString& file, QString* error)
+    {
+        if (file.isEmpty())
+            return true;
+        m_file.setFileName(file);
+        const QFileInfo found(file);
+        // A device or a pipe would be replaced by a file.
+        if (found.exists() && !found.isFile())
+            *error = QStringLiteral("cannot write to %1: it is no file").arg(file);
+        else if (!m_file.open(QIODevice::WriteOnly))
+            *error = QStringLiteral("cannot write to %1: %2").arg(file, m_file.errorString());
+        return error->isEmpty();
+    }
+
+    /// On the disk when it returns. The first failure is reported as one of output.
+    void write(const QByteArray& bytes)
+    {
+        if (!m_file.isOpen()) {
+            printBytes(bytes);
+        } else if (m_file.write(bytes) != bytes.size() || !m_file.commit()) {
+            failOutput(QStringLiteral("cannot write to %1: %2")
+                           .arg(m_file.fileName(), m_file.errorString()));
+        }
+    }
+
+private:
+    QSaveFile m_file; ///< Beside the file until commit() puts it in its place.
+};
+
+ExitStatus save(const Session& session, const QVector<Item>& items, const CommandLine& line,
+                SetOutput* output)
 {
     const QVector<Result> results = readItems(session, items);
     FailureReport report(session);
@@ -60,7 +99,7 @@ ExitStatus save(const Session& session, const QVector<Item>& items, const Comman
     const ExitStatus status = report.finish();
     // Half a recipe, applied later, is worse than none.
     if (status == ExitGood)
-        printBytes(valueFile(values));
+        output->write(valueFile(values));
     else
         complain(QStringLiteral("nothing saved, since not all could be read"));
     return status;
@@ -70,9 +109,12 @@ int runSave(CommandLine& line)
 {
     QString error;
     QVector<Item> items;
-    if (!resolveWritable(line, &items, &error))
+    SetOutput output;
+    if (!resolveWritable(line, &items, &error) ||
+        !output.open(line.options().value(QStringLiteral("output")), &error))
         return usageErrors(error);
-    return runStarted(line, [&](const Session& session) { return save(session, items, line); });
+    return runStarted(line,
+                      [&](const Session& session) { return save(session, items, line, &output); });
 }
 
 /// The lines of a value file as jobs. All that is wrong is reported.
@@ -236,13 +278,16 @@ int runApply(CommandLine& line)
 Command saveCommand()
 {
     return {"save",
-            "[VARIABLE...] > values.csv",
+            "[VARIABLE...]",
             "read a set of values into a file",
             "Reads the tags of --tags, or the variables named, and writes a file of values\n"
             "that diff and apply take: CSV, with all that is needed to write each value\n"
             "again. Nothing is written unless everything could be read.",
             TakesHere | TakesTags | TakesVariables,
-            {},
+            {{QStringLiteral("output"),
+              QStringLiteral("Put the values into this file, all of them or, if anything fails, "
+                             "none: what it held before stays. Otherwise standard output."),
+              QStringLiteral("file")}},
             runSave};
 }
 

@@ -2,6 +2,8 @@
 
 #include "tests/panel_process.h"
 
+#include <s7200host/controller.h>
+
 using namespace s7200::panel;
 using namespace s7200::sim;
 
@@ -61,6 +63,22 @@ private slots:
         QVERIFY2(save.err.contains("left out, since it cannot be written: in\n"), "inputs");
         QCOMPARE(run("diff values.csv").status, 0);
 
+        // The same in a file, which is as it was unless all could be read and written.
+        put("set.csv", "old");
+        const Run half = run("save --output set.csv VW0 MW4000");
+        QCOMPARE(half.status, 6);
+        QVERIFY2(half.out.isEmpty() && half.err.contains("nothing saved"), qPrintable(half.err));
+        QCOMPARE(contentsOf("set.csv"), QByteArray("old"));
+        QCOMPARE(run("save --output set.csv --tags tags.csv").status, 0);
+        QCOMPARE(contentsOf("set.csv"), Saved);
+        for (const QString file : {"/dev/null", "none/set.csv", "."}) {
+            const Run nowhere = run("save VW0 --output " + file);
+            QVERIFY2(nowhere.status == 2 && nowhere.err.contains("cannot write to " + file),
+                     qPrintable(nowhere.err));
+        }
+        QCOMPARE(QDir(m_directory.path()).entryList(QDir::Files),
+                 QStringList({"set.csv", "tags.csv", "values.csv"}));
+
         m_simulator->poke(SimulatorArea::V, 100, QByteArray::fromHex("0005"));
         m_simulator->poke(SimulatorArea::V, 111, QByteArray::fromHex("80"));
         const Run diff = run("diff values.csv");
@@ -98,6 +116,11 @@ private slots:
                      .hasMatch(),
                  qPrintable(unreadable.out));
         QCOMPARE(m_simulator->peek(SimulatorArea::V, 0, 2), QByteArray(2, '\0'));
+        // What was read is told, and that it is not all.
+        const Run partly = run("diff values.csv");
+        QCOMPARE(partly.status, 6);
+        QCOMPARE(partly.out, QString("b: saved 1, now 0\n"));
+        QVERIFY2(partly.err.contains("a: refused by"), qPrintable(partly.err));
         put("values.csv", "name;address;value\na;SM0.0;0\nb;VW0;7\n");
         const Run refused = run("apply --verify values.csv");
         QCOMPARE(refused.status, 6);
@@ -207,7 +230,49 @@ private slots:
         }
     }
 
+    // Sent is sent: a connection that is closed then is no reason to write again.
+    void sentOnce()
+    {
+        QString error;
+        QVERIFY(m_simulator->setFaults({"close-mid-frame:address 40"}, &error));
+        const Run write = run("write --trace - VW40=7");
+        QCOMPARE(write.status, 3);
+        QVERIFY2(write.err.contains("VW40: 127.0.0.1") &&
+                     write.err.contains("sent, but whether it was written is not known: "),
+                 qPrintable(write.err));
+        QCOMPARE(int(write.err.count("0501120a10")), 1);
+    }
+
+    // A set that the file system has no room for leaves the one that was there.
+    void noRoomForASet()
+    {
+        put("set.csv", "old");
+        QString error;
+        // A copy of the driver has room.
+        const qint64 room = QFileInfo(s7200::findDriver(QString(), &error)).size() + 4096;
+        QString line = "save --output set.csv --controller " + m_address;
+        for (int i = 0; i <= room / 50000; ++i)
+            line += " VB0x5120/binary";
+        QProcess shell;
+        shell.setWorkingDirectory(m_directory.path());
+        shell.start(
+            "sh",
+            {"-c",
+             QStringLiteral("ulimit -f %1; exec " PANEL_PROGRAM " %2").arg(room / 512).arg(line)});
+        QVERIFY(shell.waitForFinished(LongMs));
+        const QByteArray err = shell.readAllStandardError();
+        QVERIFY2(shell.exitCode() == 7 && err.contains("cannot write to set.csv: "), err);
+        QCOMPARE(contentsOf("set.csv"), QByteArray("old"));
+        QCOMPARE(int(QDir(m_directory.path()).entryList(QDir::Files).size()), 3);
+    }
+
 private:
+    QByteArray contentsOf(const QString& name) const
+    {
+        QFile file(m_directory.filePath(name));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("unreadable");
+    }
+
     void put(const QString& name, const QByteArray& contents)
     {
         QFile file(m_directory.filePath(name));
