@@ -35,7 +35,7 @@ QString LinkReport::hear(const LinkStatus& status, qint64 nowMs)
     m_cause = status.cause;
     Trouble& trouble = m_troubles[m_cause];
     ++trouble.keptBack;
-    if (trouble.saidMs == 0 || nowMs - trouble.saidMs >= QuietMs)
+    if (trouble.saidMs < 0 || nowMs - trouble.saidMs >= QuietMs)
         return mention(m_cause, nowMs);
     m_silent = true;
     return QString();

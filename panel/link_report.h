@@ -33,7 +33,7 @@ public:
 
 private:
     struct Trouble {
-        qint64 saidMs = 0;
+        qint64 saidMs = -1; ///< -1: never.
         quint64 keptBack = 0;
     };
     QString mention(Cause cause, qint64 nowMs);

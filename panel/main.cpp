@@ -109,12 +109,20 @@ int main(int argc, char** argv)
 {
     using namespace s7200::panel;
     openStandardStreams();
+    // What is written then fails instead, which is told.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     readLocale();
     const QCoreApplication application(argc, argv);
     const int status = runProgram(QCoreApplication::arguments());
-    if (outputFailure().isEmpty())
-        return status;
-    complain(outputFailure());
-    return ExitOutput;
+    if (!outputFailure().isEmpty()) {
+        complain(outputFailure());
+        return ExitOutput;
+    }
+    if (status == ExitQuit) {
+        // Whoever started the program is to see what has ended it.
+        std::signal(SIGQUIT, SIG_DFL);
+        std::raise(SIGQUIT);
+    }
+    return status;
 }

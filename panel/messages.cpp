@@ -1,10 +1,12 @@
 #include "panel/messages.h"
 
+#include "panel/whole_write.h"
+
 #include <QCoreApplication>
+#include <QTime>
 
 #include <cerrno>
 #include <clocale>
-#include <cstdio>
 #include <cstring>
 #include <langinfo.h>
 #include <poll.h>
@@ -21,24 +23,7 @@ const QLatin1String StandardOutput("cannot write to standard output: ");
 bool utf8Locale = false;
 int endStatus = -1; ///< Not ended: -1.
 QString failure;    ///< Of output; the first one.
-
-bool writeAll(int descriptor, const QByteArray& bytes)
-{
-    for (qsizetype at = 0; at < bytes.size();) {
-        const ssize_t written =
-            ::write(descriptor, bytes.constData() + at, size_t(bytes.size() - at));
-        if (written >= 0) {
-            at += written;
-        } else if (errno == EAGAIN) {
-            // Another program has made the shared terminal non-blocking.
-            pollfd room = {descriptor, POLLOUT, 0};
-            ::poll(&room, 1, -1);
-        } else if (errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
-}
+bool stamps = false;
 
 } // namespace
 
@@ -128,17 +113,27 @@ QByteArray encoded(const QString& text)
     return ascii;
 }
 
+void stampMessages(bool on)
+{
+    stamps = on;
+}
+
+QString stamped(const QString& text)
+{
+    return stamps ? QTime::currentTime().toString(QStringLiteral("HH:mm:ss ")) + text : text;
+}
+
 void complain(const QString& text)
 {
     QString shown = QStringLiteral("s7200-panel: ");
-    for (const QChar c : text) {
+    for (const QChar c : stamped(text)) {
         // A file's name may hold what would command the terminal.
         const bool isCommand = c.category() == QChar::Other_Control && c != QLatin1Char('\n');
         shown += isCommand ? QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'))
                            : QString(c);
     }
     // Nobody can be told if this fails.
-    writeAll(STDERR_FILENO, encoded(shown) + '\n');
+    writeWhole(STDERR_FILENO, encoded(shown) + '\n');
 }
 
 int usageError(const QString& text)
@@ -154,15 +149,21 @@ void print(const QString& line)
 
 bool printBytes(const QByteArray& bytes)
 {
-    if (failure.isEmpty() && !writeAll(STDOUT_FILENO, bytes))
-        failOutput(StandardOutput + QString::fromLocal8Bit(std::strerror(errno)));
-    return failure.isEmpty();
+    // Whatever has become of other output, a terminal must be given back.
+    static bool failed = false;
+    if (failed)
+        return false;
+    const int error = writeWhole(STDOUT_FILENO, bytes);
+    failed = error != 0;
+    if (failed)
+        failOutput(StandardOutput + QString::fromLocal8Bit(std::strerror(error)));
+    return !failed;
 }
 
 void failOutput(const QString& why)
 {
     if (failure.isEmpty())
-        failure = why;
+        failure = stamped(why);
     end(ExitOutput);
 }
 

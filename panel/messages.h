@@ -21,6 +21,7 @@ enum ExitStatus {
     ExitSomeFailed = 6, ///< Some of several, not all.
     ExitOutput = 7,     ///< Output cannot be written.
     ExitNotMet = 8,     ///< Time was up before the condition of --until was met.
+    ExitQuit = 131,     ///< SIGQUIT, of which main() dies in the end; a shell says 128 and 3.
 };
 
 /// The exit status that a cause alone gives.
@@ -48,6 +49,11 @@ bool isUtf8Locale();
 
 /// As the terminal's locale has it: UTF-8, or ASCII with a question mark for the rest.
 QByteArray encoded(const QString& text);
+
+/// While it is on, messages carry the time: local, HH:MM:SS.
+void stampMessages(bool on);
+/// The text with that, as complain() and failOutput() have it, for other places.
+QString stamped(const QString& text);
 
 /// A line on standard error, after the program's name.
 void complain(const QString& text);

@@ -1,14 +1,17 @@
 #include "panel/output_file.h"
 
 #include "panel/messages.h"
+#include "panel/whole_write.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace s7200::panel
 {
@@ -27,6 +30,17 @@ int openToAppend(const QString& file)
 {
     return ::open(QFile::encodeName(file).constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC,
                   ForAllToRead);
+}
+
+/// True for a file whose last line has no end, as a power cut or a full disk leaves it.
+bool endsTorn(const QString& name)
+{
+    QFile file(name);
+    // Nothing can be said of what may not be read; a pipe would give its reader's bytes away.
+    if (!QFileInfo(name).isFile() || file.size() == 0 || !file.open(QIODevice::ReadOnly))
+        return false;
+    char last = 0;
+    return file.seek(file.size() - 1) && file.getChar(&last) && last != '\n';
 }
 
 } // namespace
@@ -55,6 +69,7 @@ bool OutputFile::reopen(QString* error)
     if (m_descriptor >= 0)
         ::close(m_descriptor);
     m_descriptor = descriptor;
+    m_endsTorn = endsTorn(m_name);
     return true;
 }
 
@@ -71,18 +86,14 @@ bool OutputFile::write(const QByteArray& header, const QByteArray& lines)
     if (m_failed || lines.isEmpty())
         return !m_failed;
     // In one piece, so that nothing comes between even if others append to the file.
-    const QByteArray bytes = isAtStart() ? header + lines : lines;
+    QByteArray bytes = isAtStart() ? header + lines : lines;
+    if (std::exchange(m_endsTorn, false) && !isAtStart())
+        bytes.prepend('\n');
     m_begun = true;
     if (m_descriptor < 0)
         return printBytes(bytes);
-    for (qint64 done = 0; done < bytes.size();) {
-        const ssize_t written =
-            ::write(m_descriptor, bytes.constData() + done, size_t(bytes.size() - done));
-        if (written < 0 && errno != EINTR)
-            return fail(errno);
-        done += written > 0 ? written : 0;
-    }
-    return true;
+    const int error = writeWhole(m_descriptor, bytes);
+    return error == 0 || fail(error);
 }
 
 bool OutputFile::fail(int errorNumber)

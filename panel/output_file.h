@@ -17,7 +17,8 @@ public:
     ~OutputFile();
     Q_DISABLE_COPY(OutputFile)
 
-    /// Creates the file, or opens it to append to it. False with a one-line `error`.
+    /// Creates the file, or opens it to append to it, on a new line if the last one has no end.
+    /// False with a one-line `error`.
     bool open(const QString& file, QString* error);
 
     /// Opens the file of that name anew, which is another one if it was moved away; the old one
@@ -26,7 +27,7 @@ public:
 
     /// `header` goes before `lines` where a file begins: at the first write to standard output, and
     /// whenever the file is empty. The first failure is reported once and ends the event loop with
-    /// ExitOutput; false then and ever after.
+    /// ExitOutput; false then and ever after, and nothing of that write is left in the file.
     bool write(const QByteArray& header, const QByteArray& lines);
 
 private:
@@ -36,6 +37,7 @@ private:
     QString m_name;
     int m_descriptor = -1; ///< -1: standard output.
     bool m_begun = false;
+    bool m_endsTorn = false; ///< The file, at its opening.
     bool m_failed = false;
 };
 

@@ -16,6 +16,13 @@ namespace
 {
 
 const char* const Measurement = "s7200";
+const char* const LinkMeasurement = "s7200_link";
+constexpr qint64 NsPerMs = 1000 * 1000;
+
+QString timeText(qint64 timeMs)
+{
+    return QDateTime::fromMSecsSinceEpoch(timeMs, Qt::UTC).toString(Qt::ISODateWithMs);
+}
 
 struct FormatRow {
     const char* name;
@@ -41,7 +48,7 @@ struct Fields {
     }
     QString time() const
     {
-        return QDateTime::fromMSecsSinceEpoch(timeMs, Qt::UTC).toString(Qt::ISODateWithMs);
+        return timeText(timeMs);
     }
     QString name() const
     {
@@ -133,7 +140,39 @@ QByteArray lineRecord(const Fields& fields)
         line += '=' + QString::number(number, 'g', QLocale::FloatingPointShortest).toLatin1() + ',';
     }
     return line + "quality=\"" + describe(fields.value.quality).toUtf8() + "\" " +
-           QByteArray::number(fields.timeMs) + "000000\n";
+           QByteArray::number(fields.timeMs * NsPerMs) + '\n';
+}
+
+/// A field that is text, without line ends.
+QByteArray lineField(const char* key, const QString& value)
+{
+    QString escaped;
+    for (const QChar c : value) {
+        if (c == QLatin1Char('"') || c == QLatin1Char('\\'))
+            escaped += QLatin1Char('\\');
+        escaped += c.unicode() < 0x20 ? QLatin1Char(' ') : c;
+    }
+    return QByteArray(key) + "=\"" + escaped.toUtf8() + '"';
+}
+
+QString linkQuality(const LinkStatus& status)
+{
+    const QString text = QStringLiteral("link ") + describe(status.state);
+    return status.cause == Cause::None ? text
+                                       : text + QStringLiteral(": ") + describe(status.cause);
+}
+
+QByteArray jsonEvent(const QString& controller, const LinkStatus& status, qint64 nowMs)
+{
+    QJsonObject object = {{QStringLiteral("time"), timeText(nowMs)},
+                          {QStringLiteral("controller"), controller},
+                          {QStringLiteral("event"), QStringLiteral("link")},
+                          {QStringLiteral("state"), describe(status.state)}};
+    if (status.cause != Cause::None) {
+        object.insert(QStringLiteral("cause"), describe(status.cause));
+        object.insert(QStringLiteral("detail"), status.detail);
+    }
+    return jsonLine(object);
 }
 
 } // namespace
@@ -192,21 +231,32 @@ QByteArray RecordWriter::record(const Item& item, const QString& controller, con
 }
 
 QByteArray RecordWriter::linkRecord(const QString& controller, const LinkStatus& status,
-                                    qint64 nowMs) const
+                                    qint64 nowMs)
 {
-    if (m_format != RecordFormat::JsonLines)
+    switch (m_format) {
+    case RecordFormat::Csv:
+        return csvLine({timeText(nowMs), controller, {}, {}, {}, {}, linkQuality(status)});
+    case RecordFormat::JsonLines:
+        return jsonEvent(controller, status, nowMs);
+    case RecordFormat::Influx:
+        return lineEvent(controller, status, nowMs);
+    default:
         return QByteArray();
-    QJsonObject object = {
-        {QStringLiteral("time"),
-         QDateTime::fromMSecsSinceEpoch(nowMs, Qt::UTC).toString(Qt::ISODateWithMs)},
-        {QStringLiteral("controller"), controller},
-        {QStringLiteral("event"), QStringLiteral("link")},
-        {QStringLiteral("state"), describe(status.state)}};
-    if (status.cause != Cause::None) {
-        object.insert(QStringLiteral("cause"), describe(status.cause));
-        object.insert(QStringLiteral("detail"), status.detail);
     }
-    return jsonLine(object);
+}
+
+/// A point of the same time would take the other's place.
+QByteArray RecordWriter::lineEvent(const QString& controller, const LinkStatus& status,
+                                   qint64 nowMs)
+{
+    m_eventsBefore = nowMs == m_eventMs ? m_eventsBefore + 1 : 0;
+    m_eventMs = nowMs;
+    QByteArray line = LinkMeasurement + lineTag("controller", controller) + ' ';
+    if (status.cause != Cause::None)
+        line += lineField("cause", describe(status.cause)) + ',' +
+                lineField("detail", status.detail) + ',';
+    return line + lineField("state", describe(status.state)) + ' ' +
+           QByteArray::number(nowMs * NsPerMs + m_eventsBefore) + '\n';
 }
 
 Value valueOf(const Result& result)

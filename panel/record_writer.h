@@ -46,11 +46,17 @@ public:
     QByteArray record(const Item& item, const QString& controller, const Value& value,
                       qint64 nowMs) const;
 
-    /// One line of what has become of a link, with "event":"link"; empty except for JSON lines.
-    QByteArray linkRecord(const QString& controller, const LinkStatus& status, qint64 nowMs) const;
+    /// One line of what has become of a link: in JSON lines with "event":"link", in CSV with a
+    /// quality that begins with "link " and neither name nor address, in the line protocol of a
+    /// measurement of its own, where no two have the same time. Empty for text.
+    QByteArray linkRecord(const QString& controller, const LinkStatus& status, qint64 nowMs);
 
 private:
+    QByteArray lineEvent(const QString& controller, const LinkStatus& status, qint64 nowMs);
+
     const RecordFormat m_format;
+    qint64 m_eventMs = -1;  ///< Of the last event.
+    int m_eventsBefore = 0; ///< In the same millisecond.
 };
 
 /// What a request that ended so found, as a value.

@@ -16,6 +16,7 @@ constexpr int WidestValue = 24;
 constexpr int NarrowestNote = 4;
 constexpr int LinesWithHeader = 16; ///< A screen with fewer has no line to spare.
 const char* const Prompt = "write> ";
+const char* const ReadOnlyPrompt = "read-only> ";
 const QLatin1String Separator(" | "); ///< Of the parts of the first status line.
 
 // One line of what the rows need.
@@ -185,7 +186,9 @@ void Layout::addPrompt(const QStringList& message)
     }
     if (m_shape.typing)
         where += (where.isEmpty() ? QString() : QStringLiteral("  ")) + QStringLiteral("q quits");
-    QString line = m_shape.typing ? QLatin1String(Prompt) + m_contents.typed : QString();
+    QString line;
+    if (m_shape.typing)
+        line = QLatin1String(m_contents.readOnly ? ReadOnlyPrompt : Prompt) + m_contents.typed;
     // Of a long line the end is what is being typed.
     line = ending(line, m_width, m_shape.utf8);
     m_drawing.cursorColumn = cells(line);

@@ -28,6 +28,7 @@ struct ScreenContents {
     int top = 0;     ///< The first line of all those that the rows need.
     QString message; ///< The latest; empty: none.
     QString typed;
+    bool readOnly = false; ///< What is typed will not be written.
 };
 
 enum class Style { Plain, Dim, Bold, Alarm };

@@ -92,7 +92,7 @@ void Session::hear(int number)
     if (number == SIGTSTP)
         ::raise(SIGSTOP);
     else if (number != SIGWINCH)
-        end(m_interruptStatus);
+        end(number == SIGQUIT ? int(ExitQuit) : m_interruptStatus);
 }
 
 int Session::count() const

@@ -37,9 +37,9 @@ public:
     bool start(QString* error);
 
     /// The status with which SIGINT, SIGTERM and SIGHUP end the event loop; ExitNoAnswer if not
-    /// set.
+    /// set. SIGQUIT ends it with ExitQuit.
     void setInterruptStatus(int status);
-    /// Gets each signal before that; true: it is dealt with.
+    /// Gets each signal (see Signals) before that; true: it is dealt with.
     void onSignal(const std::function<bool(int)>& handler);
 
 private:

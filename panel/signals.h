@@ -13,7 +13,8 @@ namespace s7200::panel
 class Signals
 {
 public:
-    /// `handler` gets SIGINT, SIGTERM, SIGHUP, SIGWINCH and SIGTSTP, in the event loop.
+    /// `handler` gets SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH and SIGTSTP, in the event loop;
+    /// not one that the program's starter has ignored.
     explicit Signals(const std::function<void(int)>& handler);
     ~Signals(); ///< They do again what they did before.
 

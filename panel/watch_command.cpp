@@ -15,15 +15,15 @@ const char* const Description =
     "keys, PgUp, PgDn, space, Home and End scroll; q leaves), otherwise as lines.\n"
     "Values that are not current are shown as '?'. A timer or counter bit shown as\n"
     "latched has been 1 since the program started; the driver never clears it.\n"
-    "While it runs it takes writes, VARIABLE=VALUE and Enter, and q or quit. Ends by\n"
-    "Ctrl-C, --count, --duration or --until.";
+    "While it runs it takes writes from the keyboard, VARIABLE=VALUE and Enter, and q\n"
+    "or quit. Ends by Ctrl-C, --count, --duration or --until.";
 
 QList<QCommandLineOption> watchOptions()
 {
     return {
         {"count",
          "End after this many rounds. One is over when all that can be read was read, or after "
-         "a second or two intervals.",
+         "a second or two of the longest interval.",
          "n"},
         {"duration", "End after this many seconds.", "s"},
         {"until",
@@ -35,6 +35,8 @@ QList<QCommandLineOption> watchOptions()
         formatOption(),
         {"changes", "Record only changes beyond the dead band (text always does)."},
         {"heartbeat", "Record a value again after this many seconds, changed or not.", "s"},
+        {"writes", "Take the lines of standard input as writes also if it is no terminal."},
+        {"read-only", "Write nothing, whatever is typed."},
         {"output", "Append records to this file. SIGHUP reopens it; it may be cut at any time.",
          "file"},
     };
@@ -47,10 +49,15 @@ bool readOptions(CommandLine& line, WatchOptions* options, QString* error)
     if (!format ||
         !line.number("count", 1, std::numeric_limits<int>::max(), &options->count, error) ||
         !line.seconds("duration", &options->durationMs, error) ||
-        !line.seconds("heartbeat", &options->heartbeatMs, error) ||
-        !line.number("interval", 0, std::numeric_limits<int>::max(), &options->intervalMs, error))
+        !line.seconds("heartbeat", &options->heartbeatMs, error))
         return false;
     options->format = *format;
+    options->writes = given.isSet(QStringLiteral("writes"));
+    options->readOnly = given.isSet(QStringLiteral("read-only"));
+    if (options->writes && options->readOnly) {
+        *error = QStringLiteral("--read-only forbids what --writes asks for; leave one out");
+        return false;
+    }
     options->waits = given.isSet(QStringLiteral("wait"));
     options->changes = *format == RecordFormat::Text || given.isSet(QStringLiteral("changes"));
     options->outputFile = given.value(QStringLiteral("output"));

@@ -30,7 +30,8 @@ qint64 wallClock()
 WatchRun::WatchRun(CommandLine& line, const WatchOptions& options, const QVector<Item>& items)
     : m_line(line), m_options(options), m_refused(items.size(), -1), m_writer(options.format),
       m_filter(options.changes, options.heartbeatMs),
-      m_screen(m_rows, [this](const QString& typed) { takeLine(typed); })
+      m_screen(
+          m_rows, [this](const QString& typed) { takeLine(typed); }, options.readOnly)
 {
     for (const Item& item : items)
         m_rows.append(WatchedRow(item));
@@ -51,11 +52,15 @@ int WatchRun::run()
     m_writesRecords = !m_wantsScreen || !m_options.outputFile.isEmpty();
     m_screen.setStatus(statusLines());
     enterScreen();
-    m_input.reset(new StandardInput([this](const QByteArray& bytes) { takeInput(bytes); }));
+    // What else comes in may be meant for others, such as the loop of a script around this.
+    if (m_options.writes || ::isatty(STDIN_FILENO) == 1)
+        m_input.reset(new StandardInput([this](const QByteArray& bytes) { takeInput(bytes); }));
     startTimers();
+    stampMessages(true);
     QString error;
     const bool started = m_session->start(&error);
     const int status = started ? runEventLoop() : int(ExitUsage);
+    stampMessages(false);
     m_screen.leave();
     if (!started) {
         complain(error);
@@ -100,8 +105,10 @@ bool WatchRun::openSession()
         rows.append(row);
     }
     for (int i = 0; i < m_session->count(); ++i) {
-        if (!m_targets.at(i).rows.isEmpty())
-            connectController(i);
+        if (m_targets.at(i).rows.isEmpty())
+            continue;
+        m_intervals.append(m_session->controller(i).settings().intervalMs);
+        connectController(i);
     }
     return true;
 }
@@ -136,8 +143,10 @@ void WatchRun::startTimers()
     QObject::connect(&m_overdue, &QTimer::timeout, [this] { overdue(); });
     QObject::connect(&m_tick, &QTimer::timeout, [this] { tick(); });
     QObject::connect(&m_lifetime, &QTimer::timeout, [this] { end(statusAtEnd()); });
-    m_overdue.start(qMax(2 * m_options.intervalMs, MsPerSecond));
-    m_tick.start(m_wantsScreen ? TickMs : qBound(FastestTickMs, m_options.intervalMs, MsPerSecond));
+    // The slowest controller makes the round.
+    const auto interval = std::minmax_element(m_intervals.begin(), m_intervals.end());
+    m_overdue.start(qMax(2 * *interval.second, MsPerSecond));
+    m_tick.start(m_wantsScreen ? TickMs : qBound(FastestTickMs, *interval.first, MsPerSecond));
     m_lifetime.setTimerType(Qt::PreciseTimer); // others may come up to 5 % early
     if (m_options.durationMs > 0)
         m_lifetime.start(m_options.durationMs);
@@ -148,15 +157,15 @@ void WatchRun::startTimers()
 void WatchRun::hearLink(int controller, const LinkStatus& status)
 {
     const QString said = m_board.hear(controller, status, elapsed());
-    if (!said.isEmpty()) {
-        // On the screen each link has its line, which says more.
-        if (!m_screen.isEntered())
-            complain(said);
-        if (m_writesRecords)
-            m_output.write(m_writer.header(),
-                           m_writer.linkRecord(m_session->recordName(controller, status.station),
-                                               status, wallClock()));
-    }
+    // On the screen each link has its line, which says more while it is not up.
+    const bool comesBackAtOnce = status.cause == Cause::Refused;
+    if (!said.isEmpty() && (!m_screen.isEntered() || comesBackAtOnce))
+        say(said);
+    const bool isEvent = status.state == LinkState::Up || status.cause != Cause::None;
+    if (m_writesRecords && isEvent)
+        m_output.write(m_writer.header(),
+                       m_writer.linkRecord(m_session->recordName(controller, status.station),
+                                           status, wallClock()));
     if (!m_options.waits && m_board.isHopeless())
         end(statusAtEnd());
     m_screen.setStatus(statusLines());
@@ -314,6 +323,8 @@ QStringList WatchRun::statusLines()
                         .arg(counted(all.cycles, "cycle"))
                         .arg(m_rate, 0, 'f', 1)
                         .arg(counted(all.retries, "retry", "retries"));
+    if (all.linkLosses > 0)
+        lines[0] += QStringLiteral(" | ") + counted(all.linkLosses, "link loss", "link losses");
     return lines;
 }
 

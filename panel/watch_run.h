@@ -20,9 +20,10 @@ struct WatchOptions {
     int count = 0;      ///< Rounds; 0: no limit.
     int durationMs = 0; ///< 0: no limit.
     int heartbeatMs = 0;
-    int intervalMs = 500;
     bool changes = false;
-    bool waits = false;   ///< Also for controllers that are off at the start.
+    bool waits = false;  ///< Also for controllers that are off at the start.
+    bool writes = false; ///< Takes standard input even if it is no terminal.
+    bool readOnly = false;
     bool records = false; ///< Lines rather than a screen, also on a terminal.
     QString outputFile;   ///< Empty: standard output.
     RecordFormat format = RecordFormat::Text;
@@ -79,6 +80,7 @@ private:
     QVector<qint64> m_refused; ///< By row: when a refusal was last said; -1: never.
     QVector<int> m_conditions; ///< Rows of the options' conditions.
     QVector<Target> m_targets; ///< By controller.
+    QVector<int> m_intervals;  ///< Of those that are watched, milliseconds.
     RecordWriter m_writer;
     ChangeFilter m_filter;
     OutputFile m_output;

@@ -22,8 +22,8 @@ constexpr int EscapeMs = 500;
 } // namespace
 
 WatchScreen::WatchScreen(const QVector<WatchedRow>& rows,
-                         const std::function<void(const QString&)>& line)
-    : m_rows(rows), m_line(line)
+                         const std::function<void(const QString&)>& line, bool readOnly)
+    : m_rows(rows), m_line(line), m_readOnly(readOnly)
 {
     m_leaving.setSingleShot(true);
     QObject::connect(&m_leaving, &QTimer::timeout, [this] { m_line(QStringLiteral("quit")); });
@@ -93,6 +93,7 @@ void WatchScreen::refresh()
     contents.top = m_top;
     contents.message =
         m_leaving.isActive() ? QStringLiteral("leaving; type on to write to Q") : m_message;
+    contents.readOnly = m_readOnly;
     contents.typed = m_keyboard.typed();
     m_drawing = draw(contents, m_terminal.shape());
     m_top = m_drawing.top;
@@ -108,7 +109,7 @@ void WatchScreen::takeInput(const QByteArray& bytes)
     else
         m_escape.stop();
     if (m_keyboard.typed() == QLatin1String("q"))
-        m_leaving.start(LeavingMs);
+        m_leaving.start(m_readOnly ? 0 : LeavingMs);
     else
         m_leaving.stop();
     refresh();

@@ -17,7 +17,9 @@ class WatchScreen
 {
 public:
     /// `rows` must outlive it. `line` gets what was typed; "q" and "quit" end the program.
-    WatchScreen(const QVector<WatchedRow>& rows, const std::function<void(const QString&)>& line);
+    /// `readOnly`: what is typed will not be written, which the prompt says.
+    WatchScreen(const QVector<WatchedRow>& rows, const std::function<void(const QString&)>& line,
+                bool readOnly);
 
     void enter();
     /// Gives the terminal back, and prints the values that were shown last.
@@ -40,6 +42,7 @@ private:
 
     const QVector<WatchedRow>& m_rows;
     std::function<void(const QString&)> m_line;
+    const bool m_readOnly;
     Terminal m_terminal;
     Keyboard m_keyboard;
     Drawing m_drawing;

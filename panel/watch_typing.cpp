@@ -16,6 +16,14 @@ namespace
 /// Of what was typed, so that what became of it has room on a small screen.
 constexpr int CellsShown = 32;
 
+QString shownOf(const QString& typed)
+{
+    const bool utf8 = isUtf8Locale();
+    return cellsOf(typed, utf8) <= CellsShown
+               ? typed
+               : beginning(typed, CellsShown - 4, utf8) + QStringLiteral(" ...");
+}
+
 } // namespace
 
 void WatchRun::takeInput(const QByteArray& bytes)
@@ -45,6 +53,10 @@ void WatchRun::writeTyped(const QString& text)
     Item item;
     QVector<quint32> values;
     QString error;
+    if (m_options.readOnly) {
+        say(QStringLiteral("%1: not written, since --read-only forbids it").arg(shownOf(text)));
+        return;
+    }
     if (!m_line.resolveAssignment(text, &item, &values, &error)) {
         say(error);
         return;
@@ -61,10 +73,7 @@ void WatchRun::writeTyped(const QString& text)
             say(error);
     }
     ++m_openWrites;
-    const bool utf8 = isUtf8Locale();
-    const QString shown = cellsOf(text, utf8) <= CellsShown
-                              ? text
-                              : beginning(text, CellsShown - 4, utf8) + QStringLiteral(" ...");
+    const QString shown = shownOf(text);
     controller.write(item.tag.variable, values, [this, shown, item](const Result& result) {
         const Result told = outcomeOf(result);
         const QString failure =
@@ -94,7 +103,7 @@ bool WatchRun::takeSignal(int number)
 void WatchRun::say(const QString& text)
 {
     if (m_screen.isEntered())
-        m_screen.message(text);
+        m_screen.message(stamped(text));
     if (!m_screen.isEntered() || ::isatty(STDERR_FILENO) == 0)
         complain(text);
 }

@@ -1,15 +1,10 @@
 // The panel as its user meets it: a program with exit statuses, values on standard output and
-// everything else on standard error; and a screen on a terminal.
+// everything else on standard error.
 
 #include "panel/commands.h"
 #include "panel/watched_row.h"
 #include "tests/panel_process.h"
 #include "tests/text_table.h"
-
-#include <fcntl.h>
-#include <sys/ioctl.h>
-#include <termios.h>
-#include <unistd.h>
 
 using namespace s7200;
 using namespace s7200::panel;
@@ -37,16 +32,6 @@ QString faultOf(const QString& text)
         return error;
     }
     return "no such command";
-}
-
-/// The master's end; -1 where there are none, as in a bare chroot.
-int openTerminal()
-{
-    const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY);
-    if (terminal >= 0 && ::grantpt(terminal) == 0 && ::unlockpt(terminal) == 0)
-        return terminal;
-    ::close(terminal);
-    return -1;
 }
 
 } // namespace
@@ -184,7 +169,7 @@ private slots:
     void throughAnOutage()
     {
         Simulator simulator;
-        Panel panel(simulator.command("watch --interval 100 --retries 1 VW0"));
+        Panel panel(simulator.command("watch --writes --interval 100 --retries 1 VW0"));
         QVERIFY(panel.waitFor(Out, "VW0 0\n"));
         panel.process.write("VW0=5\nVW0=99999\nSM0.0=1\n");
         QVERIFY(panel.waitFor(Out, "VW0 5\n"));
@@ -202,7 +187,7 @@ private slots:
         QCOMPARE(simulator.thread->peek(SimulatorArea::V, 20, 2), QByteArray(2, '\0'));
         panel.process.write("quit\n");
         QCOMPARE(panel.finish(), 0);
-        QVERIFY(panel.waitFor(Err, "1 link loss "));
+        QVERIFY(panel.waitFor(Err, "1 link loss, 1 reconnect in "));
     }
 
     // --one-driver or a driver each: the same values from the same controllers.
@@ -222,7 +207,7 @@ private slots:
             QVERIFY2(lines.contains("VW0@4 4\n") && lines.contains("VW0@3 3\n"), qPrintable(lines));
         }
         // Nobody but who is named is connected, until a value is written.
-        Panel one(QStringList{"watch", "--controller", "9=127.0.0.1:1"} + to.mid(0, 5));
+        Panel one(QStringList{"watch", "--writes", "--controller", "9=127.0.0.1:1"} + to.mid(0, 5));
         QVERIFY(one.waitFor(Out, "VW0@4 4\n"));
         one.process.write("VW2@3=5\n");
         QVERIFY(one.waitFor(Err, "VW2@3=5: written"));
@@ -236,64 +221,6 @@ private slots:
         QVERIFY2(lines.contains("\"VW0\",\"controller\":\"3\"") &&
                      lines.contains("\"event\":\"link\""),
                  qPrintable(lines));
-    }
-
-    void signalsEndAnything()
-    {
-        for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-            for (const QString line : {"watch VW0", "watch --until VW0>0", "read VW0"}) {
-                const Simulator simulator("silent-accept");
-                Panel panel(simulator.command(line + " --timeout 3600000"));
-                QTRY_VERIFY_WITH_TIMEOUT(!simulator.thread->faultCounts().isEmpty(), LongMs);
-                panel.signal(number);
-                QCOMPARE(panel.finish(), line == "watch VW0" ? 0 : line == "read VW0" ? 4 : 8);
-            }
-        }
-    }
-
-    void outputElsewhere()
-    {
-        const Simulator simulator;
-        // Standard output that cannot be written, and one whose reader has gone.
-        Panel full(simulator.command("watch VW0"), "/dev/full");
-        QCOMPARE(full.finish(), 7);
-        QVERIFY(full.waitFor(Err, "cannot write to standard output"));
-        const QString endless =
-            simulator.command(PANEL_PROGRAM " watch --interval 50 VW0").join(' ');
-        QProcess shell;
-        shell.start("sh", {"-c", "{ " + endless + "; echo status $? >&2; } | head -n 1"});
-        QVERIFY(shell.waitForFinished(LongMs));
-        QCOMPARE(shell.readAllStandardOutput(), QByteArray("VW0 0\n"));
-        QVERIFY(shell.readAllStandardError().contains("status 7"));
-        // A file that is moved away is begun anew after SIGHUP.
-        const QTemporaryDir directory;
-        const QString file = directory.filePath("out.csv");
-        Panel watch(
-            simulator.command("watch --interval 50 --format csv --output " + file + " VW0"));
-        const auto begun = [&] { return QFile(file).size() > 60; };
-        QTRY_VERIFY_WITH_TIMEOUT(begun(), LongMs);
-        QVERIFY(QFile::rename(file, file + ".1"));
-        watch.process.write("VW0=6"); // cut off, for all that is known
-        watch.process.closeWriteChannel();
-        QVERIFY(watch.waitFor(Err, "VW0=6: not written"));
-        watch.signal(SIGHUP);
-        QTRY_VERIFY_WITH_TIMEOUT(begun(), LongMs);
-        watch.signal(SIGINT);
-        QCOMPARE(watch.finish(), 0);
-        QFile again(file);
-        QVERIFY(again.open(QIODevice::ReadOnly) && again.readAll().startsWith("time,controller,"));
-        // The trace is a capture, and not overwritten unasked.
-        const QString trace = directory.filePath("trace.pcap");
-        for (const int status : {0, 2}) {
-            Panel traced(simulator.command("read VW100 --trace " + trace));
-            QCOMPARE(traced.finish(), status);
-        }
-        Panel unwritten(simulator.command("read VW100 --trace /dev/full"));
-        QCOMPARE(unwritten.finish(), 7);
-        QVERIFY(unwritten.waitFor(Err, "/dev/full: No space left"));
-        QFile capture(trace);
-        QVERIFY(capture.open(QIODevice::ReadOnly));
-        QVERIFY(capture.readAll().contains(QByteArray::fromHex("120a10020002000184000320")));
     }
 
     // The system's loader takes the first copy of the driver for the driver from then on.
@@ -314,82 +241,6 @@ private slots:
                                 "b=" + address, "a:VW0", "b:VW0"});
         QVERIFY(process.waitForFinished(LongMs));
         QVERIFY2(process.exitCode() == 0, process.readAllStandardError());
-    }
-
-    // A shell's job in the background goes on recording, whatever is typed to others.
-    void inTheBackground()
-    {
-        const int terminal = openTerminal();
-        if (terminal < 0)
-            QSKIP("no pseudo-terminals here");
-        const Simulator simulator;
-        const QTemporaryDir directory;
-        const QString file = directory.filePath("out.csv");
-        const QString line = "watch --interval 50 --duration 60 --output " + file + " VW0";
-        QProcess shell;
-        shell.setStandardInputFile(::ptsname(terminal));
-        shell.setStandardOutputFile(::ptsname(terminal), QIODevice::Append);
-        shell.start("setsid", {"--ctty", "--wait", "sh", "-mc",
-                               "TERM=xterm " PANEL_PROGRAM " " + simulator.command(line).join(' ') +
-                                   " --format csv & head -n 2; kill $!"});
-        const auto grows = [&](qint64 from) { return QFile(file).size() > from + 300; };
-        QTRY_VERIFY_WITH_TIMEOUT(grows(0), LongMs);
-        QCOMPARE(int(::write(terminal, "quit\n", 5)), 5);
-        const qint64 size = QFile(file).size();
-        QTRY_VERIFY_WITH_TIMEOUT(grows(size), LongMs);
-        QCOMPARE(int(::write(terminal, "end\n", 4)), 4);
-        QVERIFY(shell.waitForFinished(LongMs));
-        ::close(terminal);
-    }
-
-    // On a terminal: a screen from the first moment, keys, and the terminal as it was.
-    void screen()
-    {
-        const int terminal = openTerminal();
-        if (terminal < 0)
-            QSKIP("no pseudo-terminals here");
-        const QString name = ::ptsname(terminal);
-        const int keeper = ::open(name.toLatin1().constData(), O_RDWR | O_NOCTTY);
-        const winsize size = {10, 40, 0, 0};
-        ::ioctl(terminal, TIOCSWINSZ, &size);
-        termios before = {}, after = {};
-        ::tcgetattr(terminal, &before);
-        QString shown;
-        const auto shows = [&](const char* text) {
-            ::fcntl(terminal, F_SETFL, O_NONBLOCK);
-            char bytes[4096];
-            for (ssize_t got; (got = ::read(terminal, bytes, sizeof bytes)) > 0;)
-                shown += QString::fromUtf8(bytes, int(got));
-            return shown.contains(text);
-        };
-        Simulator simulator("silent-accept");
-        Panel panel({});
-        panel.process.waitForFinished();
-        QProcess& process = panel.process;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("TERM", "xterm");
-        process.setProcessEnvironment(environment);
-        process.setStandardInputFile(name);
-        process.setStandardOutputFile(name, QIODevice::Append);
-        process.start(PANEL_PROGRAM,
-                      simulator.command("watch --timeout 500 --retries 99 VW100x30"));
-        QTRY_VERIFY_WITH_TIMEOUT(shows("connecting to 127.0.0.1"), LongMs);
-        QVERIFY(shows("\x1b[?1049h"));
-        QString error;
-        QVERIFY(simulator.thread->setFaults({}, &error));
-        QTRY_VERIFY_WITH_TIMEOUT(shows("1-8 of 30") && shows(" up | "), LongMs);
-        QCOMPARE(int(::write(terminal, "\x1b[6~VW110=77", 12)), 12);
-        QTRY_VERIFY_WITH_TIMEOUT(shows("9-16 of 30") && shows("write> VW110=77"), LongMs);
-        QCOMPARE(int(::write(terminal, "\r", 1)), 1);
-        QTRY_VERIFY_WITH_TIMEOUT(shows("VW110=77: written"), LongMs);
-        QCOMPARE(int(::write(terminal, "q", 1)), 1);
-        QCOMPARE(panel.finish(), 0);
-        QVERIFY(shows("\x1b[?1049l"));
-        ::tcgetattr(terminal, &after);
-        QCOMPARE(after.c_lflag, before.c_lflag);
-        QCOMPARE(after.c_iflag, before.c_iflag);
-        ::close(keeper);
-        ::close(terminal);
     }
 };
 

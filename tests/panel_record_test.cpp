@@ -4,6 +4,7 @@
 #include "panel/change_filter.h"
 #include "panel/output_file.h"
 #include "panel/record_writer.h"
+#include "panel/statistics.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
@@ -66,6 +67,9 @@ VD8/float nan
 2026-01-01T00:00:00.007Z,p 1,'a ''b'', c=d\',VW0,,mm,stale
 2025-12-31T23:59:59.007Z,p 1,VW4x2/hex,VW4x2/hex,0x000A 0xFFFF,,good
 2025-12-31T23:59:59.007Z,p 1,VD8/float,VD8/float,nan,,good
+2026-01-01T00:00:00.007Z,p 1,,,,,link waiting: closed
+2026-01-01T00:00:00.007Z,p 1,,,,,link up
+2026-01-01T00:00:00.008Z,p 1,,,,,link up
 )");
         QTest::newRow("jsonl")
             << "jsonl"
@@ -74,7 +78,9 @@ VD8/float nan
 {'address':'VW0','controller':'p 1','name':'a \'b\', c=d\\','quality':'stale','time':'2026-01-01T00:00:00.007Z','unit':'mm','value':null}
 {'address':'VW4x2/hex','controller':'p 1','name':'VW4x2/hex','quality':'good','time':'2025-12-31T23:59:59.007Z','unit':'','value':[10,65535]}
 {'address':'VD8/float','controller':'p 1','name':'VD8/float','quality':'good','time':'2025-12-31T23:59:59.007Z','unit':'','value':null}
-{'cause':'closed','controller':'p 1','detail':'why','event':'link','state':'waiting','time':'2026-01-01T00:00:00.007Z'}
+{'cause':'closed','controller':'p 1','detail':'say \'no\'\\\n','event':'link','state':'waiting','time':'2026-01-01T00:00:00.007Z'}
+{'controller':'p 1','event':'link','state':'up','time':'2026-01-01T00:00:00.007Z'}
+{'controller':'p 1','event':'link','state':'up','time':'2026-01-01T00:00:00.008Z'}
 )");
         QTest::newRow("influx")
             << "influx"
@@ -83,6 +89,9 @@ VD8/float nan
 s7200,address=VW0,controller=p\ 1,name=a\ 'b'\,\ c\=d\_,unit=mm quality='stale' 1767225600007000000
 s7200,address=VW4x2/hex,controller=p\ 1,name=VW4x2/hex value_0=10,value_1=65535,quality='good' 1767225599007000000
 s7200,address=VD8/float,controller=p\ 1,name=VD8/float quality='good' 1767225599007000000
+s7200_link,controller=p\ 1 cause='closed',detail='say \'no\'\\ ',state='waiting' 1767225600007000000
+s7200_link,controller=p\ 1 state='up' 1767225600007000001
+s7200_link,controller=p\ 1 state='up' 1767225600008000000
 )");
     }
 
@@ -90,7 +99,7 @@ s7200,address=VD8/float,controller=p\ 1,name=VD8/float quality='good' 1767225599
     {
         QFETCH(QString, format);
         QFETCH(QByteArray, lines);
-        const RecordWriter writer(recordFormatNamed(format).value());
+        RecordWriter writer(recordFormatNamed(format).value());
         Item scaled = itemOf("t,VW0,mm,0.1");
         scaled.tag.name = scaled.label = "a \"b\", c=d\\";
         Item array = itemOf("t,VW4x2/h,,");
@@ -107,8 +116,12 @@ s7200,address=VD8/float,controller=p\ 1,name=VD8/float quality='good' 1767225599
         LinkStatus link;
         link.state = LinkState::Waiting;
         link.cause = Cause::Closed;
-        link.detail = "why";
+        link.detail = "say \"no\"\\\n";
         got += writer.linkRecord("p 1", link, Now);
+        link = LinkStatus();
+        link.state = LinkState::Up;
+        got += writer.linkRecord("p 1", link, Now); // so soon that the clock stands still
+        got += writer.linkRecord("p 1", link, Now + 1);
         QCOMPARE(got.split('\n'), lines.replace('\'', '"').split('\n'));
         QVERIFY(!recordFormatNamed("CSV"));
     }
@@ -162,6 +175,62 @@ s7200,address=VD8/float,controller=p\ 1,name=VD8/float quality='good' 1767225599
         QCOMPARE(contentsOf(file), QByteArray("h\n5\n6\n"));
         QVERIFY(!again.open(directory.filePath("none/out"), &error) && error.contains("none/out"));
         QVERIFY(again.write("h\n", "7\n")); // the old one stays
+    }
+
+    // What has no end, as after a power cut, stays alone, also in the file of after SIGHUP.
+    void tornLine()
+    {
+        const QTemporaryDir directory;
+        const QString file = directory.filePath("out");
+        QFile torn(file);
+        QString error;
+        OutputFile output;
+        QVERIFY(torn.open(QIODevice::WriteOnly) && torn.write("h\n1") == 3 && torn.flush());
+        QVERIFY(output.open(file, &error) && output.write("h\n", "2\n"));
+        QVERIFY(output.write("h\n", "3\n"));
+        QCOMPARE(contentsOf(file), QByteArray("h\n1\n2\n3\n"));
+        QVERIFY(QFile::rename(file, file + ".1"));
+        QFile other(file);
+        QVERIFY(other.open(QIODevice::WriteOnly) && other.write("4") == 1 && other.flush());
+        QVERIFY(output.reopen(&error) && output.write("h\n", "5\n"));
+        QCOMPARE(contentsOf(file), QByteArray("4\n5\n"));
+        QVERIFY(other.resize(1) && output.reopen(&error) && other.resize(0)); // torn, then cut
+        QVERIFY(output.write("h\n", "6\n"));
+        QCOMPARE(contentsOf(file), QByteArray("h\n6\n"));
+    }
+
+    void statusOfSeveral()
+    {
+        const auto status = [](const QVector<Cause>& causes) { return int(exitStatusOf(causes)); };
+        QCOMPARE(status({}), int(ExitGood));
+        QCOMPARE(status({Cause::None, Cause::None}), int(ExitGood));
+        QCOMPARE(status({Cause::TimedOut, Cause::Refused, Cause::NoConnection}), int(ExitNoAnswer));
+        QCOMPARE(status({Cause::Refused, Cause::TimedOut}), int(ExitRefused));
+        QCOMPARE(status({Cause::TimedOut, Cause::None}), int(ExitSomeFailed));
+    }
+
+    void statisticsOfSeveral()
+    {
+        LinkStatistics one;
+        one.cycles = 1;
+        one.lateCycles = 2;
+        one.requests = 3;
+        one.retries = 4;
+        one.connections = 5;
+        one.reconnects = 6;
+        one.linkLosses = 7;
+        one.failures[size_t(Cause::Stopped)] = 8;
+        one.roundTrip.add(9);
+        LinkStatistics all;
+        QCOMPARE(statisticsText(all, 0), QString("0 cycles, 0 requests, 0 retries, 0 connections, "
+                                                 "0 link losses in 0.0 s"));
+        for (int i = 0; i < 10; ++i)
+            addStatistics(one, &all);
+        QCOMPARE(statisticsText(all, 2950),
+                 QString("10 cycles (20 late), 30 requests, 40 retries, 50 connections, "
+                         "70 link losses, 60 reconnects in 3.0 s"));
+        QCOMPARE(all.failed(Cause::Stopped), quint64(80));
+        QCOMPARE(all.roundTrip.count(), quint64(10));
     }
 
     void fullDisk()

@@ -141,6 +141,11 @@ private slots:
                               "b (10.0.0.2:102)\n"
                               "write> VW1           6-9 of 10  q quits\n";
         QCOMPARE(textOf(drawPlant(rows, {40, 10, false, false, true}, 5)), small);
+        ScreenContents contents;
+        contents.rows = &rows;
+        contents.readOnly = true;
+        contents.typed = "q";
+        QVERIFY(textOf(draw(contents, {40, 10})).contains("\nread-only> q "));
     }
 
     void moreTroublesThanRoom()
@@ -318,6 +323,23 @@ private slots:
         hear(LinkState::Down, Cause::TimedOut);
         QCOMPARE(board.finish(),
                  QStringList({"press: link down 1 time more: " + describe(Cause::TimedOut)}));
+    }
+
+    // What a refused variable costs is over before anybody looks.
+    void linksThatRefusalsCost()
+    {
+        LinkBoard board;
+        board.add(0, -1, "press");
+        QStringList said;
+        for (int i = 0; i < 9; ++i) {
+            said += board.hear(0, link(LinkState::Waiting, Cause::Refused, "no such object"), i);
+            said += board.hear(0, link(LinkState::Up), i);
+        }
+        said.removeAll(QString());
+        QCOMPARE(said,
+                 QStringList({"link down: refused by press: no such object", "link up: press"}));
+        QCOMPARE(board.tick(100000), QStringList());
+        QCOMPARE(board.finish(), QStringList({"press: link down 8 times more: refused"}));
     }
 
     void linesOfLinks()
