@@ -3,7 +3,6 @@
 #include "host/session.h"
 #include "host/variable_bounds.h"
 
-#include <QDateTime>
 #include <QTimer>
 
 #include <deque>
@@ -62,13 +61,7 @@ void Controller::Private::request(const Variable& variable, const QVector<quint3
     request->variable = variable;
     request->station = session->machine().stationOf(variable);
     request->values = values;
-    if (done)
-        request->done = [done](const Result& result) {
-            Result dated = result;
-            if (dated.value.ageMs >= 0)
-                dated.value.timeMs = QDateTime::currentMSecsSinceEpoch() - dated.value.ageMs;
-            done(dated);
-        };
+    request->done = done;
     session->request(std::move(request));
 }
 
@@ -137,6 +130,7 @@ bool Controller::start(QString* error)
     connect(session.get(), &Session::linkChanged, this, &Controller::linkChanged);
     connect(session.get(), &Session::valuesChanged, this, &Controller::valuesChanged);
     connect(session.get(), &Session::cycleDone, this, &Controller::cycleDone);
+    connect(session.get(), &Session::pduChanged, this, &Controller::pduChanged);
     QString reason;
     d->session = std::move(session);
     if (d->session->start(d->watched, &reason))
@@ -186,10 +180,7 @@ Value Controller::value(int index) const
 {
     if (!d->session)
         return Value();
-    Value value = d->session->machine().value(index, d->session->now());
-    if (value.ageMs >= 0)
-        value.timeMs = QDateTime::currentMSecsSinceEpoch() - value.ageMs;
-    return value;
+    return d->session->machine().value(index, Session::now().steady);
 }
 
 void Controller::read(const Variable& variable, const Done& done)
@@ -227,7 +218,7 @@ LinkStatus Controller::link(int station) const
 {
     const int number = station >= 0 ? station : d->settings.defaultStation;
     if (d->session)
-        return d->session->machine().link(number, d->session->now());
+        return d->session->machine().link(number, Session::now().steady);
     LinkStatus status;
     status.station = number;
     return status;

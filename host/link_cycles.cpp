@@ -43,7 +43,7 @@ void LinkMachine::relist()
             blocks.append(probeOf(entry.first));
         blocks += wanted;
     }
-    m_comInfo.block_length_limit = m_blockLimit;
+    m_comInfo.block_length_limit = m_watch.blockLimit();
     m_listed =
         m_driver.ReCreatReadVarList(cyclicRecords(blocks, m_comInfo.per_variable_stations != 0));
     m_watch.takeListChange();
@@ -63,9 +63,8 @@ void LinkMachine::beginCycleIfDue()
     if (m_cycleBegan >= 0 && m_now > m_cycleBegan + interval + interval / 10)
         ++m_statistics.lateCycles;
     m_cycleBegan = m_now;
-    m_nextCycle += interval;
-    if (m_nextCycle <= m_now)
-        m_nextCycle = m_now + interval; // what was missed is not made up for
+    // The next on the grid: what was missed is not made up for.
+    m_nextCycle = m_now + interval - (m_now - m_phase) % interval;
     m_inCycle = true;
     m_cyclicLeft = m_listed;
     m_apartLeft = 0;
@@ -89,7 +88,7 @@ void LinkMachine::readApart()
         if (blocks.isEmpty() && isIdle(entry.first))
             blocks.append(probeOf(entry.first));
         for (const ReadBlock& block : std::as_const(blocks)) {
-            queueRead(block, m_blockLimit, ApartKey, m_cycleTag);
+            queueRead(block, ApartKey, m_cycleTag);
             ++m_apartLeft;
         }
     }
@@ -139,13 +138,13 @@ void LinkMachine::cycleProgress()
     m_news.push_back({m_list, [this] { m_orders.tellCycle(); }});
 }
 
-/// An interval may be shorter than it takes to read everything once.
-Micros LinkMachine::valueLifetime() const
+/// An interval may be shorter than it takes to read everything once, or all of what took `trips`.
+Micros LinkMachine::valueLifetime(Micros trips) const
 {
     const Micros interval = m_settings.intervalMs * PerMs;
     // As quickly as possible, so that how long it takes is not known beforehand.
     const Micros floor = interval < ShortestInterval ? m_settings.timeoutMs * PerMs : 0;
-    return IntervalsToStale * std::max({interval, m_cycleTrips, m_lastTrips, floor});
+    return IntervalsToStale * std::max({interval, m_cycleTrips, m_lastTrips, floor, trips});
 }
 
 void LinkMachine::expireValues()

@@ -1,15 +1,13 @@
 #ifndef HOST_LINK_HEALTH_H
 #define HOST_LINK_HEALTH_H
 
+#include "host/moment.h"
 #include "host/reply_judgement.h"
 
 #include <random>
 
 namespace s7200
 {
-
-/// A point of time or a span, in microseconds; of a clock that never jumps.
-using Micros = qint64;
 
 /// How one station's link fares: failed attempts, why, and when the next one is due.
 class LinkHealth

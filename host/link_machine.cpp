@@ -16,6 +16,8 @@ constexpr Micros PerMs = 1000;
 constexpr Micros Never = std::numeric_limits<Micros>::max();
 /// Null in a row while there are requests; one is the driver's idle call in five.
 constexpr int MostIdleCalls = 3;
+/// Cycles of many controllers begin at different moments, on the grid on which long waits end.
+constexpr Micros PhaseStep = 20 * PerMs;
 /// From one frame to the next. A reply has 240 bytes; who sends this much is read for nothing.
 constexpr int MostReceivedBytes = 256 * 1024;
 
@@ -58,7 +60,8 @@ LinkMachine::LinkMachine(DriverCopy& driver, const ControllerSettings& settings,
         m_localWords->words[LocalWords::CalledTsap] = settings.remoteTsap;
         m_localWords->words[LocalWords::CallingTsap] = settings.localTsap;
     }
-    m_requestLimit = requestLimitFor(settings.blockLimit);
+    const Micros steps = std::max<Micros>(1, settings.intervalMs * PerMs / PhaseStep);
+    m_phase = seed % steps * PhaseStep;
 }
 
 LinkMachine::~LinkMachine() = default;
@@ -71,9 +74,10 @@ int LinkMachine::stationOf(const Variable& variable) const
 
 // Events
 
-void LinkMachine::start(Micros now)
+void LinkMachine::start(const Moment& now)
 {
-    m_now = m_nextCycle = now;
+    happensAt(now);
+    m_nextCycle = m_now;
     m_driver.SetComInfo(&m_comInfo);
     m_driver.RegistCallBackFuncIntf(nullptr, 0); // what DataCom returns says as much
     m_driver.FlashLocalRegister(nullptr, m_localWords->words, nullptr);
@@ -98,14 +102,15 @@ void LinkMachine::stop()
     }
 }
 
-void LinkMachine::opened(int number, Micros now)
+void LinkMachine::opened(int number, const Moment& now)
 {
-    m_now = now;
+    happensAt(now);
     Station& station = m_stations.at(number);
     if (station.phase == Phase::Connecting) {
         ++m_statistics.connections;
         station.phase = Phase::Handshake;
         station.isOpen = true;
+        station.wasAsked = false;
         station.received = 0;
         m_relist = true;
         tellLink(number);
@@ -113,9 +118,9 @@ void LinkMachine::opened(int number, Micros now)
     settle(true);
 }
 
-void LinkMachine::openFailed(int number, const QString& why, Micros now)
+void LinkMachine::openFailed(int number, const QString& why, const Moment& now)
 {
-    m_now = now;
+    happensAt(now);
     if (m_stations.at(number).phase == Phase::Connecting) {
         countFailure(Cause::NoConnection);
         attemptFailed(number, {Cause::NoConnection, why});
@@ -123,9 +128,9 @@ void LinkMachine::openFailed(int number, const QString& why, Micros now)
     settle(true);
 }
 
-void LinkMachine::received(int number, const QByteArray& bytes, Micros now)
+void LinkMachine::received(int number, const QByteArray& bytes, const Moment& now)
 {
-    m_now = now;
+    happensAt(now);
     Station& station = m_stations.at(number);
     station.received += int(bytes.size());
     if (station.isOpen && station.received > MostReceivedBytes) {
@@ -134,56 +139,73 @@ void LinkMachine::received(int number, const QByteArray& bytes, Micros now)
                                                 .arg(MostReceivedBytes / 1024)});
     } else if (m_transaction.isOpen && m_transaction.request.station == number) {
         m_collector.append(bytes);
-        if (const auto reply = m_collector.takeReply())
+        if (const auto reply = m_collector.takeReply()) {
+            if (isDisconnect(*reply) && !isConnectionRequest(m_transaction.frame))
+                hangUp(number);
             replied(*reply, Failure());
-        else if (m_collector.isHopeless())
+        } else if (m_collector.isHopeless()) {
             replied(m_collector.whatCameInstead(), Failure());
+        }
+    } else if (station.isOpen && isDisconnect(bytes)) {
+        m_orders.close(number);
+        disconnected(number, judgeDisconnect(bytes));
+    } else if (station.isOpen && !station.wasAsked) {
+        // Whoever speaks first is no controller, whether or not it waits for the first frame.
+        countFailure(Cause::NotS7);
+        attemptFailed(number, judgeUnasked(bytes));
     }
     settle(true);
 }
 
-void LinkMachine::closed(int number, Micros now)
+void LinkMachine::closed(int number, const Moment& now)
 {
-    m_now = now;
+    happensAt(now);
     if (m_stations.at(number).isOpen)
         disconnected(
             number, {Cause::Closed, QStringLiteral("the connection was closed by the controller")});
     settle(true);
 }
 
-void LinkMachine::timePassed(Micros now)
+void LinkMachine::timePassed(const Moment& now)
 {
-    m_now = now;
+    happensAt(now);
     settle(true);
 }
 
-void LinkMachine::watch(const QVector<Variable>& variables, Micros now)
+void LinkMachine::watch(const QVector<Variable>& variables, const Moment& now)
 {
-    m_now = std::max(m_now, now);
-    QVector<int> stations;
-    for (const Variable& variable : variables)
-        stations.append(stationOf(variable));
-    m_blockLimit = listLimitFor(variables, m_settings.blockLimit);
-    m_watch.assign(variables, stations, m_blockLimit);
+    happensAt(now);
+    for (News& news : m_news) { // of an index that will be another's
+        if (news.list == m_list)
+            m_watch.addChanges(news.changes);
+    }
+    ++m_list;
+    assign(variables);
+    const QVector<int> kept = m_watch.takeChanges();
     for (const auto& entry : m_stations) {
         if (entry.second.isUp)
             m_watch.linkUp(entry.first);
         else if (entry.second.health.attempts() > 0)
             m_watch.linkDown(entry.first, entry.second.health.failure());
     }
-    m_watch.takeChanges(); // the caller knows that all is new
-    ++m_list;
-    m_lastTrips = 0;
-    m_relist = true;
-    m_inCycle = false; // what is on its way still belongs to the old list
+    m_watch.takeChanges(); // the caller knows what is new
+    m_watch.addChanges(kept);
     settle(false);
 }
 
-void LinkMachine::request(RequestPtr request, Micros now)
+void LinkMachine::assign(const QVector<Variable>& variables)
 {
-    m_now = std::max(m_now, now);
-    if (request->isWrite())
-        request->steps = writeSteps(request->variable, request->values, m_requestLimit);
+    QVector<int> stations;
+    for (const Variable& variable : variables)
+        stations.append(stationOf(variable));
+    m_watch.assign(variables, stations, limits());
+    m_relist = true;
+    m_inCycle = false; // what is on its way still belongs to the old list
+}
+
+void LinkMachine::request(RequestPtr request, const Moment& now)
+{
+    happensAt(now);
     const auto found = m_stations.find(request->station);
     if (found == m_stations.end())
         finish(std::move(request), {Cause::Invalid, QStringLiteral("no such station")});
@@ -195,6 +217,13 @@ void LinkMachine::request(RequestPtr request, Micros now)
 }
 
 // The wheel
+
+/// Time never falls, although an event may have been looked at later than another one.
+void LinkMachine::happensAt(const Moment& now)
+{
+    m_now = std::max(m_now, now.steady);
+    m_wallMs = now.wallMs;
+}
 
 /// Goes on as far as possible. `tell`: tells what is new, too; without it that is left for the next
 /// timePassed(), so that a completion that asks for more never runs into the next completion.
@@ -325,7 +354,7 @@ void LinkMachine::tellChanges()
 {
     const QVector<int> changes = m_watch.takeChanges();
     if (!changes.isEmpty())
-        m_news.push_back({m_list, [this, changes] { m_orders.tellValues(changes); }});
+        m_news.push_back({m_list, [this, changes] { m_orders.tellValues(changes); }, changes});
 }
 
 } // namespace s7200

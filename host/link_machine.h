@@ -17,7 +17,7 @@ namespace s7200
 {
 
 /// What a LinkMachine orders and tells. None of these may call the machine back before it returns,
-/// except the last three, which come when an event has been dealt with.
+/// except those that tell, which come when an event has been dealt with.
 class LinkOrders
 {
 public:
@@ -41,11 +41,17 @@ public:
     virtual void tellLink(const LinkStatus& status) = 0;
     virtual void tellValues(const QVector<int>& indexes) = 0;
     virtual void tellCycle() = 0;
+    /// The controller has granted another PDU than the last time, or than the usual one.
+    virtual void tellPdu(int station, int bytes)
+    {
+        Q_UNUSED(station);
+        Q_UNUSED(bytes);
+    }
 };
 
 /// The state machine between one driver and its connections: decides when to connect, what to send
 /// next, and what has become of everything that was asked for. Plain code: events in, orders out;
-/// it knows no socket, no thread and no clock. Every event carries the time, which must not fall.
+/// it knows no socket, no thread and no clock. Every event carries the time by both clocks.
 class LinkMachine
 {
 public:
@@ -55,17 +61,17 @@ public:
     ~LinkMachine();
 
     // Events.
-    void start(Micros now);
+    void start(const Moment& now);
     void stop(); ///< Ends all requests as Cause::Stopped before it returns; the last event.
-    void opened(int station, Micros now);
-    void openFailed(int station, const QString& why, Micros now);
-    void received(int station, const QByteArray& bytes, Micros now);
-    void closed(int station, Micros now);
-    void timePassed(Micros now);
-    void watch(const QVector<Variable>& variables, Micros now);
-    void request(RequestPtr request, Micros now);
+    void opened(int station, const Moment& now);
+    void openFailed(int station, const QString& why, const Moment& now);
+    void received(int station, const QByteArray& bytes, const Moment& now);
+    void closed(int station, const Moment& now);
+    void timePassed(const Moment& now);
+    void watch(const QVector<Variable>& variables, const Moment& now);
+    void request(RequestPtr request, const Moment& now);
 
-    // What is known. Times count back from `now`; values have no wall-clock time.
+    // What is known. Ages count back from `now`.
     Value value(int index, Micros now) const;
     LinkStatus link(int station, Micros now) const;
     const QVector<Variable>& watched() const
@@ -89,11 +95,13 @@ private:
     struct Station {
         Phase phase = Phase::Waiting;
         LinkHealth health;
-        Failure failure;       ///< Of the last transaction.
-        Micros deadline = 0;   ///< Connecting: until when.
-        bool isOpen = false;   ///< The TCP connection.
-        bool isUp = false;     ///< As told.
-        bool wasUp = false;    ///< Ever.
+        Failure failure;                   ///< Of the last transaction.
+        Micros deadline = 0;               ///< Connecting: until when.
+        bool isOpen = false;               ///< The TCP connection.
+        bool wasAsked = false;             ///< A frame was sent on it.
+        int pdu = RequestLimits::UsualPdu; ///< As granted last.
+        bool isUp = false;                 ///< As told.
+        bool wasUp = false;                ///< Ever.
         bool hurries = false;  ///< Waits after a refusal: requests need not be given up.
         bool answered = false; ///< A request, since the last cycle.
         int received = 0;      ///< Bytes since the last frame was sent.
@@ -108,10 +116,14 @@ private:
         bool isOpen = false;
         SentFrame frame;
         RW_VAR request;
-        Micros sentAt = 0;
+        int dataOffset = 0;      ///< Of the payload in a good reply.
+        Micros sentAt = 0;       ///< The last time.
+        Moment firstSentAt;      ///< A reply may be one to the first sending: all look alike.
+        bool isRepeated = false; ///< It was sent before.
     };
 
     // The wheel.
+    void happensAt(const Moment& now);
     void settle(bool tell);
     void tellNews();
     void advance();
@@ -134,7 +146,7 @@ private:
     void feedDriver();
     void startRead(Request& request);
     void continueWrite(Request& request);
-    int queueRead(const ReadBlock& block, int limit, int key, int tag);
+    int queueRead(const ReadBlock& block, int key, int tag);
     void finish(RequestPtr request, const Failure& failure);
     void finishActive(const Failure& failure);
     bool isActive(const RW_VAR& request) const;
@@ -147,13 +159,17 @@ private:
     void replied(const QByteArray& reply, const Failure& failure);
     void handshakeAnswered(int station, const Transaction& transaction, const QByteArray& reply,
                            bool good);
-    void requestAnswered(const Transaction& transaction);
-    void readAnswered(const RW_VAR& request);
+    void requestAnswered(const Transaction& transaction, const QByteArray& reply);
+    void readAnswered(const Transaction& transaction, const QByteArray& reply, Micros lifetime);
+    void partRead(Request& request, const WatchList::Sample& sample);
     void writeAnswered(const RW_VAR& request, const Failure& refusal);
     void countFailure(Cause cause);
 
     // Links.
-    Micros valueLifetime() const;
+    Micros valueLifetime(Micros trips = 0) const;
+    RequestLimits limits() const;
+    void granted(int station, int pdu);
+    void assign(const QVector<Variable>& variables);
     static bool isConnected(const Station& station);
     static bool isReady(const Station& station);
     bool isProbed(const Station& station) const;
@@ -162,10 +178,12 @@ private:
     void ready(int station);
     void up(int station);
     void disconnected(int station, const Failure& failure);
+    void hangUp(int station);
     void attemptFailed(int station, const Failure& failure);
     void linkLost(const RW_VAR& request);
     void closeStation(int station, const Failure& failure, bool news);
     LinkState stateOf(const Station& station) const;
+    LinkState pauseOf(const Station& station) const;
     void tellLink(int station);
 
     DriverCopy& m_driver;
@@ -176,6 +194,7 @@ private:
     std::unique_ptr<LocalWords> m_localWords;
 
     Micros m_now = 0;
+    qint64 m_wallMs = 0;
     bool m_stopped = false;
     std::map<int, Station> m_stations;
     WatchList m_watch;
@@ -185,17 +204,16 @@ private:
     int m_refusals = 0;       ///< In a row, of the same frame.
     bool m_repeating = false; ///< The driver holds a frame that failed and goes out again.
 
-    bool m_relist = true;                  ///< The driver's cyclic list is no longer the right one.
-    int m_blockLimit = SmallestBlockLimit; ///< Of watched variables' reads.
-    int m_requestLimit;                    ///< Of single requests.
-    int m_listed = 0;                      ///< Requests in the driver's cyclic list.
-    bool m_inCycle = false;                ///< Between a cycle's begin and its end.
+    bool m_relist = true;   ///< The driver's cyclic list is no longer the right one.
+    int m_listed = 0;       ///< Requests in the driver's cyclic list.
+    bool m_inCycle = false; ///< Between a cycle's begin and its end.
     int m_cycleTag = 0;
     int m_cyclicLeft = 0; ///< Of m_listed, not yet read in this cycle.
     int m_apartLeft = 0;  ///< The same of the variables that are read apart.
     Micros m_cycleBegan = -1;
     Micros m_nextCycle = 0;
     bool m_apartQueued = false; ///< In this cycle: they come last.
+    Micros m_phase;             ///< Of the grid on which cycles begin.
     Micros m_cycleTrips = 0;    ///< All round trips of this cycle,
     Micros m_lastTrips = 0;     ///< and of the last one.
     Micros m_nextExpiry = 0;
@@ -205,6 +223,7 @@ private:
     struct News {
         int list; ///< Of the watched variables that it is about; 0: of none.
         std::function<void()> tell;
+        QVector<int> changes = {}; ///< Of values in that list.
     };
     std::deque<News> m_news;
     int m_list = 1; ///< Counts the lists of watched variables.

@@ -199,6 +199,7 @@ void LinkSocket::attempted(int error)
 void LinkSocket::connected()
 {
     m_state = State::Open;
+    m_hasSent = false;
     m_watcher->await(m_descriptor, SocketWatcher::Await::Input);
     if (m_trace) {
         SocketAddress own;
@@ -235,7 +236,8 @@ void LinkSocket::send(const QByteArray& frame)
 {
     if (m_state != State::Open)
         return;
-    dropStaleInput();
+    if (std::exchange(m_hasSent, true))
+        dropStaleInput();
     record(wire::FrameTrace::ToController, frame.constData(), frame.size());
     if (m_unsent.isEmpty())
         write(frame);

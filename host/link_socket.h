@@ -33,7 +33,8 @@ public:
         return m_state == State::Resolving;
     }
 
-    /// Drops what has come in since the last signal, then sends.
+    /// Drops what has come in since the last signal, then sends. What comes before the first frame
+    /// of a connection is kept, since it tells who is there.
     void send(const QByteArray& frame);
 
 Q_SIGNALS:
@@ -67,6 +68,7 @@ private:
     QHostAddress m_address;          ///< Being tried.
     int m_descriptor = -1;
     QByteArray m_unsent;
+    bool m_hasSent = false; ///< On this connection.
     int m_traceId = 0;
     quint32 m_use = 0; ///< Counts close().
 };

@@ -101,6 +101,14 @@ void LinkMachine::disconnected(int number, const Failure& failure)
     }
 }
 
+/// Nothing more is sent or taken on this connection. The driver finds out by its own requests.
+void LinkMachine::hangUp(int number)
+{
+    m_orders.close(number);
+    m_stations.at(number).isOpen = false;
+    m_relist = true;
+}
+
 void LinkMachine::attemptFailed(int number, const Failure& failure)
 {
     closeStation(number, failure, false);
@@ -132,7 +140,9 @@ void LinkMachine::linkLost(const RW_VAR& request)
         station.nextTrial = m_now + TrialSpacing;
     dropActive(request, failure, refused);
     closeStation(number, failure, refused);
-    if (!refused)
+    if (failure.cause == Cause::SetupRefused)
+        failWaiting(number, failure);
+    else if (!refused)
         failWaiting(number,
                     {Cause::Dropped, QStringLiteral("dropped with the link: ") + failure.detail});
 }
@@ -168,7 +178,14 @@ LinkState LinkMachine::stateOf(const Station& station) const
     }
     if (station.health.attempts() == 0)
         return LinkState::Connecting;
-    return station.health.attempts() > m_settings.retries ? LinkState::Down : LinkState::Waiting;
+    return pauseOf(station);
+}
+
+/// Between two attempts. After a refusal the link comes back at once.
+LinkState LinkMachine::pauseOf(const Station& station) const
+{
+    const bool isDown = station.health.attempts() > m_settings.retries && !station.hurries;
+    return isDown ? LinkState::Down : LinkState::Waiting;
 }
 
 LinkStatus LinkMachine::link(int number, Micros now) const
@@ -196,11 +213,8 @@ void LinkMachine::tellLink(int number)
     LinkState shown = status.state;
     const bool attempting = shown == LinkState::Connecting || shown == LinkState::Handshake;
     if (attempting && status.attempts > 0)
-        shown = status.attempts > m_settings.retries ? LinkState::Down : LinkState::Waiting;
+        shown = pauseOf(station);
     if (shown == station.toldState && status.cause == station.toldCause)
-        return;
-    // A refusal is the variable's trouble; the link is told of if it does not come back at once.
-    if (station.hurries && station.toldState == LinkState::Up)
         return;
     station.toldState = shown;
     station.toldCause = status.cause;

@@ -35,6 +35,9 @@ void LinkMachine::feedDriver()
         m_requests.activate([this](int station) { return isReady(m_stations.at(station)); });
     if (!request || request->unanswered > 0)
         return;
+    if (!std::exchange(request->isBegun, true) && request->isWrite())
+        request->steps = writeSteps(request->variable, request->values,
+                                    limits().write(request->variable.area->type));
     if (request->isWrite())
         continueWrite(*request);
     else
@@ -44,22 +47,23 @@ void LinkMachine::feedDriver()
 void LinkMachine::startRead(Request& request)
 {
     int queued = 0;
-    for (const ReadBlock& block : readBlocks(request.variable, request.station, m_requestLimit)) {
-        queued = queueRead(block, m_requestLimit, ReadKey, request.id);
+    const int most = limits().read(request.variable.area->reads);
+    for (const ReadBlock& block : readBlocks(request.variable, request.station, most)) {
+        queued = queueRead(block, ReadKey, request.id);
         ++request.unanswered;
     }
     if (queued == 0)
         finishActive({Cause::Invalid, QStringLiteral("the driver cannot read it")});
 }
 
-int LinkMachine::queueRead(const ReadBlock& block, int limit, int key, int tag)
+int LinkMachine::queueRead(const ReadBlock& block, int key, int tag)
 {
     RW_VAR record = oneShotRecord(block);
     record.host_key = key;
     record.host_index = tag;
     record.remote = m_comInfo.remote_access;
     record.link_id = m_comInfo.link_id; // any other and the reply is not stored
-    m_comInfo.block_length_limit = limit;
+    m_comInfo.block_length_limit = std::max(limits().single(), block.units); // never cut
     return m_driver.AddListOnceReadVar(&record, List_Merge);
 }
 
@@ -75,7 +79,7 @@ void LinkMachine::continueWrite(Request& request)
     // The driver puts the value into its image when it makes the frame, or at once while its last
     // reply was a bad one.
     m_watch.blockWritten(extentOf(request.variable, request.station));
-    m_comInfo.block_length_limit = m_requestLimit;
+    m_comInfo.block_length_limit = std::max(limits().single(), step.count);
     const int queued = m_driver.SetRegisterData(QLatin1String(request.variable.area->name),
                                                 step.type, step.address, request.station,
                                                 &step.data, step.count, WriteKey, request.id);
@@ -92,10 +96,14 @@ void LinkMachine::finish(RequestPtr request, const Failure& failure)
     result.detail = failure.detail;
     result.wasSent = request->isWrite() && request->isSent;
     if (!failure && !request->isWrite()) {
-        result.value.elements =
-            decodeValues(request->variable, fetch(request->variable, request->station));
-        result.value.ageMs = 0;
-        result.value.quality = Quality::Good;
+        const Variable& variable = request->variable;
+        result.value.elements = decodeValues(
+            variable, variable.hasStatusBits() ? request->bits : fetch(variable, request->station));
+        const Micros age = m_now - request->readAt.steady;
+        const Micros lifetime = valueLifetime(request->trips);
+        result.value.timeMs = request->readAt.wallMs;
+        result.value.ageMs = age / 1000;
+        result.value.quality = request->isLate || age >= lifetime ? Quality::Stale : Quality::Good;
     }
     const Controller::Done done = request->done;
     m_news.push_back({0, [done, result] { done(result); }});
@@ -151,21 +159,25 @@ void LinkMachine::transact(const Protocol& pending)
     // DataCom removes the record.
     m_transaction.frame = {pending.frame, pending.reply_len, m_settings.remoteAccess};
     m_transaction.request = pending.var;
+    m_transaction.dataOffset = pending.data_offset;
     m_transaction.sentAt = m_now;
+    m_transaction.isRepeated = m_repeating;
+    if (!m_repeating)
+        m_transaction.firstSentAt = {m_now, m_wallMs};
     // From now on the image shows the written value, whatever becomes of the frame.
     if (isWrite(pending.var))
         m_watch.blockWritten(writtenBlock(pending.var));
-    const Station& station = m_stations.at(pending.var.station);
+    Station& station = m_stations.at(pending.var.station);
     if (!station.isOpen) {
         replied(QByteArray(), station.failure);
         return;
     }
-    m_transaction.isOpen = true;
+    m_transaction.isOpen = station.wasAsked = true;
     ++m_statistics.requests;
     if (isActive(pending.var))
         m_requests.active()->isSent = true;
     m_collector.begin(m_transaction.frame.bytes);
-    m_stations.at(pending.var.station).received = 0;
+    station.received = 0;
     m_orders.send(pending.var.station, m_transaction.frame.bytes);
 }
 
@@ -187,7 +199,7 @@ void LinkMachine::replied(const QByteArray& reply, const Failure& failure)
         station.failure = judgeBadReply(transaction.frame, reply);
     if (wasSent && station.failure)
         countFailure(station.failure.cause);
-    if (good)
+    if (good && !transaction.isRepeated)
         m_statistics.roundTrip.add(m_now - transaction.sentAt);
     m_refusals = !good && station.failure.cause == Cause::Refused ? m_refusals + 1 : 0;
     const bool handshake = isHandshake(transaction.frame);
@@ -195,11 +207,15 @@ void LinkMachine::replied(const QByteArray& reply, const Failure& failure)
     if (handshake)
         handshakeAnswered(number, transaction, reply, good);
     else if (good)
-        requestAnswered(transaction);
+        requestAnswered(transaction, reply);
     else if (!m_repeating)
         linkLost(transaction.request);
     else if (wasSent)
         ++m_statistics.retries;
+    // Forwarded records carry no reference: an answer that comes after all would pass for that to
+    // the next one. So the driver gets nothing more from here until it gives the link up.
+    if (m_repeating && m_settings.remoteAccess && station.failure.cause != Cause::Refused)
+        hangUp(number);
 }
 
 void LinkMachine::handshakeAnswered(int number, const Transaction& transaction,
@@ -208,12 +224,43 @@ void LinkMachine::handshakeAnswered(int number, const Transaction& transaction,
     if (!good) {
         attemptFailed(number, m_stations.at(number).failure);
     } else if (!isConnectionRequest(transaction.frame)) {
-        m_statistics.grantedPdu = wire::wordAt(reply, wire::AckPduLengthOffset);
-        ready(number);
+        granted(number, wire::wordAt(reply, wire::AckPduLengthOffset));
     }
 }
 
-void LinkMachine::requestAnswered(const Transaction& transaction)
+void LinkMachine::granted(int number, int pdu)
+{
+    Station& station = m_stations.at(number);
+    m_statistics.grantedPdu = pdu;
+    if (pdu < RequestLimits::SmallestPdu) {
+        // The driver believes in the link and has to find out, by a request of its own.
+        m_orders.close(number);
+        station.phase = Phase::Ready;
+        disconnected(number, {Cause::SetupRefused,
+                              QStringLiteral("a PDU of %1 bytes is granted; to read anything "
+                                             "takes %2")
+                                  .arg(pdu)
+                                  .arg(RequestLimits::SmallestPdu)});
+        return;
+    }
+    const int usable = std::min(pdu, RequestLimits::UsualPdu);
+    if (std::exchange(station.pdu, usable) != usable) {
+        assign(QVector<Variable>(m_watch.variables()));
+        m_news.push_back({0, [this, number, pdu] { m_orders.tellPdu(number, pdu); }, {}});
+    }
+    ready(number);
+}
+
+/// The smallest PDU counts: the driver has one limit for all stations.
+RequestLimits LinkMachine::limits() const
+{
+    int pdu = RequestLimits::UsualPdu;
+    for (const auto& entry : m_stations)
+        pdu = std::min(pdu, entry.second.pdu);
+    return RequestLimits(m_settings.blockLimit, m_settings.remoteAccess, pdu);
+}
+
+void LinkMachine::requestAnswered(const Transaction& transaction, const QByteArray& reply)
 {
     const int number = transaction.request.station;
     Station& station = m_stations.at(number);
@@ -223,23 +270,33 @@ void LinkMachine::requestAnswered(const Transaction& transaction)
     station.answered = true;
     if (isActive(transaction.request))
         station.health.goodCycle(); // where nothing is watched it may be long to the next cycle
-    m_cycleTrips += std::min(m_now - transaction.sentAt, m_settings.timeoutMs * Micros(1000));
+    // What a frame took that was repeated makes others live longer, but not what it brought: that
+    // may be an answer to the first sending.
+    const Micros shortest = valueLifetime();
+    m_cycleTrips += m_now - transaction.firstSentAt.steady;
     if (isWrite(transaction.request))
         writeAnswered(transaction.request, station.failure);
     else
-        readAnswered(transaction.request);
+        readAnswered(transaction, reply, transaction.isRepeated ? shortest : valueLifetime());
 }
 
-void LinkMachine::readAnswered(const RW_VAR& request)
+void LinkMachine::readAnswered(const Transaction& transaction, const QByteArray& reply,
+                               Micros lifetime)
 {
-    m_watch.blockRead(blockOf(request), m_now, [this](const Variable& variable, int station) {
+    const RW_VAR& request = transaction.request;
+    WatchList::Sample sample;
+    sample.block = blockOf(request);
+    sample.bits = statusBits(request.reg_type, reply.mid(transaction.dataOffset));
+    sample.time = transaction.firstSentAt;
+    sample.lifetime = valueLifetime();
+    sample.isLate = m_now - sample.time.steady >= lifetime;
+    m_watch.blockRead(sample, m_now, [this](const Variable& variable, int station) {
         return fetch(variable, station);
     });
-    m_nextExpiry = std::min(m_nextExpiry, m_now + valueLifetime());
-    Request* const active = m_requests.active();
+    m_nextExpiry = std::min(m_nextExpiry, sample.time.steady + sample.lifetime);
     if (request.host_key == ReadKey) {
-        if (isActive(request) && --active->unanswered == 0)
-            finishActive(Failure());
+        if (isActive(request))
+            partRead(*m_requests.active(), sample);
         return;
     }
     if (!m_inCycle)
@@ -249,6 +306,17 @@ void LinkMachine::readAnswered(const RW_VAR& request)
     else if (m_cyclicLeft > 0)
         --m_cyclicLeft;
     cycleProgress();
+}
+
+void LinkMachine::partRead(Request& request, const WatchList::Sample& sample)
+{
+    request.bits += sample.bits; // its parts come in order
+    if (request.readAt.steady < 0 || sample.time.steady < request.readAt.steady)
+        request.readAt = sample.time;
+    request.isLate = request.isLate || sample.isLate;
+    request.trips += m_now - sample.time.steady;
+    if (--request.unanswered == 0)
+        finishActive(Failure());
 }
 
 /// The driver takes a write that was refused for a good one.

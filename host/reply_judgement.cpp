@@ -34,18 +34,20 @@ Failure wrongLength(int length, int wanted)
                    QStringLiteral("a reply of %1 bytes in place of %2").arg(length).arg(wanted));
 }
 
+QString reasonOf(const QByteArray& disconnect)
+{
+    return describe(wire::DisconnectReason(byteAt(disconnect, wire::DisconnectReasonOffset)));
+}
+
 Failure judgeConfirm(const SentFrame& frame, const QByteArray& reply)
 {
     if (byteAt(reply, 0) != 3)
         return notS7(reply);
-    const auto type = wire::tpduType(reply);
-    if (type == wire::Tpdu::DisconnectRequest && reply.size() > wire::DisconnectReasonOffset &&
-        wordAt(reply, wire::TpktLengthOffset) == reply.size())
+    if (isDisconnect(reply))
         return failure(Cause::ConnectionRefused,
                        QStringLiteral("the connection was refused, %1 (are the TSAPs right?)")
-                           .arg(describe(wire::DisconnectReason(
-                               byteAt(reply, wire::DisconnectReasonOffset)))));
-    if (type != wire::Tpdu::ConnectionConfirm)
+                           .arg(reasonOf(reply)));
+    if (wire::tpduType(reply) != wire::Tpdu::ConnectionConfirm)
         return notS7(reply);
     return reply.size() == frame.replyLength ? Failure()
                                              : wrongLength(int(reply.size()), frame.replyLength);
@@ -92,6 +94,24 @@ Failure judgeFunction(const SentFrame& frame, const QByteArray& reply)
 
 } // namespace
 
+bool isDisconnect(const QByteArray& frame)
+{
+    return byteAt(frame, 0) == 3 && wire::tpduType(frame) == wire::Tpdu::DisconnectRequest &&
+           frame.size() > wire::DisconnectReasonOffset &&
+           wordAt(frame, wire::TpktLengthOffset) == frame.size();
+}
+
+Failure judgeDisconnect(const QByteArray& frame)
+{
+    return failure(Cause::Closed,
+                   QStringLiteral("the controller disconnected: %1").arg(reasonOf(frame)));
+}
+
+Failure judgeUnasked(const QByteArray& bytes)
+{
+    return notS7(bytes);
+}
+
 bool isConnectionRequest(const SentFrame& frame)
 {
     return !frame.remote && wire::tpduType(frame.bytes) == wire::Tpdu::ConnectionRequest;
@@ -112,6 +132,8 @@ Failure judgeReply(const SentFrame& frame, const QByteArray& reply)
                                                .arg(wordAt(reply, wire::TpktLengthOffset)));
     if (isConnectionRequest(frame))
         return judgeConfirm(frame, reply);
+    if (isDisconnect(reply))
+        return judgeDisconnect(reply);
     if (!isS7Reply(reply))
         return notS7(reply);
     if (!lengthsAgree(reply, frame.remote ? RemoteTrailingBytes : 0))

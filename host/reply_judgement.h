@@ -34,6 +34,15 @@ bool isConnectionRequest(const SentFrame& frame);
 /// True for both frames of the handshake.
 bool isHandshake(const SentFrame& frame);
 
+/// True for a disconnect request (ISO 8073, DR): nothing more comes on that connection.
+bool isDisconnect(const QByteArray& frame);
+
+/// Why the connection is over after one.
+Failure judgeDisconnect(const QByteArray& frame);
+
+/// What is wrong with bytes that nothing has asked for.
+Failure judgeUnasked(const QByteArray& bytes);
+
 /// What a reply says against its request; nothing for a good one. The driver decides whether a
 /// reply is good and does not say why not, and it takes a write that was refused by its item for a
 /// good one: so a host has to look. Only a well-formed S7 reply to this very frame is ever

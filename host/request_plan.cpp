@@ -1,7 +1,5 @@
 #include "host/request_plan.h"
 
-#include "host/variable_bounds.h"
-
 #include <QtEndian>
 
 #include <algorithm>
@@ -11,12 +9,6 @@ namespace s7200
 
 namespace
 {
-
-// All even, so that a double word is never cut in two.
-constexpr int ByteLimit = 212;      // of the 222 of a read reply, in whole double words
-constexpr int CounterLimit = 70;    // 3 * 70 = 210
-constexpr int TimerLimit = 42;      // 5 * 42 = 210
-constexpr int WriteWordLimit = 106; // 2 * 106 = 212 bytes of a write job
 
 constexpr int IwType = 6; // the first type that is not a bit
 constexpr int SwType = 9;
@@ -45,13 +37,6 @@ bool isCounter(int type)
 bool isAnalog(int type)
 {
     return type == AiwType || type == AqwType;
-}
-
-int limitOf(int type)
-{
-    if (isTimer(type))
-        return TimerLimit;
-    return isCounter(type) ? CounterLimit : ByteLimit;
 }
 
 /// The driver goes by these names to tell how long a timer's or counter's reply is.
@@ -131,19 +116,12 @@ QByteArray bitsOf(const QVector<quint32>& values, int width)
     return bits;
 }
 
-/// Elements of a word type in one write request.
-int elementsPerStep(int type, int limit)
-{
-    const bool words = !isTimer(type) && !isCounter(type);
-    return std::max(2, std::min(limit, words ? WriteWordLimit : limitOf(type)));
-}
-
 /// Words from `address` on, or timers or counters; of double words two for each value.
 QList<WriteStep> wordSteps(int type, int address, const QVector<quint32>& values, int valueWords,
                            int limit)
 {
     const bool numbered = isTimer(type) || isCounter(type);
-    const int most = elementsPerStep(type, limit) / valueWords;
+    const int most = std::max(1, limit / valueWords);
     QList<WriteStep> steps;
     for (int done = 0; done < int(values.size()); done += most) {
         WriteStep step;
@@ -179,36 +157,6 @@ QList<WriteStep> byteSteps(const Variable& variable, const QVector<quint32>& val
 }
 
 } // namespace
-
-int blockLimitFor(const QVector<Variable>& variables)
-{
-    int limit = ByteLimit;
-    for (const Variable& variable : variables)
-        limit = std::min(limit, limitOf(variable.area->reads));
-    return limit;
-}
-
-int requestLimitFor(int wanted)
-{
-    constexpr int Word = 2; // of less the driver would cut each read in two
-    return wanted > 0 ? std::max(wanted, Word) : ByteLimit;
-}
-
-int listLimitFor(const QVector<Variable>& variables, int wanted)
-{
-    QVector<Variable> usable;
-    int analogWords = 0;
-    for (const Variable& variable : variables) {
-        if (!isInItsArea(variable))
-            continue;
-        usable.append(variable);
-        if (variable.isAnalog())
-            analogWords = variable.area->size / 2;
-    }
-    // The driver merges neighbours up to the limit whatever their kind takes in a reply, and
-    // cannot cut analogue words.
-    return std::max(std::min(requestLimitFor(wanted), blockLimitFor(usable)), analogWords);
-}
 
 bool ReadBlock::operator==(const ReadBlock& other) const
 {
@@ -247,7 +195,10 @@ QVector<ReadBlock> readBlocks(const Variable& variable, int station, int limit)
         whole.start -= whole.start % 2;
         ++whole.units;
     }
-    const int most = std::max(2, std::min(limit, limitOf(whole.type)) / 2 * 2);
+    const int unit = variable.area->numbered                     ? 1
+                     : variable.area->width == Width::DoubleWord ? 4
+                                                                 : 2;
+    const int most = std::max(unit, limit / unit * unit);
     QVector<ReadBlock> blocks;
     for (int done = 0; done < whole.units; done += most) {
         ReadBlock block = whole;
@@ -327,6 +278,22 @@ QList<WriteStep> writeSteps(const Variable& variable, const QVector<quint32>& va
         return wordSteps(variable.area->type, variable.address, values,
                          variable.area->width == Width::DoubleWord ? 2 : 1, limit);
     }
+}
+
+QByteArray statusBits(int type, const QByteArray& payload)
+{
+    constexpr char TimerOn = 0x02;
+    constexpr char CounterOn = 0x10;
+    constexpr int TimerEntry = 5; // status, two unused bytes, value
+    constexpr int CounterEntry = 3;
+    QByteArray bits;
+    if (type != TType && type != CType)
+        return bits;
+    const int stride = type == TType ? TimerEntry : CounterEntry;
+    const char on = type == TType ? TimerOn : CounterOn;
+    for (int entry = 0; entry + stride <= int(payload.size()); entry += stride)
+        bits.append(payload.at(entry) == on ? char(1) : char(0));
+    return bits;
 }
 
 } // namespace s7200

@@ -12,27 +12,12 @@ namespace s7200
 {
 
 /// Turns variables into what the driver's list and value functions are given, so that no request
-/// exceeds the PDU of 240 bytes that the module grants: at most 222 bytes of data in a read reply
-/// (a timer takes 5 of them, a counter 3) and 212 in a write job.
+/// exceeds the PDU that the controller has granted: see RequestLimits.
 ///
 /// The driver's own cutting is never relied upon. It measures pieces of 2 or 8 times the limit,
 /// steps twice the piece for timers, counters, analogue words and for every variable while each
 /// has its own station, and keeps bit addresses of one-shot reads in bits. So everything is cut
 /// here, into whole words, pieces that the driver leaves as they are.
-
-/// The block length limit for a panel that shows `variables`: 42 with timers, 70 with counters,
-/// else 212. The driver merges neighbours up to the limit whatever their kind takes in a reply.
-int blockLimitFor(const QVector<Variable>& variables);
-
-/// The limit of single requests. `wanted`: what the user has set, 0 if nothing.
-int requestLimitFor(int wanted);
-
-/// The limit for the driver's cyclic list of `variables`, of which those outside their areas do not
-/// count. `wanted`: as above.
-int listLimitFor(const QVector<Variable>& variables, int wanted);
-
-/// The limit that suits any variables.
-constexpr int SmallestBlockLimit = 42;
 
 /// One read that the driver makes a single request of.
 struct ReadBlock {
@@ -50,8 +35,9 @@ struct ReadBlock {
 /// The whole of a variable as one block, whatever its length.
 ReadBlock extentOf(const Variable& variable, int station);
 
-/// The blocks to read for a variable, in order: each of at most `limit` bytes, timers or counters
-/// and fit for the PDU.
+/// The blocks to read for a variable, in order: each of at most `limit` bytes, timers or counters,
+/// but of one element at least. No double word is cut in two, since its halves would be of two
+/// moments.
 QVector<ReadBlock> readBlocks(const Variable& variable, int station, int limit);
 
 /// What a request that the driver made covers, `count` in the unit of the driver's read lists.
@@ -77,8 +63,14 @@ struct WriteStep {
 };
 
 /// The calls that write `values` (as parseAssignment gives them), to be made one after the other,
-/// each when the one before has been acknowledged. They write nothing beside the variable.
+/// each when the one before has been acknowledged. They write nothing beside the variable. `limit`:
+/// most words, timers or counters of one, a double word at least.
 QList<WriteStep> writeSteps(const Variable& variable, const QVector<quint32>& values, int limit);
+
+/// The bits of the timers or counters of register type T or C whose entries a reply's payload
+/// holds: one byte each, 0 or 1. Empty for every other type. The driver's image sets such a bit and
+/// never clears it, so whoever wants to know whether it is set now has to look at the reply.
+QByteArray statusBits(int type, const QByteArray& payload);
 
 } // namespace s7200
 

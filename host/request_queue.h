@@ -1,6 +1,7 @@
 #ifndef HOST_REQUEST_QUEUE_H
 #define HOST_REQUEST_QUEUE_H
 
+#include "host/moment.h"
 #include "host/reply_judgement.h"
 #include "host/request_plan.h"
 
@@ -21,11 +22,16 @@ struct Request {
     int station = 0;
     QVector<quint32> values; ///< Empty: a read.
     Controller::Done done;
+    bool isBegun = false;    ///< The driver was given a part of it.
     QList<WriteStep> steps;  ///< Of a write, not yet given to the driver.
     int unanswered = 0;      ///< Of what was given to the driver.
     bool isSent = false;     ///< A part of it, at least.
     Failure refusal;         ///< Of a part of a write.
     bool hasWritten = false; ///< A part of it.
+    QByteArray bits;         ///< Read of timers or counters, a byte each; see statusBits().
+    Moment readAt = {-1, 0}; ///< Of the oldest part read.
+    Micros trips = 0;        ///< How long all parts took so far.
+    bool isLate = false;     ///< A part was too old when it came.
 
     bool isWrite() const
     {
@@ -66,6 +72,9 @@ public:
     void putBack()
     {
         m_active->unanswered = 0;
+        m_active->isBegun = m_active->isLate = false;
+        m_active->readAt = {-1, 0};
+        m_active->trips = 0;
         m_waiting.push_front(std::move(m_active));
     }
 

@@ -1,7 +1,9 @@
 #include "host/session.h"
 
+#include <QDateTime>
 #include <QRandomGenerator>
 
+#include <ctime>
 #include <limits>
 
 namespace s7200
@@ -18,7 +20,6 @@ Session::Session(const ControllerSettings& settings)
     : m_settings(settings),
       m_machine(m_driver, settings, *this, QRandomGenerator::global()->generate())
 {
-    m_clock.start();
     m_timer.setSingleShot(true);
     m_timer.setTimerType(Qt::PreciseTimer);
     connect(&m_timer, &QTimer::timeout, this, &Session::woken);
@@ -29,6 +30,14 @@ Session::Session(const ControllerSettings& settings)
 }
 
 Session::~Session() = default;
+
+Moment Session::now()
+{
+    timespec time = {};
+    clock_gettime(CLOCK_BOOTTIME, &time);
+    return {Micros(time.tv_sec) * 1000 * 1000 + time.tv_nsec / 1000,
+            QDateTime::currentMSecsSinceEpoch()};
+}
 
 void Session::addSocket(int station, const Endpoint& endpoint)
 {
@@ -122,12 +131,11 @@ void Session::wakeAt(Micros time)
         return;
     constexpr Micros Longest = Micros(3600) * 1000 * 1000;
     constexpr Micros Together = 20 * 1000;
-    const Micros delay = qBound(Micros(0), time - now(), Longest);
+    const Micros delay = qBound(Micros(0), time - now().steady, Longest);
     m_wakeAt = time;
     // Long waits end together with those of other controllers, at whole multiples: to wake a thread
     // costs as much as what one controller has to do then.
-    const Micros common = m_clock.msecsSinceReference() * 1000 + time;
-    const Micros longer = delay >= 20 * Together ? Together - 1 - (common - 1) % Together : 0;
+    const Micros longer = delay >= 20 * Together ? Together - 1 - (time - 1) % Together : 0;
     m_timer.start(int((delay + longer + 999) / 1000));
 }
 
@@ -150,6 +158,11 @@ void Session::tellValues(const QVector<int>& indexes)
 void Session::tellCycle()
 {
     Q_EMIT cycleDone();
+}
+
+void Session::tellPdu(int station, int bytes)
+{
+    Q_EMIT pduChanged(station, bytes);
 }
 
 } // namespace s7200

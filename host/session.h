@@ -4,7 +4,6 @@
 #include "host/link_machine.h"
 #include "host/link_socket.h"
 
-#include <QElapsedTimer>
 #include <QObject>
 #include <QTimer>
 
@@ -36,15 +35,13 @@ public:
     {
         return m_machine;
     }
-    Micros now() const
-    {
-        return m_clock.nsecsElapsed() / 1000;
-    }
+    static Moment now();
 
 Q_SIGNALS:
     void linkChanged(const s7200::LinkStatus& status);
     void valuesChanged(const QVector<int>& indexes);
     void cycleDone();
+    void pduChanged(int station, int bytes);
 
 private:
     void open(int station) override;
@@ -55,6 +52,7 @@ private:
     void tellLink(const LinkStatus& status) override;
     void tellValues(const QVector<int>& indexes) override;
     void tellCycle() override;
+    void tellPdu(int station, int bytes) override;
 
     void addSocket(int station, const Endpoint& endpoint);
     void woken();
@@ -62,7 +60,6 @@ private:
     void happened(const Event& event);
 
     const ControllerSettings m_settings;
-    QElapsedTimer m_clock;
     QTimer m_timer;
     Micros m_wakeAt = -1; ///< When the timer fires; -1: not at all.
     DriverCopy m_driver;

@@ -263,7 +263,7 @@ int Variable::driverCount() const
     return area->width == Width::DoubleWord ? 2 * repeat : repeat;
 }
 
-bool Variable::isLatched() const
+bool Variable::hasStatusBits() const
 {
     return area->numbered && area->width == Width::Bit;
 }

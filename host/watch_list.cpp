@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <map>
 #include <tuple>
 #include <utility>
 
@@ -30,33 +31,101 @@ int writtenTogether(int type)
     }
 }
 
+/// What makes two variables one, however they are shown.
+using Identity = std::tuple<const AreaRow*, int, int, int, int>;
+
+Identity identityOf(const Variable& variable, int station)
+{
+    return {variable.area, variable.address, variable.bit, variable.repeat, station};
+}
+
 } // namespace
 
-void WatchList::assign(const QVector<Variable>& variables, const QVector<int>& stations, int limit)
+bool WatchList::isFresh(const std::vector<Block>& blocks)
 {
+    return !blocks.empty() && std::all_of(blocks.begin(), blocks.end(),
+                                          [](const Block& block) { return block.fresh; });
+}
+
+void WatchList::assign(const QVector<Variable>& variables, const QVector<int>& stations,
+                       const RequestLimits& limits)
+{
+    const QVector<int> changes = takeChanges();
+    const std::vector<Entry> known = std::exchange(m_entries, {});
+    std::map<Identity, int> places;
+    for (int i = 0; i < int(known.size()); ++i)
+        places.emplace(identityOf(m_variables.at(i), known[std::size_t(i)].station), i);
     m_variables = variables;
-    m_entries.clear();
+    m_blockLimit = limits.list(variables);
     m_places.clear();
-    m_changes.clear();
     m_firstApart = 0;
     for (int i = 0; i < int(variables.size()); ++i) {
         Entry entry;
         entry.station = stations.at(i);
-        if (!isInItsArea(variables.at(i))) {
-            m_entries.push_back(entry); // never read
-            continue;
-        }
-        for (const ReadBlock& block : readBlocks(variables.at(i), entry.station, limit)) {
-            m_places.push_back(
-                {block.type, block.station, block.start, i, int(entry.blocks.size())});
-            entry.blocks.push_back({block, -1, false});
+        const auto place = places.find(identityOf(variables.at(i), entry.station));
+        if (place != places.end()) {
+            entry = known[std::size_t(place->second)];
+            if (changes.contains(place->second))
+                m_changes.append(i);
         }
         m_entries.push_back(entry);
+        if (isInItsArea(variables.at(i))) // else it is never read
+            addBlocks(i, limits);
     }
     std::sort(m_places.begin(), m_places.end(), [](const Place& a, const Place& b) {
         return std::tie(a.type, a.station, a.start) < std::tie(b.type, b.station, b.start);
     });
+    markUncut(limits);
     m_listChanged = true;
+}
+
+/// Cut in another way than before, they are as old as the oldest of those that there were.
+void WatchList::addBlocks(int index, const RequestLimits& limits)
+{
+    const Variable& variable = m_variables.at(index);
+    Entry& entry = m_entries[std::size_t(index)];
+    const std::vector<Block> old = std::exchange(entry.blocks, {});
+    Block state;
+    state.fresh = isFresh(old);
+    state.isLate = std::any_of(old.begin(), old.end(), [](const Block& b) { return b.isLate; });
+    const int most = std::min(m_blockLimit, limits.read(variable.area->reads));
+    for (const ReadBlock& block : readBlocks(variable, entry.station, most)) {
+        const std::size_t number = entry.blocks.size();
+        m_places.push_back({block.type, block.station, block.start, index, int(number)});
+        const bool isSame = number < old.size() && old[number].block == block;
+        entry.blocks.push_back(isSame ? old[number] : state);
+        if (isSame)
+            continue;
+        Block& added = entry.blocks.back();
+        added.block = block;
+        added.readAt = entry.readAt;
+        if (variable.hasStatusBits())
+            added.bits = entry.data.mid(block.start - variable.address, block.units);
+    }
+}
+
+/// The analogue inputs, or outputs, of a station are one request of the driver's or none.
+void WatchList::markUncut(const RequestLimits& limits)
+{
+    std::map<std::pair<int, int>, ReadBlock> spans;
+    const auto isAnalog = [this](std::size_t i) {
+        return isInItsArea(m_variables.at(int(i))) && m_variables.at(int(i)).isAnalog();
+    };
+    for (std::size_t i = 0; i < m_entries.size(); ++i) {
+        if (!isAnalog(i))
+            continue;
+        const ReadBlock own = extentOf(m_variables.at(int(i)), m_entries[i].station);
+        ReadBlock& span = spans.emplace(std::make_pair(own.type, own.station), own).first->second;
+        const int end = std::max(span.start + span.units, own.start + own.units);
+        span.start = std::min(span.start, own.start);
+        span.units = end - span.start;
+    }
+    for (std::size_t i = 0; i < m_entries.size(); ++i) {
+        const int type = isAnalog(i) ? int(m_variables.at(int(i)).area->reads) : -1;
+        const auto span = spans.find({type, m_entries[i].station});
+        m_entries[i].isUncut =
+            span != spans.end() && !limits.mergesAnalog(span->second.units, m_blockLimit);
+    }
 }
 
 QVector<ReadBlock> WatchList::cyclicBlocks(int station) const
@@ -76,7 +145,8 @@ QVector<ReadBlock> WatchList::blocks(int station, bool apart) const
     const std::size_t first = apart ? m_firstApart : 0;
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
         const Entry& entry = m_entries[(first + i) % m_entries.size()];
-        if (entry.station != station || entry.setAside || (entry.apartFor > 0) != apart)
+        const bool isApart = entry.isUncut || entry.apartFor > 0;
+        if (entry.station != station || entry.setAside || isApart != apart)
             continue;
         for (const Block& block : entry.blocks) {
             QVector<ReadBlock>& list = entry.onTrial ? onTrial : found;
@@ -105,37 +175,45 @@ void WatchList::visit(const ReadBlock& block, const Visit& visit)
     }
 }
 
-void WatchList::blockRead(const ReadBlock& block, Micros now, const Fetch& fetch)
+void WatchList::blockRead(const Sample& sample, Micros now, const Fetch& fetch)
 {
-    visit(block, [&](int index, Block& found) {
-        if (!block.covers(found.block))
+    visit(sample.block, [&](int index, Block& found) {
+        if (!sample.block.covers(found.block))
             return;
         found.fresh = true;
-        found.readAt = now;
-        readGood(index, now, fetch);
+        found.isLate = sample.isLate;
+        found.readAt = sample.time;
+        found.bits = sample.bits.mid(found.block.start - sample.block.start, found.block.units);
+        readGood(index, now - sample.lifetime, fetch);
     });
 }
 
-/// One block of the variable was read; with all of them fresh there is a new value.
-void WatchList::readGood(int index, Micros now, const Fetch& fetch)
+/// One block of the variable was read; with all of them fresh there is a new value, as old as the
+/// oldest of them. `before`: what was read then or earlier is not current any more.
+void WatchList::readGood(int index, Micros before, const Fetch& fetch)
 {
     Entry& entry = m_entries[std::size_t(index)];
-    Micros oldest = now;
-    for (const Block& block : entry.blocks) {
-        if (!block.fresh)
-            return;
-        oldest = std::min(oldest, block.readAt);
-    }
-    entry.readAt = oldest;
+    if (!isFresh(entry.blocks))
+        return;
+    entry.readAt = entry.blocks.front().readAt;
     entry.expired = false;
+    QByteArray data;
+    for (const Block& block : entry.blocks) {
+        if (block.readAt.steady < entry.readAt.steady)
+            entry.readAt = block.readAt;
+        entry.expired = entry.expired || block.isLate || block.readAt.steady <= before;
+        data += block.bits;
+    }
     entry.setAside = entry.onTrial = false;
     entry.detail.clear();
     if (entry.apartFor > 0 && --entry.apartFor == 0)
         m_listChanged = true;
-    const QByteArray data = fetch(m_variables.at(index), entry.station);
-    if (std::exchange(entry.data, data) != data || entry.told != Quality::Good)
+    if (!m_variables.at(index).hasStatusBits())
+        data = fetch(m_variables.at(index), entry.station);
+    const Quality now = quality(index);
+    if (std::exchange(entry.data, data) != data || entry.told != now)
         m_changes.append(index);
-    entry.told = Quality::Good;
+    entry.told = now;
 }
 
 void WatchList::blockWritten(const ReadBlock& block)
@@ -158,6 +236,8 @@ void WatchList::linkUp(int station)
             continue;
         entry.hasLink = true;
         entry.linkFailed = false;
+        if (!entry.setAside && !entry.onTrial)
+            entry.detail.clear(); // of the last link
         touch(i);
     }
 }
@@ -182,7 +262,8 @@ bool WatchList::refused(const ReadBlock& block, bool apart, const Failure& failu
 {
     QVector<int> suspects;
     visit(block, [&](int index, Block& found) {
-        const bool isApart = m_entries[std::size_t(index)].apartFor > 0;
+        const Entry& entry = m_entries[std::size_t(index)];
+        const bool isApart = entry.isUncut || entry.apartFor > 0;
         if (isApart == apart && (!apart || found.block == block) && !suspects.contains(index))
             suspects.append(index);
     });
@@ -243,11 +324,11 @@ Micros WatchList::expire(Micros before, Micros lifetime)
         Entry& entry = m_entries[std::size_t(i)];
         if (entry.told != Quality::Good)
             continue;
-        entry.expired = entry.readAt <= before;
+        entry.expired = entry.readAt.steady <= before;
         if (entry.expired)
             touch(i);
         else
-            next = std::min(next, entry.readAt + lifetime);
+            next = std::min(next, entry.readAt.steady + lifetime);
     }
     return next;
 }
@@ -257,6 +338,11 @@ QVector<int> WatchList::takeChanges()
     std::sort(m_changes.begin(), m_changes.end());
     m_changes.erase(std::unique(m_changes.begin(), m_changes.end()), m_changes.end());
     return std::exchange(m_changes, {});
+}
+
+void WatchList::addChanges(const QVector<int>& indexes)
+{
+    m_changes += indexes;
 }
 
 void WatchList::touch(int index)
@@ -274,11 +360,9 @@ Quality WatchList::quality(int index) const
         return Quality::Refused;
     if (!entry.hasLink && entry.linkFailed)
         return Quality::LinkDown;
-    if (entry.readAt < 0)
+    if (entry.readAt.steady < 0)
         return Quality::NeverRead;
-    const bool fresh = std::all_of(entry.blocks.begin(), entry.blocks.end(),
-                                   [](const Block& block) { return block.fresh; });
-    return entry.expired || !fresh ? Quality::Stale : Quality::Good;
+    return entry.expired || !isFresh(entry.blocks) ? Quality::Stale : Quality::Good;
 }
 
 Value WatchList::value(int index, Micros now) const
@@ -289,9 +373,10 @@ Value WatchList::value(int index, Micros now) const
     const Entry& entry = m_entries[std::size_t(index)];
     value.quality = quality(index);
     value.detail = value.quality == Quality::Good ? QString() : entry.detail;
-    if (entry.readAt >= 0) {
+    if (entry.readAt.steady >= 0) {
         value.elements = decodeValues(m_variables.at(index), entry.data);
-        value.ageMs = (now - entry.readAt) / 1000;
+        value.timeMs = entry.readAt.wallMs;
+        value.ageMs = (now - entry.readAt.steady) / 1000;
     }
     return value;
 }

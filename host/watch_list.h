@@ -2,6 +2,7 @@
 #define HOST_WATCH_LIST_H
 
 #include "host/link_health.h"
+#include "host/request_limits.h"
 #include "host/request_plan.h"
 
 #include <s7200host/value.h>
@@ -27,8 +28,16 @@ public:
 
     static constexpr Micros RetryRefusedAfter = 60 * 1000 * 1000;
 
-    /// Replaces everything. `stations`: of each variable.
-    void assign(const QVector<Variable>& variables, const QVector<int>& stations, int limit);
+    /// Replaces the list. `stations`: of each variable. What is known of a variable stays: its
+    /// reading, and whether it is refused.
+    void assign(const QVector<Variable>& variables, const QVector<int>& stations,
+                const RequestLimits& limits);
+
+    /// The driver's block length limit for the cyclic list.
+    int blockLimit() const
+    {
+        return m_blockLimit;
+    }
 
     const QVector<Variable>& variables() const
     {
@@ -40,7 +49,16 @@ public:
     QVector<ReadBlock> cyclicBlocks(int station) const;
     QVector<ReadBlock> apartBlocks(int station) const;
 
-    void blockRead(const ReadBlock& block, Micros now, const Fetch& fetch);
+    /// What a reply brought. `lifetime`: after so long it is not current any more. `isLate`: which
+    /// is the case on arrival.
+    struct Sample {
+        ReadBlock block;
+        QByteArray bits; ///< Of timers or counters, one byte each; empty for other types.
+        Moment time;     ///< It is no newer.
+        Micros lifetime = 0;
+        bool isLate = false;
+    };
+    void blockRead(const Sample& sample, Micros now, const Fetch& fetch);
     void blockWritten(const ReadBlock& block);
 
     /// The link of a station is up, or not (any more) because of `failure`.
@@ -64,6 +82,8 @@ public:
 
     /// Values and qualities that are others than when this was last called.
     QVector<int> takeChanges();
+    /// Those were taken, but will not be told: they are changes still.
+    void addChanges(const QVector<int>& indexes);
 
     Quality quality(int index) const;
     Value value(int index, Micros now) const;
@@ -71,19 +91,22 @@ public:
 private:
     struct Block {
         ReadBlock block;
-        Micros readAt = -1;
-        bool fresh = false; ///< Read since the link came up, and not written since.
+        Moment readAt = {-1, 0};
+        QByteArray bits;     ///< See Sample.
+        bool fresh = false;  ///< Read since the link came up, and not written since.
+        bool isLate = false; ///< Too old when it came.
     };
     struct Entry {
         int station = 0;
         std::vector<Block> blocks;
-        QByteArray data; ///< Host encoding; empty: never read.
-        Micros readAt = -1;
+        QByteArray data;         ///< Host encoding; empty: never read.
+        Moment readAt = {-1, 0}; ///< Of the oldest block.
         bool hasLink = false;
         bool linkFailed = false; ///< Not just not yet up.
         bool expired = false;
         bool setAside = false;
         bool onTrial = false; ///< Was set aside and is being tried again.
+        bool isUncut = false; ///< Apart for good: the driver could not cut what it would merge.
         int apartFor = 0;     ///< Good readings apart before it joins the others again.
         int suspected = 0;    ///< How often, in all.
         Micros retryAt = 0;
@@ -98,13 +121,17 @@ private:
         int block;
     };
 
+    static bool isFresh(const std::vector<Block>& blocks);
+    void addBlocks(int index, const RequestLimits& limits);
+    void markUncut(const RequestLimits& limits);
     template <typename Visit>
     void visit(const ReadBlock& block, const Visit& visit);
-    void readGood(int index, Micros now, const Fetch& fetch);
+    void readGood(int index, Micros before, const Fetch& fetch);
     QVector<ReadBlock> blocks(int station, bool apart) const;
     void touch(int index);
 
     QVector<Variable> m_variables;
+    int m_blockLimit = 0;
     std::vector<Entry> m_entries;
     std::vector<Place> m_places; ///< Of all blocks, in order.
     QVector<int> m_changes;

@@ -77,13 +77,13 @@ void DriverDesk::setTsaps(quint16 local, quint16 remote)
 
 int DriverDesk::watch(const QVector<Variable>& variables)
 {
-    const int limit = listLimitFor(variables, m_settings.blockLimit);
-    comInfo.block_length_limit = limit;
     QVector<int> stations;
     for (const Variable& variable : variables)
         stations.append(variable.station >= 0 ? variable.station : m_settings.defaultStation);
     WatchList list;
-    list.assign(variables, stations, limit);
+    list.assign(variables, stations,
+                RequestLimits(m_settings.blockLimit, m_settings.remoteAccess));
+    comInfo.block_length_limit = list.blockLimit();
     QList<int> every = m_settings.stations.keys();
     if (every.isEmpty())
         every.append(m_settings.defaultStation);

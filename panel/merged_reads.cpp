@@ -33,7 +33,7 @@ const AreaRow* wholeArea(const AreaRow& area)
 /// Bytes, timers or counters of one request.
 int mostUnits(const Variable& variable)
 {
-    return variable.isAnalog() ? variable.area->size : blockLimitFor({variable});
+    return variable.isAnalog() ? variable.area->size : RequestLimits().read(variable.area->reads);
 }
 
 /// From where `first` begins to the unit before `end`.

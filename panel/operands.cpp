@@ -53,12 +53,7 @@ bool CommandLine::placeAtStation(const Tag& tag, int* station, QString* error) c
     const QString name = controllerNameOf(tag);
     bool isNumber = true;
     *station = name.isEmpty() ? -1 : name.toInt(&isNumber);
-    if (tag.variable.isLatched())
-        *error = QStringLiteral("timer and counter bits cannot be read with --one-driver; read the "
-                                "value, as in %1V%2")
-                     .arg(QLatin1String(tag.variable.area->name))
-                     .arg(tag.variable.address);
-    else if (!isNumber || (*station >= 0 && !m_controllers.first().stations.contains(*station)))
+    if (!isNumber || (*station >= 0 && !m_controllers.first().stations.contains(*station)))
         *error = QStringLiteral("no controller is station %1; give --controller %2=HOST")
                      .arg(quoted(name), name);
     return error->isEmpty();

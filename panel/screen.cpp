@@ -340,12 +340,9 @@ ScreenLine Layout::elementLine(const WatchedRow& row, int element, const Columns
     line.add(QLatin1Char(' ') + ageText(row.value.ageMs).rightJustified(AgeWidth));
     if (columns.note == 0)
         return line;
-    const bool latched =
-        good && row.item.tag.variable.isLatched() && row.value.elements.at(element) != 0;
     const QString note =
-        !good     ? describe(row.value.quality)
-        : latched ? QStringLiteral("latched")
-                  : sparkline(row.histories.at(element).numbers(), columns.note, m_shape.utf8);
+        good ? sparkline(row.histories.at(element).numbers(), columns.note, m_shape.utf8)
+             : describe(row.value.quality);
     line.add(QStringLiteral("  ") + clip(note, columns.note), good ? Style::Plain : Style::Dim);
     return line;
 }

@@ -12,7 +12,7 @@ namespace
 const QByteArray FirstOfThreeRefused =
     begun("watch VW0 VW4 VW8") +
     "ok              -> get V0+10; up\n"
-    "refuse          -> close; VW0 link down; VW4 link down; VW8 link down\n" +
+    "refuse          -> close; waiting: refused; VW0 link down; VW4 link down; VW8 link down\n" +
     Again +
     "ok              -> get V0+2\n"
     "refuse          -> close; VW0 refused\n" +
@@ -54,15 +54,15 @@ private slots:
             Up +
                 "+500            -> get V0+6\n"
                 "refuse          -> get V0+6\n"
-                "refuse          -> close; VW0 link down 1; VW4 link down 5\n" +
+                "refuse          -> close; waiting: refused; VW0 link down 1; VW4 link down 5\n" +
                 Again +
                 "ok              -> get V0+2\n"
                 "refuse          -> get V0+2\n"
-                "ok              -> get V4+2; VW0 good 0; VW4 stale 5\n"
-                "refuse          -> close; VW0 link down 0; VW4 link down 5\n" +
+                "ok              -> get V4+2; up; VW0 good 0; VW4 stale 5\n"
+                "refuse          -> close; waiting: refused; VW0 link down 0; VW4 link down 5\n" +
                 Again +
                 "ok              -> get V0+2\n"
-                "ok              -> get V4+2; VW0 good 0; VW4 stale 5\n"
+                "ok              -> get V4+2; up; VW0 good 0; VW4 stale 5\n"
                 "ok              -> VW4 good 0; cycle\n"
                 "+500            -> get V0+6\n");
         add("a refused part ends a write", "",
@@ -77,24 +77,25 @@ private slots:
         add("a write refused as a job blames neither watched variables nor other writes", "",
             Up +
                 "write VW4=7     -> put V4+1; VW4 stale 5\n"
-                "reject          -> close; done: refused; VW0 link down 1; VW4 link down 5\n"
+                "reject          -> close; done: refused; waiting: refused; VW0 link down 1; VW4 "
+                "link down 5\n"
                 "write VW8=1     -> \n" +
                 Again +
                 "ok              -> put V8+1\n"
-                "ok              -> get V0+6; done; VW0 stale 1; VW4 stale 5\n");
+                "ok              -> get V0+6; up; done; VW0 stale 1; VW4 stale 5\n");
         add("refused among neighbours: found, set aside, tried again", "",
             Up +
                 "+500            -> get V0+6\n"
-                "refuse          -> close; VW0 link down 1; VW4 link down 5\n"
+                "refuse          -> close; waiting: refused; VW0 link down 1; VW4 link down 5\n"
                 "read VW20       -> \n" +
                 Again +
                 "ok              -> get V0+2\n"
-                "ok 0001         -> get V4+2; VW0 good 1; VW4 stale 5\n"
-                "refuse          -> close; VW0 link down 1; VW4 refused 5\n"
+                "ok 0001         -> get V4+2; up; VW0 good 1; VW4 stale 5\n"
+                "refuse          -> close; waiting: refused; VW0 link down 1; VW4 refused 5\n"
                 "write VW30=1    -> \n" +
                 Again +
                 "ok              -> get V20+2\n"
-                "ok              -> put V30+1; done 0; VW0 stale 1\n"
+                "ok              -> put V30+1; up; done 0; VW0 stale 1\n"
                 "ok              -> get V0+2; done\n"
                 "ok 0001         -> VW0 good 1; cycle\n"
                 "closed          -> close; down: closed; VW0 link down 1\n" +
@@ -103,48 +104,48 @@ private slots:
                 "ok 0001         -> up; VW0 good 1; cycle\n"
                 "stall 10000     -> get V0+2; VW0 stale 1\n"
                 "ok 0001         -> get V4+2; VW0 good 1\n"
-                "refuse          -> close; VW0 link down 1\n" +
+                "refuse          -> close; waiting: refused; VW0 link down 1\n" +
                 Again +
                 "ok              -> get V0+2\n"
-                "ok 0001         -> VW0 good 1; cycle\n"
+                "ok 0001         -> up; VW0 good 1; cycle\n"
                 "stall 60000     -> get V0+2; VW0 stale 1\n"
                 "ok 0001         -> get V4+2; VW0 good 1\n"
                 "ok 0006         -> VW4 good 6; cycle\n"
                 "+500            -> get V0+6\n"
-                "refuse          -> close; VW0 link down 1; VW4 link down 6\n");
+                "refuse          -> close; waiting: refused; VW0 link down 1; VW4 link down 6\n");
         add("refused in numbers: the rest goes on", "",
             FirstOfThreeRefused + "refuse          -> close; VW4 refused\n" + Again +
                 "ok              -> get V8+2\n"
-                "ok 0003         -> VW8 good 3; cycle\n"
+                "ok 0003         -> up; VW8 good 3; cycle\n"
                 "stall 60000     -> get V8+2; VW8 stale 3\n"
                 "ok 0003         -> get V0+2; VW8 good 3\n"
-                "refuse          -> close; VW8 link down 3\n" +
+                "refuse          -> close; waiting: refused; VW8 link down 3\n" +
                 Again +
                 "ok              -> get V8+2\n"
-                "ok 0003         -> VW8 good 3; cycle\n"
+                "ok 0003         -> up; VW8 good 3; cycle\n"
                 "stall 9000      -> get V8+2; VW8 stale 3\n"
                 "ok 0003         -> VW8 good 3; cycle\n"
                 "stall 1000      -> get V8+2\n"
                 "ok 0003         -> get V4+2\n"
                 "ok 0005         -> VW4 good 5; cycle\n");
-        add("read apart in one piece also with a limit that only analogue words exceed", "limit 1",
+        add("read apart in one piece, as among the others", "",
             begun("watch VW0x4 AIW2") +
                 "ok              -> get V0+8; up\n"
-                "refuse          -> close; VW0x4 link down; AIW2 link down\n" +
+                "refuse          -> close; waiting: refused; VW0x4 link down; AIW2 link down\n" +
                 Again +
                 "ok              -> get AI2+1\n"
-                "ok              -> get V0+8; VW0x4 never read; AIW2 good 0\n"
+                "ok              -> get V0+8; up; VW0x4 never read; AIW2 good 0\n"
                 "ok 0001000200030004 -> VW0x4 good 1 2 3 4; cycle\n");
         add("on trial behind what is read apart", "no probe",
             FirstOfThreeRefused +
-                "ok              -> get V8+2; VW4 good 0; VW8 never read\n"
-                "refuse          -> close; VW4 link down 0; VW8 refused\n" +
+                "ok              -> get V8+2; up; VW4 good 0; VW8 never read\n"
+                "refuse          -> close; waiting: refused; VW4 link down 0; VW8 refused\n" +
                 Again +
                 "ok              -> get V4+2\n"
                 "refuse          -> close\n" +
                 Again +
                 "ok              -> get V4+2\n"
-                "ok              -> VW4 good 0; cycle\n"
+                "ok              -> up; VW4 good 0; cycle\n"
                 "stall 60000     -> get V4+2; VW4 stale 0\n"
                 "ok              -> get V0+2; VW4 good 0\n");
         add("no cycle is done until a station is back from a refusal", "stations",
@@ -157,7 +158,7 @@ private slots:
             "ok              -> connect@3; VW0@2 good 0\n"
             "ok              -> setup@3\n"
             "ok              -> get V4+2@3; up@3\n"
-            "refuse          -> close@3; get V0+2@2; VW4@3 link down\n"
+            "refuse          -> close@3; get V0+2@2; waiting@3: refused; VW4@3 link down\n"
             "ok              -> \n"
             "+500            -> open@3; get V0+2@2\n"
             "ok              -> \n"
@@ -179,17 +180,17 @@ private slots:
             Up +
                 "+500            -> get V0+6\n"
                 "watch SMW0      -> \n"
-                "refuse          -> close; SMW0 link down\n"
+                "refuse          -> close; waiting: refused; SMW0 link down\n"
                 "watch           -> \n" +
                 Again +
                 "ok              -> get SM0+2\n"
                 "watch SMW0      -> \n"
-                "ok              -> get SM0+2; SMW0 good 0\n"
-                "refuse          -> close; SMW0 link down 0\n" +
+                "ok              -> get SM0+2; up; SMW0 good 0\n"
+                "refuse          -> close; waiting: refused; SMW0 link down 0\n" +
                 Again +
                 "ok              -> get SM0+2\n"
                 "refuse          -> close; SMW0 refused 0\n" +
-                Again + "ok              -> cycle\n");
+                Again + "ok              -> up; cycle\n");
         add("what was asked for and answered resets the back-off", "no probe",
             "start           -> open; connecting\n"
             "failed          -> close; down: no connection\n"
@@ -311,12 +312,12 @@ private slots:
         add("item of another", read, with(readReply(8, "ab"), 21, 5), Cause::WrongReference);
         add("item, not a reply", read, with(with(good, 21, 5), 8, 1), Cause::NotS7);
         add("item, not S7", read, with(with(good, 21, 5), 7, 0x33), Cause::NotS7);
-        add("item, no data TPDU", read, with(with(good, 21, 5), 5, 0x80), Cause::NotS7);
+        add("item, no data TPDU", read, with(with(good, 21, 5), 5, 0x70), Cause::NotS7);
         add("item, lengths at odds", read, with(with(good, 21, 5), 16, 9), Cause::WrongLength);
         add("longer", read, readReply(7, "abcd"), Cause::WrongLength);
         add("cut short", read, good.left(20), Cause::WrongLength);
         add("a write's", read, writeReply(7), Cause::WrongReference);
-        add("disconnect later", read, fromHex("0300000B 06 80 0000 0000 00"), Cause::NotS7);
+        add("disconnect later", read, fromHex("0300000B 06 80 0000 0000 00"), Cause::Closed);
     }
 
     void judgement()

@@ -96,10 +96,11 @@ QString limitAndMisfits(const QString& texts)
     QVector<Variable> variables;
     for (const QString& text : texts.split(' '))
         variables.append(parsed(text).variable);
-    const int limit = blockLimitFor(variables);
+    const int limit = RequestLimits().list(variables);
     QVector<ReadBlock> wanted;
     for (const Variable& variable : variables)
-        wanted += readBlocks(variable, 2, limit);
+        wanted += readBlocks(variable, 2,
+                             std::min(limit, RequestLimits().read(variable.area->reads)));
     QString found = QString::number(limit);
     for (const bool stationEach : {false, true}) {
         resetDriver(limit, stationEach);

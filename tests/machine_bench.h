@@ -37,7 +37,7 @@ public:
         const QString file = findDriver(QString(), &error);
         if (file.isEmpty() || !m_driver.load(file, &error))
             qFatal("%s", qPrintable(error));
-        m_machine.reset(new LinkMachine(m_driver, settings, *this, 1));
+        m_machine.reset(new LinkMachine(m_driver, settings, *this, 100));
     }
 
     QString happen(const QString& event)
@@ -45,7 +45,7 @@ public:
         m_told.clear();
         act(event);
         if (m_wake == m_now) // news of a request comes with the next turn
-            m_machine->timePassed(m_now);
+            m_machine->timePassed(moment());
         return m_told.join("; ");
     }
 
@@ -59,6 +59,12 @@ public:
     }
 
 private:
+    /// The day has begun with the clock that never jumps.
+    Moment moment() const
+    {
+        return {m_now, m_now / Ms};
+    }
+
     void act(const QString& event)
     {
         if (event.isEmpty())
@@ -67,15 +73,15 @@ private:
         const QString rest = event.section(' ', 1);
         const int station = event.contains('@') ? event.section('@', 1).toInt() : 2;
         if (verb == "start")
-            m_machine->start(m_now);
+            m_machine->start(moment());
         else if (verb == "stop")
             m_machine->stop();
         else if (verb == "opened")
-            m_machine->opened(station, m_now);
+            m_machine->opened(station, moment());
         else if (verb == "failed")
-            m_machine->openFailed(station, "x", m_now);
+            m_machine->openFailed(station, "x", moment());
         else if (verb == "closed")
-            m_machine->closed(station, m_now);
+            m_machine->closed(station, moment());
         else if (verb == "watch")
             watch(rest);
         else if (verb == "read" || verb == "write")
@@ -83,15 +89,15 @@ private:
         else if (verb == "then")
             m_then = rest;
         else if (verb == "flood")
-            m_machine->received(station, QByteArray(rest.toInt() * 1024, '\0'), m_now);
+            m_machine->received(station, QByteArray(rest.toInt() * 1024, '\0'), moment());
         else if (verb == "show")
             tellAll();
         else if (verb == "stall")
-            m_machine->timePassed(m_now += rest.toInt() * Ms);
+            stall(rest.toInt() * Ms);
         else if (verb.startsWith('+'))
             passTime(m_now + verb.mid(1).toInt() * Ms);
         else
-            m_machine->received(m_lastStation, reply(verb, fromHex(rest.toLatin1())), m_now);
+            m_machine->received(m_lastStation, reply(verb, fromHex(rest.toLatin1())), moment());
     }
 
     void actInSlot()
@@ -114,7 +120,13 @@ private:
         QVector<Variable> variables;
         for (const QString& text : texts.split(' ', Qt::SkipEmptyParts))
             variables.append(parsed(text));
-        m_machine->watch(variables, m_now);
+        m_machine->watch(variables, moment());
+    }
+
+    void stall(Micros span)
+    {
+        m_now += span;
+        m_machine->timePassed(moment());
     }
 
     void passTime(Micros until)
@@ -122,7 +134,7 @@ private:
         while (m_wake <= until) {
             m_now = std::max(m_now, m_wake);
             m_wake = std::numeric_limits<Micros>::max();
-            m_machine->timePassed(m_now);
+            m_machine->timePassed(moment());
         }
         m_now = until;
     }
@@ -154,7 +166,7 @@ private:
             m_told << line;
             actInSlot();
         };
-        m_machine->request(std::move(request), m_now);
+        m_machine->request(std::move(request), moment());
     }
 
     QByteArray reply(const QString& verb, const QByteArray& bytes) const
@@ -308,11 +320,16 @@ inline void runScript()
     QFETCH(QString, options);
     QFETCH(QString, script);
     Bench bench(settingsOf(options));
+    QString found; // all of it, to be compared and copied
+    bool same = true;
     for (const QString& line : script.split('\n', Qt::SkipEmptyParts)) {
         const QString event = line.section("->", 0, 0).trimmed();
         const QString told = bench.happen(event);
-        QVERIFY2(told == line.section("->", 1).trimmed(), qPrintable(event + " -> " + told));
+        const bool expected = told == line.section("->", 1).trimmed();
+        found += '\n' + event + " -> " + told + (same && !expected ? "   <--" : "");
+        same = same && expected;
     }
+    QVERIFY2(same, qPrintable(found));
 }
 
 } // namespace s7200

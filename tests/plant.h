@@ -63,14 +63,14 @@ public:
     /// Until so many frames were sent; every fifth time a read or write is asked for besides.
     void run(const QVector<Variable>& watched, int frames, bool requests)
     {
-        m_machine.start(m_now);
-        m_machine.watch(watched, m_now);
+        m_machine.start({m_now, 0});
+        m_machine.watch(watched, {m_now, 0});
         for (int turn = 0; int(sent.size()) < frames; ++turn) {
             if (requests && turn % 5 == 0)
                 ask(turn / 5);
             if (m_events.empty()) {
                 m_now = std::max(m_now, m_wakeAt);
-                m_machine.timePassed(m_now);
+                m_machine.timePassed({m_now, 0});
                 continue;
             }
             const auto event = m_events.front();
@@ -98,10 +98,8 @@ private:
             qFatal("%s", qPrintable(error));
         if (number % 3 == 0)
             request->values.clear(); // a read
-        else
-            request->steps = writeSteps(request->variable, request->values, 106);
         request->station = settings().defaultStation;
-        m_machine.request(std::move(request), m_now);
+        m_machine.request(std::move(request), {m_now, 0});
     }
 
     void open(int) override
@@ -114,7 +112,7 @@ private:
         m_silent = fault == sim::FaultKind::SilentAccept;
         later([this] {
             m_traceId = m_trace->newConnection();
-            m_machine.opened(2, m_now);
+            m_machine.opened(2, {m_now, 0});
         });
         if (fault == sim::FaultKind::RefuseConnection)
             closeByController();
@@ -188,7 +186,7 @@ private:
             return;
         later([this, bytes] {
             m_trace->record(m_traceId, FrameTrace::FromController, bytes);
-            m_machine.received(2, bytes, m_now);
+            m_machine.received(2, bytes, {m_now, 0});
         });
     }
 
@@ -197,7 +195,7 @@ private:
         later([this] {
             m_isOpen = false;
             m_trace->closeConnection(m_traceId, FrameTrace::FromController);
-            m_machine.closed(2, m_now);
+            m_machine.closed(2, {m_now, 0});
         });
     }
 

@@ -43,9 +43,11 @@ struct ControllerSettings {
     int timeoutMs = 1000;        ///< For a connection, name look-up included, and for each reply.
     int retries = 3;             ///< Failed replies before the driver declares the link down.
     int intervalMs = 500;        ///< From the start of one cycle to that of the next.
-    int blockLimit = 0;          ///< Bytes of one read; 0: chosen by what is watched.
-    bool probe = true;           ///< With nothing to watch, read the status word to keep the link.
-    bool remoteAccess = false;   ///< Forwarding records in place of S7 jobs.
+    /// Most bytes, timers or counters of one read, words of one write; 0: what the PDU has room
+    /// for that the controller grants.
+    int blockLimit = 0;
+    bool probe = true;         ///< With nothing to watch, read the status word to keep the link.
+    bool remoteAccess = false; ///< Forwarding records in place of S7 jobs.
     /// Several stations behind one driver, each with an endpoint of its own; a variable's station
     /// chooses. Empty: one station, `endpoint`. A dead station costs the others time, so prefer an
     /// object for each.
@@ -103,7 +105,9 @@ public:
     /// Closes the connection. Open requests end as Cause::Stopped before it returns.
     void stop();
 
-    /// Replaces the variables that are read cyclically; may be called before start().
+    /// Replaces the variables that are read cyclically; may be called before start(). What is known
+    /// of those that were watched before stays, and a change that was not yet told is told by the
+    /// new index.
     void watch(const QVector<Variable>& variables);
 
     /// The same from texts such as "VW100". False with a one-line `error`, and nothing changed, if
@@ -137,8 +141,8 @@ public:
 
 Q_SIGNALS:
     /// A link has come up, was lost, or fails for another reason than before; each trouble is told
-    /// once, and that it is Down. Further attempts only count: see link(). A loss that a refused
-    /// variable has cost is not told if the link comes back at once.
+    /// once, and that it is Down. Further attempts only count: see link(). A link that a refused
+    /// variable has cost is Waiting with Cause::Refused, and comes back at once.
     void linkChanged(const s7200::LinkStatus& status);
 
     /// Value or quality of watched variables has changed, by index in watched().
@@ -148,6 +152,10 @@ Q_SIGNALS:
     /// whose link is not up. Not told of a cycle that a refusal has cut short: the link comes back
     /// at once, and all is read anew.
     void cycleDone();
+
+    /// A controller has granted another PDU than before, or than the usual 240 bytes: what is read
+    /// and written is cut to fit it.
+    void pduChanged(int station, int bytes);
 
 private:
     class Q_DECL_HIDDEN Private;

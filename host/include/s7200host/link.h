@@ -88,7 +88,7 @@ struct LinkStatistics {
     quint64 linkLosses = 0;  ///< Links that were up and were lost.
     std::array<quint64, CauseCount> failures = {}; ///< By cause, each failed reply or attempt.
     int grantedPdu = 0;           ///< PDU length of the last setup reply, bytes; 0: none yet.
-    RoundTripHistogram roundTrip; ///< Of each frame that was answered.
+    RoundTripHistogram roundTrip; ///< Of each frame that was answered when it was sent once.
 
     /// Failures for this reason.
     quint64 failed(Cause cause) const

@@ -47,8 +47,8 @@ struct S7200HOST_EXPORT Variable {
     /// The element count as the driver's value functions take it: bits of a byte that has no
     /// register type of its own, 16-bit words of a double word.
     int driverCount() const;
-    /// True for timer and counter bits, which the driver's image sets but never clears.
-    bool isLatched() const;
+    /// True for timer and counter bits: they are taken from the status byte of a reply.
+    bool hasStatusBits() const;
     /// True for AIW and AQW, whose read requests count words.
     bool isAnalog() const;
     /// True for bytes that the driver has no register type for: they are handled as eight bits.
