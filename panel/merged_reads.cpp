@@ -1,6 +1,6 @@
 #include "panel/merged_reads.h"
 
-#include "host/request_plan.h"
+#include "host/request_limits.h"
 
 #include <QHash>
 

@@ -13,8 +13,7 @@ namespace
 const char* const Description =
     "Reads the variables cyclically and shows them: on a terminal as a screen (arrow\n"
     "keys, PgUp, PgDn, space, Home and End scroll; q leaves), otherwise as lines.\n"
-    "Values that are not current are shown as '?'. A timer or counter bit shown as\n"
-    "latched has been 1 since the program started; the driver never clears it.\n"
+    "Values that are not current are shown as '?'.\n"
     "While it runs it takes writes from the keyboard, VARIABLE=VALUE and Enter, and q\n"
     "or quit. Ends by Ctrl-C, --count, --duration or --until.";
 

@@ -2,6 +2,7 @@
 // put to the real driver, whose own cutting and merging they have to get through unharmed.
 
 #include "core/siemens_s7_200.h"
+#include "host/request_limits.h"
 #include "host/request_plan.h"
 #include "tests/text_table.h"
 #include <s7200host/variable.h>
@@ -99,8 +100,8 @@ QString limitAndMisfits(const QString& texts)
     const int limit = RequestLimits().list(variables);
     QVector<ReadBlock> wanted;
     for (const Variable& variable : variables)
-        wanted += readBlocks(variable, 2,
-                             std::min(limit, RequestLimits().read(variable.area->reads)));
+        wanted +=
+            readBlocks(variable, 2, std::min(limit, RequestLimits().read(variable.area->reads)));
     QString found = QString::number(limit);
     for (const bool stationEach : {false, true}) {
         resetDriver(limit, stationEach);
@@ -116,12 +117,18 @@ QString limitAndMisfits(const QString& texts)
     return found;
 }
 
+QList<WriteStep> stepsOf(const Parsed& write)
+{
+    return writeSteps(write.variable, write.values,
+                      RequestLimits().write(write.variable.area->type));
+}
+
 /// The driver's requests for a write, in order; none if a step makes another number than it says.
 QList<RW_VAR> requestsOf(const Parsed& write, bool stationEach)
 {
     resetDriver(LargestLimit, stationEach);
     QList<RW_VAR> requests;
-    for (WriteStep& step : writeSteps(write.variable, write.values, LargestLimit)) {
+    for (WriteStep& step : stepsOf(write)) {
         PLC_driver.write_list.clear();
         SetRegisterData(QString(), step.type, step.address, 2, &step.data, step.count, 2, 1);
         if (int(PLC_driver.write_list.size()) != step.requests)
@@ -150,7 +157,7 @@ QByteArray writtenMemory(const Parsed& write)
     COM_INFO* info = resetDriver(LargestLimit, false);
     info->communication_mode = 0; // into the driver's image at once
     std::memset(PLC_driver.V_area, 0xEE, sizeof PLC_driver.V_area);
-    for (WriteStep& step : writeSteps(write.variable, write.values, LargestLimit))
+    for (WriteStep& step : stepsOf(write))
         SetRegisterData(QString(), step.type, step.address, 2, &step.data, step.count, 2, 1);
     return QByteArray(reinterpret_cast<const char*>(PLC_driver.V_area), sizeof PLC_driver.V_area);
 }
@@ -259,8 +266,8 @@ private slots:
         const char* const table = R"(
             M11.7x2 106 -> 8:11+2          | M11.0 106   -> 8:10+2 | VB7x3 106   -> 12:6+4
             VW7 106     -> 12:7+2          | MB7 106     -> 8:6+2  | VB1x107 106 -> 12:0+106 12:106+2
-            VD0x40 106  -> 12:0+106 12:106+54 | VW0x2 0  -> 12:0+2 12:2+2
-            CV0x100 106 -> 15:0+70 15:70+30 | CV0x100 42 -> 15:0+42 15:42+42 15:84+16)";
+            VD0x40 106  -> 12:0+104 12:104+56 | VW0x2 0  -> 12:0+2 12:2+2
+            CV0x100 71  -> 15:0+71 15:71+29 | CV0x100 42 -> 15:0+42 15:42+42 15:84+16)";
         check(table, [](const QString& given) {
             QStringList described;
             const Variable variable = parsed(given.section(' ', 0, 0)).variable;

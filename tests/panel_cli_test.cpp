@@ -70,7 +70,6 @@ private slots:
             watch VW0@3 --controller h -> --controller 3=HOST
             watch VW0@4 --controller 3=h --one-driver -> station '4'
             watch VW0 --controller a=h --one-driver -> 'a'
-            watch T37@3 --controller 3=h --one-driver -> TV37
             watch VW0 --controllers /nowhere/c.csv -> /nowhere/c.csv
             watch VW0 --tags /nowhere/t.csv -> /nowhere/t.csv
             watch --until VW0 -> 'VW0'        | watch --until VW0>x -> 'VW0>x'
