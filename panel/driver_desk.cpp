@@ -81,8 +81,7 @@ int DriverDesk::watch(const QVector<Variable>& variables)
     for (const Variable& variable : variables)
         stations.append(variable.station >= 0 ? variable.station : m_settings.defaultStation);
     WatchList list;
-    list.assign(variables, stations,
-                RequestLimits(m_settings.blockLimit, m_settings.remoteAccess));
+    list.assign(variables, stations, RequestLimits(m_settings.blockLimit, m_settings.remoteAccess));
     comInfo.block_length_limit = list.blockLimit();
     QList<int> every = m_settings.stations.keys();
     if (every.isEmpty())
