@@ -1,12 +1,13 @@
 #include "panel/driver_desk.h"
 
 #include "host/request_plan.h"
-#include "host/watch_list.h"
 #include "panel/frame_text.h"
 #include "wire/s7_fields.h"
 
 #include <siemens_s7_200_cp243/host_interface.h>
 #include <siemens_s7_200_cp243/register_types.h>
+
+#include <algorithm>
 
 namespace s7200::panel
 {
@@ -18,6 +19,8 @@ namespace
 
 /// One in five calls gives nothing although there is something to send.
 constexpr int MostIdleCalls = 2;
+
+constexpr int ApartKey = 1; // any that is not a cyclic read's
 
 /// Bytes that a peer's reply to a forwarding record has beyond the length in its TPKT header.
 constexpr int RemoteTrailingBytes = 2;
@@ -75,30 +78,65 @@ void DriverDesk::setTsaps(quint16 local, quint16 remote)
     m_localWords[LocalWord_CallingTsap] = local;
 }
 
+void DriverDesk::setPdu(int bytes)
+{
+    m_pdu = bytes;
+}
+
+RequestLimits DriverDesk::limits() const
+{
+    return RequestLimits(m_settings.blockLimit, m_settings.remoteAccess, m_pdu);
+}
+
+QVector<int> DriverDesk::stations() const
+{
+    return m_settings.stations.isEmpty() ? QVector<int>{m_settings.defaultStation}
+                                         : QVector<int>::fromList(m_settings.stations.keys());
+}
+
 int DriverDesk::watch(const QVector<Variable>& variables)
 {
-    QVector<int> stations;
+    QVector<int> own;
     for (const Variable& variable : variables)
-        stations.append(variable.station >= 0 ? variable.station : m_settings.defaultStation);
-    WatchList list;
-    list.assign(variables, stations, RequestLimits(m_settings.blockLimit, m_settings.remoteAccess));
-    comInfo.block_length_limit = list.blockLimit();
-    QList<int> every = m_settings.stations.keys();
-    if (every.isEmpty())
-        every.append(m_settings.defaultStation);
+        own.append(variable.station >= 0 ? variable.station : m_settings.defaultStation);
+    m_list = WatchList();
+    m_list.assign(variables, own, limits());
+    comInfo.block_length_limit = m_list.blockLimit();
     QVector<ReadBlock> blocks;
-    for (int station : std::as_const(every)) {
-        QVector<ReadBlock> own = list.cyclicBlocks(station);
-        if (own.isEmpty()) {
+    for (int station : stations()) {
+        const QVector<ReadBlock> cyclic = m_list.cyclicBlocks(station);
+        if (cyclic.isEmpty() && m_list.apartBlocks(station).isEmpty()) {
             ReadBlock probe;
             probe.type = Type_SMW; // SMW0, as a controller object has it
             probe.station = station;
             probe.units = 2;
-            own.append(probe);
+            blocks.append(probe);
         }
-        blocks += own;
+        blocks += cyclic;
     }
     return driver.ReCreatReadVarList(cyclicRecords(blocks, !m_settings.stations.isEmpty()));
+}
+
+int DriverDesk::readApart()
+{
+    int queued = 0;
+    for (int station : stations()) {
+        for (const ReadBlock& block : m_list.apartBlocks(station)) {
+            RW_VAR record = oneShotRecord(block);
+            record.host_key = ApartKey;
+            record.remote = comInfo.remote_access;
+            record.link_id = comInfo.link_id;
+            comInfo.block_length_limit = std::max(limits().single(), block.units); // never cut
+            queued = driver.AddListOnceReadVar(&record, List_Merge);
+        }
+    }
+    comInfo.block_length_limit = m_list.blockLimit();
+    return queued;
+}
+
+bool DriverDesk::isReadApart(const RW_VAR& request) const
+{
+    return m_list.apartBlocks(request.station).contains(blockOf(request));
 }
 
 const Protocol* DriverDesk::pending()

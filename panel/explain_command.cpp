@@ -1,5 +1,6 @@
 #include "panel/commands.h"
 
+#include "host/request_limits.h"
 #include "panel/messages.h"
 #include "panel/request_preview.h"
 #include "panel/requests.h"
@@ -20,8 +21,12 @@ const char* const Description =
     "controller, the requests of a cycle and how long it takes at a given round-trip\n"
     "time.";
 
-constexpr int GrantedPdu = 240; // what the module grants and the driver asks for
-constexpr int MostNames = 6;    // in a line
+constexpr int MostNames = 6; // in a line
+
+struct Wanted {
+    double roundTripMs = 0;
+    int pdu = RequestLimits::UsualPdu; // what the driver asks for, and is granted at most
+};
 
 bool readRoundTrip(const CommandLine& line, double* milliseconds, QString* error)
 {
@@ -67,7 +72,7 @@ void printPlan(const RequestPlan& plan, const QStringList& labels, bool all)
                   .arg(read.dataBytes, 6)
                   .arg(read.wastedBytes, 6)
                   .arg(read.pduLength, 3)
-                  .arg(GrantedPdu)
+                  .arg(plan.grantedPdu)
                   .arg(namesOf(read, labels, all)));
 }
 
@@ -77,6 +82,9 @@ QString summaryOf(const RequestPlan& plan, const ControllerSettings& settings, d
                        .arg(counted(quint64(plan.reads.size()), "request"),
                             counted(quint64(plan.dataBytes()), "byte"))
                        .arg(plan.wastedBytes());
+    if (plan.misfits() > 0)
+        text += QStringLiteral("; %1 beyond the PDU, which the controller refuses")
+                    .arg(counted(quint64(plan.misfits()), "reply", "replies"));
     if (roundTripMs <= 0)
         return text;
     const double cycle = plan.cycleMs(roundTripMs);
@@ -89,7 +97,7 @@ QString summaryOf(const RequestPlan& plan, const ControllerSettings& settings, d
 }
 
 int explainController(const ControllerSettings& settings, const QVector<Item>& items,
-                      const CommandLine& line, double roundTripMs)
+                      const CommandLine& line, const Wanted& wanted)
 {
     QVector<Variable> variables;
     QStringList labels;
@@ -98,7 +106,7 @@ int explainController(const ControllerSettings& settings, const QVector<Item>& i
         labels.append(item.label);
     }
     QString error;
-    const std::optional<RequestPlan> plan = planRequests(settings, variables, &error);
+    const std::optional<RequestPlan> plan = planRequests(settings, variables, wanted.pdu, &error);
     if (!plan)
         return usageError(error);
     if (line.options().isSet(QStringLiteral("frames"))) {
@@ -107,7 +115,7 @@ int explainController(const ControllerSettings& settings, const QVector<Item>& i
         return ExitGood;
     }
     printPlan(*plan, labels, line.options().isSet(QStringLiteral("all")));
-    print(summaryOf(*plan, settings, roundTripMs));
+    print(summaryOf(*plan, settings, wanted.roundTripMs));
     return ExitGood;
 }
 
@@ -115,8 +123,10 @@ int run(CommandLine& line)
 {
     QVector<Item> items;
     QString error;
-    double roundTripMs = 0;
-    if (!readRoundTrip(line, &roundTripMs, &error) ||
+    Wanted wanted;
+    if (!readRoundTrip(line, &wanted.roundTripMs, &error) ||
+        !line.number("pdu", RequestLimits::SmallestPdu, RequestLimits::UsualPdu, &wanted.pdu,
+                     &error) ||
         !line.resolve(line.operands(), &items, &error) ||
         (items.isEmpty() && !line.resolveAllTags(&items, &error)))
         return usageErrors(error);
@@ -133,7 +143,7 @@ int run(CommandLine& line)
             print((controllers.at(i).name.isEmpty() ? QStringLiteral("no controller named")
                                                     : controllers.at(i).name) +
                   QLatin1Char(':'));
-        const int status = explainController(controllers.at(i), own, line, roundTripMs);
+        const int status = explainController(controllers.at(i), own, line, wanted);
         if (status != ExitGood)
             return status;
     }
@@ -151,6 +161,8 @@ Command explainCommand()
             TakesControllers | SimulatesIfNone | TakesTags | TakesVariables | TakesInterval,
             {
                 {"rtt", "Round-trip time for which to give the cycle's length.", "ms"},
+                {"pdu", "For a controller that grants a PDU of so many bytes (default 240).",
+                 "bytes", "240"},
                 {"frames", "Print nothing but the frames, in hexadecimal."},
                 {"all", "Name all variables that a request serves."},
             },

@@ -18,6 +18,7 @@ namespace
 
 constexpr int LastReference = 65535; // 1 follows
 constexpr int ProbeBytes = 2;        // of SMW0
+constexpr int SetupReplyLength = 27;
 
 bool isHandshake(const QByteArray& frame)
 {
@@ -71,6 +72,10 @@ bool Replay::run(const Conversation& conversation, int mostDifferences)
         m_desk.setTsaps(tsapParameter(parameters, CallingTsap).value_or(0),
                         tsapParameter(parameters, CalledTsap).value_or(0));
         break;
+    }
+    for (const Exchange& exchange : conversation.exchanges) {
+        if (isSetup(exchange.request) && exchange.reply.size() == SetupReplyLength)
+            m_desk.setPdu(wordAt(exchange.reply, AckPduLengthOffset));
     }
     if (!m_variables.isEmpty())
         m_desk.watch(m_variables);
@@ -133,8 +138,9 @@ void Replay::prepare(int index)
         return;
     const QVector<Exchange>& exchanges = m_conversation.exchanges;
     if (!m_variables.isEmpty()) {
-        // The list asks by itself; only the writes are somebody else's.
-        if (!m_isOpen && isWriteJob(exchanges.at(index).request))
+        // The list asks by itself, but for writes and for what it must not hold.
+        const std::optional<RW_VAR> asked = requestOf(exchanges.at(index).request);
+        if (!m_isOpen && asked && (asked->origin != 0 || m_desk.isReadApart(ofStation(*asked))))
             m_isOpen = addRequest(exchanges.at(index).request);
         return;
     }
@@ -146,12 +152,18 @@ void Replay::prepare(int index)
         addProbe();
 }
 
+RW_VAR Replay::ofStation(RW_VAR request) const
+{
+    request.station = m_desk.comInfo.default_station;
+    return request;
+}
+
 bool Replay::addRequest(const QByteArray& job)
 {
     std::optional<RW_VAR> request = requestOf(job);
     if (!request)
         return false;
-    request->station = m_desk.comInfo.default_station;
+    *request = ofStation(*request);
     request->link_id = m_desk.comInfo.link_id;
     if (request->origin != 0)
         m_desk.driver.AddListWriteVar(&*request, List_Append);

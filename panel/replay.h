@@ -57,6 +57,7 @@ private:
     void play(int index);
     bool isDrivers(const QByteArray& request) const;
     void prepare(int index);
+    RW_VAR ofStation(RW_VAR request) const;
     bool addRequest(const QByteArray& job);
     void addProbe();
     const Protocol* next(int index);

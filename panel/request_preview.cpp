@@ -39,7 +39,36 @@ void serve(const ReadBlock& block, const QVector<ReadBlock>& wanted, PlannedRead
     read->wastedBytes = read->dataBytes - served * unitBytes;
 }
 
+/// Answers what the driver asks for until there are so many reads in the plan.
+void answerReads(DriverDesk& desk, const QVector<ReadBlock>& wanted, int reads, int mostFrames,
+                 RequestPlan* plan)
+{
+    for (int i = 0; i < mostFrames && int(plan->reads.size()) < reads; ++i) {
+        const Protocol* pending = desk.pending();
+        if (pending == nullptr)
+            return;
+        if (!isConnectionRequest(pending->frame) && !isSetup(pending->frame)) {
+            PlannedRead read;
+            read.frame = pending->frame;
+            read.text = describeRead(pending->var);
+            read.replyLength = pending->reply_len;
+            read.pduLength = wire::PayloadOffset - wire::ProtocolIdOffset + pending->data_len;
+            read.dataBytes = pending->data_len;
+            serve(blockOf(pending->var), wanted, &read);
+            plan->reads.append(read);
+        }
+        desk.reply(desk.perfectReply(*pending));
+    }
+}
+
 } // namespace
+
+int RequestPlan::misfits() const
+{
+    return int(std::count_if(reads.begin(), reads.end(), [this](const PlannedRead& read) {
+        return read.pduLength > grantedPdu;
+    }));
+}
 
 int RequestPlan::dataBytes() const
 {
@@ -63,42 +92,32 @@ double RequestPlan::cycleMs(double roundTripMs) const
 }
 
 std::optional<RequestPlan> planRequests(const ControllerSettings& settings,
-                                        const QVector<Variable>& variables, QString* error)
+                                        const QVector<Variable>& variables, int grantedPdu,
+                                        QString* error)
 {
     const std::unique_ptr<DriverDesk> desk = DriverDesk::open(settings, error);
     if (!desk)
         return std::nullopt;
+    desk->setPdu(grantedPdu);
     RequestPlan plan;
-    const int listed = desk->watch(variables);
-    plan.blockLimit = desk->comInfo.block_length_limit;
+    plan.grantedPdu = grantedPdu;
     QVector<ReadBlock> wanted;
     for (const Variable& variable : variables)
         wanted.append(extentOf(variable, variable.station >= 0 && !settings.stations.isEmpty()
                                              ? variable.station
                                              : settings.defaultStation));
     // Each station shakes hands first.
-    const int most = listed + HandshakeFrames * std::max(1, int(settings.stations.size()));
-    for (int i = 0; i < most && int(plan.reads.size()) < listed; ++i) {
-        const Protocol* pending = desk->pending();
-        if (pending == nullptr)
-            break;
-        if (!isConnectionRequest(pending->frame) && !isSetup(pending->frame)) {
-            PlannedRead read;
-            read.frame = pending->frame;
-            read.text = describeRead(pending->var);
-            read.replyLength = pending->reply_len;
-            read.pduLength = wire::PayloadOffset - wire::ProtocolIdOffset + pending->data_len;
-            read.dataBytes = pending->data_len;
-            serve(blockOf(pending->var), wanted, &read);
-            plan.reads.append(read);
-        }
-        desk->reply(desk->perfectReply(*pending));
-    }
-    if (int(plan.reads.size()) == listed)
+    const int handshakes = HandshakeFrames * std::max(1, int(settings.stations.size()));
+    int expected = desk->watch(variables);
+    answerReads(*desk, wanted, expected, expected + handshakes, &plan);
+    const int apart = desk->readApart();
+    expected += apart;
+    answerReads(*desk, wanted, expected, apart + handshakes, &plan);
+    if (int(plan.reads.size()) == expected)
         return plan;
     *error = QStringLiteral("the driver sends only %1 of its %2 requests")
                  .arg(plan.reads.size())
-                 .arg(listed);
+                 .arg(expected);
     return std::nullopt;
 }
 

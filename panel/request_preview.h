@@ -25,8 +25,11 @@ struct PlannedRead {
 /// What the driver will send for a list of variables, once a cycle, beside the handshake before.
 struct RequestPlan {
     QVector<PlannedRead> reads;
-    int blockLimit = 0; ///< Most bytes of one read.
+    int grantedPdu = 0; ///< Bytes.
 
+    /// Reads whose replies the PDU has no room for, so that the controller refuses them: of a
+    /// single element that is too large for it.
+    int misfits() const;
     int dataBytes() const;
     int wastedBytes() const;
     /// How long a cycle takes when each round trip takes this long; requests go out one by one.
@@ -34,10 +37,12 @@ struct RequestPlan {
 };
 
 /// Asks a driver of its own, to which a controller in perfect order answers, through one whole
-/// cycle. `settings` as for a controller object; its endpoint does not matter. Nothing with a
-/// one-line `error` if the driver cannot be loaded or makes no request of a variable.
+/// cycle. `settings` as for a controller object; its endpoint does not matter. `grantedPdu`: what
+/// that controller grants. Nothing with a one-line `error` if the driver cannot be loaded or makes
+/// no request of a variable.
 std::optional<RequestPlan> planRequests(const ControllerSettings& settings,
-                                        const QVector<Variable>& variables, QString* error);
+                                        const QVector<Variable>& variables, int grantedPdu,
+                                        QString* error);
 
 } // namespace s7200::panel
 

@@ -38,7 +38,8 @@ constexpr OptionRow Options[] = {
      "refused. Default: any will do"},
     {"pdu", "BYTES",
      "Grant a PDU of at most so many bytes, 20 to 960, and\n"
-     "refuse what would not fit it. Default: 240"},
+     "refuse what would not fit it, with --remote too.\n"
+     "Default: 240"},
     {"latency", "MS[:JITTER]",
      "Delay each reply by MS milliseconds, and up to JITTER\nmore at random."},
     {"idle", "S",

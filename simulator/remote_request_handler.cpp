@@ -336,7 +336,9 @@ QString RemoteRequestHandler::description() const
     text.isWrite = m_current.isWrite;
     text.area = shape->area;
     text.isBit = byBit && m_current.isWrite;
-    text.elementBytes = m_current.isWrite && shape->encoding != Encoding::Bytes ? 2 : 1;
+    const bool analog = shape->area == SimulatorArea::AIW || shape->area == SimulatorArea::AQW;
+    const bool words = m_current.isWrite ? shape->encoding != Encoding::Bytes : analog;
+    text.elementBytes = words ? 2 : 1;
     text.address = int(qMin<qint64>(qint64(m_current.address) * (inUnits ? 1 : 8), 0x7FFFFFFF));
     text.count = m_current.count;
     const int whole = qMin(m_current.count, int(m_current.value.size()) / 2);

@@ -26,7 +26,7 @@ public:
 
     /// `memory` must outlive the handler. What would not fit a PDU of `largestPdu` bytes between
     /// peer and controller is refused: the record's own length is no measure of it.
-    explicit RemoteRequestHandler(ControllerMemory* memory, int largestPdu = 960);
+    explicit RemoteRequestHandler(ControllerMemory* memory, int largestPdu = 240);
 
     void append(const QByteArray& bytes) override;
     std::optional<QByteArray> takeRequest() override;

@@ -62,7 +62,7 @@ SimulatedConnection::SimulatedConnection(QTcpSocket* socket, int number,
     : QObject(parent), m_socket(socket), m_number(number), m_options(options), m_state(state)
 {
     if (options.remote)
-        m_handler = std::make_unique<RemoteRequestHandler>(&state->memory);
+        m_handler = std::make_unique<RemoteRequestHandler>(&state->memory, options.largestPdu);
     else
         m_handler =
             std::make_unique<S7RequestHandler>(&state->memory, options.largestPdu, options.tsap);

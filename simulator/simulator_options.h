@@ -22,7 +22,7 @@ struct SimulatorOptions {
     int count = 1;                 ///< Controllers, on consecutive ports.
     bool remote = false;           ///< Take forwarding records of remote access instead of S7 jobs.
     bool liveValues = true;        ///< False: memory changes by writes only.
-    int largestPdu = 240;          ///< Most that setup communication grants.
+    int largestPdu = 240;          ///< Most that setup communication grants; kept to anyway.
     std::optional<quint16> tsap;   ///< The only called TSAP that is let in; nothing: any.
     int handshakeMs = 5000;        ///< A connection that is not set up by then is closed,
     int idleMs = 60000;            ///< and so is one on which nothing is said for so long.

@@ -1,16 +1,13 @@
-// Diagnosis: recorded faults replayed at a desk, requests foretold, and which step of a connection
-// fails.
+// Diagnosis: recorded faults replayed at a desk, and which step of a connection fails.
 
 #include "panel/frame_text.h"
 #include "panel/link_probe.h"
 #include "panel/replay.h"
-#include "panel/request_preview.h"
 #include "simulator/simulator_thread.h"
 #include "tests/plant.h"
 #include "wire/frame_trace.h"
 #include "wire/s7_fields.h"
 
-#include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -146,6 +143,37 @@ private slots:
         }
     }
 
+    /// A controller that grants a smaller PDU: other cuts, and analogue words read apart.
+    void smallGrantReplays()
+    {
+        const QTemporaryDir folder;
+        const QString file = folder.filePath("trace.pcap");
+        const QStringList watched = {"VB0x100", "AIW0", "AIW62", "M0.3"};
+        QString error;
+        const auto trace = FrameTrace::open(file, FrameTrace::KeepExisting, &error);
+        sim::SimulatorOptions options;
+        options.largestPdu = 64;
+        options.trace = trace.get();
+        sim::SimulatorThread simulator(options);
+        QVERIFY2(simulator.start(&error), qPrintable(error));
+        ControllerSettings settings;
+        settings.endpoint = {"127.0.0.1", simulator.port()};
+        settings.intervalMs = 1;
+        settings.timeoutMs = 20000;
+        Controller controller(settings);
+        controller.watch(variablesOf(watched));
+        QSignalSpy cycles(&controller, &Controller::cycleDone);
+        controller.start();
+        controller.write("VW200=7");
+        QTRY_VERIFY_WITH_TIMEOUT(cycles.size() >= 3, 60000);
+        controller.stop();
+        simulator.stop();
+        const Replayed replayed = replay(conversationsIn(file).first(), watched);
+        QCOMPARE(told(replayed), QStringList());
+        QVERIFY(replayed.results.size() > 15 &&
+                replayed.results.count(Result_Good) == replayed.results.size());
+    }
+
     /// What a replay says about a capture that was tampered with.
     void differences()
     {
@@ -204,79 +232,6 @@ private slots:
         closed.kind = wire::StreamEvent::Closed;
         QVERIFY(conversationsOf({asked}, {connection}).first().endsUnanswered);
         QVERIFY(!conversationsOf({asked, closed}, {connection}).first().endsUnanswered);
-    }
-
-    void plans()
-    {
-        const QStringList local = {
-            "read MB0 to MB1: 2 bytes, 1 wasted, reply 27, PDU 20, for 2",
-            "read VB0 to VB11: 12 bytes, 6 wasted, reply 37, PDU 30, for 0 1",
-            "read AIW2 to AIW4: 4 bytes, 0 wasted, reply 29, PDU 22, for 6",
-            "read T3 to T10: 40 bytes, 25 wasted, reply 65, PDU 58, for 3 4",
-            "read C5: 3 bytes, 0 wasted, reply 28, PDU 21, for 5"};
-        // A peer that forwards sends byte areas twice over, and two bytes behind each reply.
-        const QStringList remote = {
-            "read MB0 to MB1: 4 bytes, 3 wasted, reply 31, PDU 22, for 2",
-            "read VB0 to VB11: 24 bytes, 18 wasted, reply 51, PDU 42, for 0 1",
-            "read AIW2 to AIW4: 4 bytes, 0 wasted, reply 31, PDU 22, for 6",
-            "read T3 to T10: 40 bytes, 25 wasted, reply 67, PDU 58, for 3 4",
-            "read C5: 3 bytes, 0 wasted, reply 30, PDU 21, for 5"};
-        for (bool remoteAccess : {false, true}) {
-            QString error;
-            ControllerSettings settings;
-            settings.remoteAccess = remoteAccess;
-            const auto plan = planRequests(
-                settings, variablesOf({"VW10", "VW0x2", "M0.3", "TV3", "TV9x2", "C5", "AIW2x2"}),
-                &error);
-            QVERIFY2(plan, qPrintable(error));
-            QStringList lines;
-            for (const PlannedRead& read : plan->reads) {
-                QStringList served;
-                for (int index : read.variables)
-                    served.append(QString::number(index));
-                lines.append(QString("%1: %2 bytes, %3 wasted, reply %4, PDU %5, for %6")
-                                 .arg(read.text)
-                                 .arg(read.dataBytes)
-                                 .arg(read.wastedBytes)
-                                 .arg(read.replyLength)
-                                 .arg(read.pduLength)
-                                 .arg(served.join(' ')));
-                QVERIFY(remoteAccess || read.text == describeRequest(read.frame));
-            }
-            QCOMPARE(lines, remoteAccess ? remote : local);
-            QCOMPARE(plan->cycleMs(20), 100.0);
-        }
-    }
-
-    void requestsAreForetold()
-    {
-        QString error;
-        // Any list: what is sent afterwards is the plan.
-        const int lists = qEnvironmentVariableIntValue("DIAGNOSIS_LISTS");
-        QRandomGenerator random(5);
-        for (int i = 0; i < std::max(12, lists); ++i) {
-            QStringList texts;
-            for (int n = 1 + int(random.bounded(40)); n > 0; --n) {
-                static const char* const Names[] = {"VW%1x%2", "VB%1x%2", "VD%1x%2",
-                                                    "MW%1x%2", "TV%1x%2", "CV%1x%2",
-                                                    "AIW%1",   "SMW%1",   "Q%1.5x%2"};
-                const QString name = QLatin1String(Names[random.bounded(9)]);
-                const int address = int(random.bounded(name.startsWith('V') ? 1200 : 28)) & ~1;
-                const QString text = name.arg(address);
-                texts.append(text.contains('%') ? text.arg(1 + random.bounded(3)) : text);
-            }
-            const QVector<Variable> variables = variablesOf(texts);
-            const auto plan = planRequests(Plant::settings(), variables, &error);
-            QVERIFY2(plan, qPrintable(error));
-            const QTemporaryDir folder;
-            Plant plant({}, folder.filePath("trace.pcap"));
-            plant.run(variables, 2 * int(plan->reads.size()) + 2, false);
-            for (int sent = 2; sent < int(plant.sent.size()); ++sent) {
-                const PlannedRead& read = plan->reads.at((sent - 2) % int(plan->reads.size()));
-                QCOMPARE(plant.sent.at(sent).mid(wire::ParameterLengthOffset),
-                         read.frame.mid(wire::ParameterLengthOffset));
-            }
-        }
     }
 
     void ping_data()

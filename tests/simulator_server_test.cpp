@@ -214,6 +214,14 @@ private slots:
         const QByteArray good = readReply(0, QByteArray(2, '\0')) + QByteArray(2, '\0');
         QVERIFY(Client(simulator.port())
                     .gets(read + read + read, good + QByteArray(good).replace(12, 1, "\x01")));
+        // A smaller PDU is kept to here, too.
+        options.faults.clear();
+        options.largestPdu = 20;
+        Simulator small(options);
+        const QByteArray two = fromHex("16070003 01000C 00000064 0002 0000000000000000 93");
+        QVERIFY(
+            Client(small.port())
+                .gets(read + two, good + fromHex("0300001302F080320200000001000000008500 0000")));
     }
 
     void severalControllersAndRestart()

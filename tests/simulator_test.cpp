@@ -279,6 +279,8 @@ private slots:
         RemoteRequestHandler peer(&handler);
         peer.reply(record(1, 8, 20, 1, "3412"));
         QCOMPARE(peer.description(), QString("write MW20 = 0x1234 -> ok"));
+        peer.reply(record(0, 16, 4, 3));
+        QCOMPARE(peer.description(), QString("read AIW4 x 3 -> ok"));
     }
 };
 
