@@ -22,7 +22,7 @@ QList<QCommandLineOption> watchOptions()
     return {
         {"count",
          "End after this many rounds. One is over when all that can be read was read, or after "
-         "a second or two of the longest interval.",
+         "two of the longest interval, a second at least.",
          "n"},
         {"duration", "End after this many seconds.", "s"},
         {"until",

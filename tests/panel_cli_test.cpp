@@ -222,6 +222,51 @@ private slots:
                  qPrintable(lines));
     }
 
+    void outputElsewhere()
+    {
+        const Simulator simulator;
+        // Standard output that cannot be written, and one whose reader has gone.
+        Panel full(simulator.command("watch VW0"), "/dev/full");
+        QCOMPARE(full.finish(), 7);
+        QVERIFY(full.waitFor(Err, "cannot write to standard output"));
+        const QString endless =
+            simulator.command(PANEL_PROGRAM " watch --interval 50 VW0").join(' ');
+        QProcess shell;
+        shell.start("sh", {"-c", "{ " + endless + "; echo status $? >&2; } | head -n 1"});
+        QVERIFY(shell.waitForFinished(LongMs));
+        QCOMPARE(shell.readAllStandardOutput(), QByteArray("VW0 0\n"));
+        QVERIFY(shell.readAllStandardError().contains("status 7"));
+        // A file that is moved away is begun anew after SIGHUP.
+        const QTemporaryDir directory;
+        const QString file = directory.filePath("out.csv");
+        Panel watch(simulator.command("watch --writes --interval 50 --format csv --output " + file +
+                                      " VW0"));
+        const auto begun = [&] { return QFile(file).size() > 60; };
+        QTRY_VERIFY_WITH_TIMEOUT(begun(), LongMs);
+        QVERIFY(QFile::rename(file, file + ".1"));
+        watch.process.write("VW0=6"); // cut off, for all that is known
+        watch.process.closeWriteChannel();
+        QVERIFY(watch.waitFor(Err, "VW0=6: not written"));
+        watch.signal(SIGHUP);
+        QTRY_VERIFY_WITH_TIMEOUT(begun(), LongMs);
+        watch.signal(SIGINT);
+        QCOMPARE(watch.finish(), 0);
+        QFile again(file);
+        QVERIFY(again.open(QIODevice::ReadOnly) && again.readAll().startsWith("time,controller,"));
+        // The trace is a capture, and not overwritten unasked.
+        const QString trace = directory.filePath("trace.pcap");
+        for (const int status : {0, 2}) {
+            Panel traced(simulator.command("read VW100 --trace " + trace));
+            QCOMPARE(traced.finish(), status);
+        }
+        Panel unwritten(simulator.command("read VW100 --trace /dev/full"));
+        QCOMPARE(unwritten.finish(), 7);
+        QVERIFY(unwritten.waitFor(Err, "/dev/full: No space left"));
+        QFile capture(trace);
+        QVERIFY(capture.open(QIODevice::ReadOnly));
+        QVERIFY(capture.readAll().contains(QByteArray::fromHex("120a10020002000184000320")));
+    }
+
     // The system's loader takes the first copy of the driver for the driver from then on.
     void controllersWhereOnlyTheLoaderFindsTheDriver()
     {
