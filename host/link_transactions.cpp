@@ -174,6 +174,7 @@ void LinkMachine::transact(const Protocol& pending)
     }
     m_transaction.isOpen = station.wasAsked = true;
     ++m_statistics.requests;
+    m_statistics.retries += m_repeating ? 1 : 0;
     if (isActive(pending.var))
         m_requests.active()->isSent = true;
     m_collector.begin(m_transaction.frame.bytes);
@@ -210,8 +211,6 @@ void LinkMachine::replied(const QByteArray& reply, const Failure& failure)
         requestAnswered(transaction, reply);
     else if (!m_repeating)
         linkLost(transaction.request);
-    else if (wasSent)
-        ++m_statistics.retries;
     // Forwarded records carry no reference: an answer that comes after all would pass for that to
     // the next one. So the driver gets nothing more from here until it gives the link up.
     if (m_repeating && m_settings.remoteAccess && station.failure.cause != Cause::Refused)

@@ -191,6 +191,45 @@ private slots:
                 "ok              -> get SM0+2\n"
                 "refuse          -> close; SMW0 refused 0\n" +
                 Again + "ok              -> up; cycle\n");
+        add("disconnected by the controller, in place of a reply and between two", "",
+            Up +
+                "+500            -> get V0+6\n"
+                "bytes 0300000B06800000000000 -> close; close; down: closed; VW0 link down 1; VW4 "
+                "link down 5\n" +
+                Again +
+                "ok              -> get V0+6\n"
+                "ok 000100000005 -> up; VW0 good 1; VW4 good 5; cycle\n"
+                "bytes 0300000B06800000000000 -> close; close; down: closed; VW0 link down 1; VW4 "
+                "link down 5\n"
+                "+200            -> open\n");
+        add("who speaks first is no controller", "stations",
+            "start           -> open@2; open@3; connecting@2; connecting@3\n"
+            "watch VW0@2     -> \n"
+            "opened@2        -> connect@2; handshake@2\n"
+            "opened@3        -> handshake@3\n"
+            "bytes@3 5353482D -> close@3; down@3: not S7\n"
+            "ok              -> setup@2\n");
+        add("a smaller PDU", "",
+            begun("watch VB0x200") +
+                "bytes 0300001B02F080320300000108000800000000F00000010001005A -> get V0+60; pdu "
+                "90; up\n"
+                "read VB300x70   -> \n"
+                "ok              -> get V300+60\n"
+                "closed          -> close; done: closed; down: closed; VB0x200 link down\n" +
+                Again +
+                "bytes 0300001B02F080320300000108000800000000F00000010001005A -> get V0+60\n");
+        add("a PDU of which there is nothing to be had", "",
+            begun("watch VW0") +
+                "read VW8        -> \n"
+                "bytes 0300001B02F080320300000108000800000000F000000100010014 -> close; close; "
+                "down: setup refused; done: setup refused; VW0 link down\n" +
+                Again +
+                "bytes 0300001B02F080320300000108000800000000F000000100010015 -> get V0+2; pdu "
+                "21\n");
+        add("analogue words that a limit would cut are read apart", "limit 1",
+            begun("watch AIW0 AIW8") + "ok              -> get AI0+1; up\n"
+                                       "ok 0001         -> get AI8+1; AIW0 good 1\n"
+                                       "ok 0002         -> AIW8 good 2; cycle\n");
         add("what was asked for and answered resets the back-off", "no probe",
             "start           -> open; connecting\n"
             "failed          -> close; down: no connection\n"

@@ -199,6 +199,26 @@ private slots:
                  "ok 000100000006 -> get V4+2; VW4 good 6\n"
                  "ok 0006         -> get V400+2\n"
                  "ok              -> VW400 good 0; cycle\n");
+        add("a change that was not yet told is told of the new list", "",
+            Up + "then watch VW4 VW0 -> \n"
+                 "read VW0        -> get V0+2\n"
+                 "ok 0009         -> done 9; get V0+6; VW0 good 9\n"
+                 "ok 000900000005 -> cycle\n");
+        add("a timer's bit falls, and is that of the reply", "",
+            begun("watch T5x2 C3") + "ok              -> get T5+2; up\n"
+                                     "ok 02000000000000000000 -> get C3+1; T5x2 good 1 0\n"
+                                     "ok 100000       -> C3 good 1; cycle\n"
+                                     "+500            -> get T5+2\n"
+                                     "ok 00000000000200000000 -> get C3+1; T5x2 good 0 1\n"
+                                     "ok 010000       -> C3 good 0; cycle\n"
+                                     "read T5x2       -> get T5+2\n"
+                                     "ok 02000000000200000000 -> done 1 1; T5x2 good 1 1\n");
+        add("a single read that was answered late", "twice no probe",
+            begun("") + "ok -> up; cycle\n"
+                        "read VW0        -> get V0+2\n"
+                        "+1000           -> get V0+2\n"
+                        "+1000           -> get V0+2\n"
+                        "ok 0005         -> done, stale 5; cycle\n");
         // Were the list made anew meanwhile, the driver would drop the writes of the station that
         // is first in it.
         add("lists stay while a frame is repeated", "stations retry twice",
@@ -244,6 +264,25 @@ private slots:
     void script()
     {
         runScript();
+    }
+
+    // Several parts are as old as the first of them, and stay dated however the clock is set.
+    void ages()
+    {
+        Bench bench(settingsOf("patient"));
+        for (const char* event : {"start", "watch VB0x300", "opened", "ok", "ok", "+400", "ok",
+                                  "+400", "ok", "ok", "ok", "+100"})
+            bench.happen(event);
+        const Moment now = bench.moment();
+        const Value value = bench.machine().value(0, now.steady);
+        QCOMPARE(value.quality, Quality::Good);
+        QCOMPARE(value.ageMs, qint64(100));
+        QCOMPARE(value.timeMs, now.wallMs - 100);
+        for (const char* event : {"read VB400x300", "+70", "ok", "+80", "ok"})
+            bench.happen(event);
+        QCOMPARE(bench.lastResult().value.ageMs, qint64(150));
+        QCOMPARE(bench.lastResult().value.timeMs, now.wallMs);
+        QCOMPARE(bench.lastResult().value.quality, Quality::Good);
     }
 };
 

@@ -53,25 +53,28 @@ public:
     {
         return *m_machine;
     }
+    const Result& lastResult() const
+    {
+        return m_result;
+    }
+    /// The day has begun with the clock that never jumps.
+    Moment moment() const
+    {
+        return {m_now, m_now / Ms};
+    }
     qint64 msToWake() const
     {
         return (m_wake - m_now) / Ms;
     }
 
 private:
-    /// The day has begun with the clock that never jumps.
-    Moment moment() const
-    {
-        return {m_now, m_now / Ms};
-    }
-
     void act(const QString& event)
     {
         if (event.isEmpty())
             return;
         const QString verb = event.section(' ', 0, 0).section('@', 0, 0);
         const QString rest = event.section(' ', 1);
-        const int station = event.contains('@') ? event.section('@', 1).toInt() : 2;
+        const int station = event.contains('@') ? event.section('@', 1).section(' ', 0, 0).toInt() : 2;
         if (verb == "start")
             m_machine->start(moment());
         else if (verb == "stop")
@@ -97,7 +100,7 @@ private:
         else if (verb.startsWith('+'))
             passTime(m_now + verb.mid(1).toInt() * Ms);
         else
-            m_machine->received(m_lastStation, reply(verb, fromHex(rest.toLatin1())), moment());
+            m_machine->received(event.contains('@') ? station : m_lastStation, reply(verb, fromHex(rest.toLatin1())), moment());
     }
 
     void actInSlot()
@@ -157,7 +160,8 @@ private:
             qFatal("%s", qPrintable(error));
         request->station = m_machine->stationOf(request->variable);
         request->done = [this](const Result& result) {
-            QString line = "done";
+            m_result = result;
+            QString line = result.value.quality == Quality::Stale ? "done, stale" : "done";
             for (quint32 element : result.value.elements)
                 line += QString(" %1").arg(element);
             if (!result)
@@ -191,7 +195,7 @@ private:
         if (shown(m_lastFrame) == "setup")
             return setupReply();
         const int area = wire::byteAt(m_lastFrame, wire::JobAreaOffset);
-        const int elementSize = area == 0x1F ? 5 : area == 0x06 ? 2 : 1;
+        const int elementSize = area == 0x1F ? 5 : area == 0x1E ? 3 : area == 0x06 ? 2 : 1;
         const int size = wire::wordAt(m_lastFrame, wire::JobItemLengthOffset) * elementSize;
         return write ? writeReply(reference)
                      : readReply(reference, bytes.leftJustified(size, '\0'));
@@ -212,8 +216,9 @@ private:
                                                 : area == 0x83 ? "M"
                                                 : area == 0x05 ? "SM"
                                                 : area == 0x06 ? "AI"
+                                                : area == 0x1E ? "C"
                                                                : "T")
-            .arg(area == 0x1F ? address : address / 8)
+            .arg(area == 0x1F || area == 0x1E ? address : address / 8)
             .arg(wire::wordAt(frame, wire::JobItemLengthOffset));
     }
 
@@ -261,11 +266,16 @@ private:
     {
         m_told << "cycle";
     }
+    void tellPdu(int station, int bytes) override
+    {
+        m_told << QString("pdu %1").arg(bytes) + suffix(station);
+    }
 
     const ControllerSettings m_settings;
     DriverCopy m_driver;
     std::unique_ptr<LinkMachine> m_machine;
     QStringList m_told;
+    Result m_result;
     QString m_then;
     Micros m_now = 1000 * Ms;
     Micros m_wake = 0;
