@@ -3,6 +3,7 @@
 #include "host/link_machine.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace s7200
 {
@@ -113,7 +114,9 @@ void LinkMachine::cycleProgress()
     if (m_apartLeft > 0)
         return;
     m_inCycle = false;
-    m_lastTrips = m_cycleTrips;
+    // After a quicker cycle than the last one values live shorter.
+    if (std::exchange(m_lastTrips, m_cycleTrips) > m_cycleTrips)
+        expireValues();
     bool anyAnswered = false;
     bool isWaitedFor = false; // it is too early to say that all was read
     for (auto& entry : m_stations) {
