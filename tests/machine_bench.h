@@ -74,7 +74,8 @@ private:
             return;
         const QString verb = event.section(' ', 0, 0).section('@', 0, 0);
         const QString rest = event.section(' ', 1);
-        const int station = event.contains('@') ? event.section('@', 1).section(' ', 0, 0).toInt() : 2;
+        const int station =
+            event.contains('@') ? event.section('@', 1).section(' ', 0, 0).toInt() : 2;
         if (verb == "start")
             m_machine->start(moment());
         else if (verb == "stop")
@@ -100,7 +101,8 @@ private:
         else if (verb.startsWith('+'))
             passTime(m_now + verb.mid(1).toInt() * Ms);
         else
-            m_machine->received(event.contains('@') ? station : m_lastStation, reply(verb, fromHex(rest.toLatin1())), moment());
+            m_machine->received(event.contains('@') ? station : m_lastStation,
+                                reply(verb, fromHex(rest.toLatin1())), moment());
     }
 
     void actInSlot()
