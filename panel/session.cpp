@@ -128,6 +128,11 @@ QString Session::recordName(int index, int station) const
 bool Session::start(QString* error)
 {
     for (int i = 0; i < count(); ++i) {
+        QObject::connect(&controller(i), &Controller::pduChanged, [this, i](int, int bytes) {
+            m_onNote(QStringLiteral("%1 grants a PDU of %2 bytes: requests are cut to fit")
+                         .arg(name(i))
+                         .arg(bytes));
+        });
         if (m_starts.at(i) && !controller(i).start(error))
             return false;
     }
@@ -137,6 +142,11 @@ bool Session::start(QString* error)
 void Session::setInterruptStatus(int status)
 {
     m_interruptStatus = status;
+}
+
+void Session::onNote(const std::function<void(const QString&)>& handler)
+{
+    m_onNote = handler;
 }
 
 void Session::onSignal(const std::function<bool(int)>& handler)

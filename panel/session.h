@@ -41,6 +41,9 @@ public:
     void setInterruptStatus(int status);
     /// Gets each signal (see Signals) before that; true: it is dealt with.
     void onSignal(const std::function<bool(int)>& handler);
+    /// Gets what is to be known of a controller and is no failure; without one it goes to standard
+    /// error.
+    void onNote(const std::function<void(const QString&)>& handler);
 
 private:
     Session();
@@ -56,6 +59,7 @@ private:
     bool m_simulated = false;
     int m_interruptStatus = ExitNoAnswer;
     std::function<bool(int)> m_onSignal;
+    std::function<void(const QString&)> m_onNote = complain;
     Signals m_signals;
     QTimer m_traceTimer;
 };

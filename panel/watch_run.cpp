@@ -98,6 +98,7 @@ bool WatchRun::openSession()
     }
     m_session->setInterruptStatus(m_conditions.isEmpty() ? ExitGood : ExitNotMet);
     m_session->onSignal([this](int number) { return takeSignal(number); });
+    m_session->onNote([this](const QString& text) { say(text); });
     m_targets.resize(m_session->count());
     for (int row = 0; row < int(m_rows.size()); ++row) {
         QVector<int>& rows = m_targets[m_rows.at(row).item.controller].rows;
