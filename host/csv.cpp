@@ -14,6 +14,8 @@ namespace s7200
 namespace
 {
 
+constexpr qint64 ReadSize = 64 << 10;
+
 /// Rows of fields, through the library's callbacks.
 class Parser
 {
@@ -114,16 +116,15 @@ QString plainName(const QString& name)
 QVector<int> columnsOf(const CsvRow& header, const QVector<CsvColumn>& columns, Faults* faults)
 {
     QStringList names;
-    for (const CsvColumn& column : columns)
+    QStringList plainNames;
+    for (const CsvColumn& column : columns) {
         names.append(QLatin1String(column.name));
+        plainNames.append(plainName(names.last()));
+    }
     const QString all = names.join(QStringLiteral(", "));
     QVector<int> indexes;
     for (const QString& field : header.fields) {
-        int index = -1;
-        for (int i = 0; i < int(columns.size()); ++i) {
-            if (plainName(names.at(i)) == plainName(field))
-                index = i;
-        }
+        const int index = int(plainNames.indexOf(plainName(field)));
         if (index < 0 && !field.isEmpty())
             faults->add(
                 header.line,
@@ -188,7 +189,11 @@ Faults::Faults(const QString& file) : m_file(file) {}
 
 void Faults::add(int line, const QString& text)
 {
-    m_faults.append({line, text});
+    ++m_count;
+    const auto before = [](int newer, const Fault& fault) { return newer < fault.line; };
+    m_faults.insert(std::upper_bound(m_faults.begin(), m_faults.end(), line, before), {line, text});
+    if (m_faults.size() > MostKept)
+        m_faults.removeLast();
 }
 
 void Faults::addFile(const QString& text)
@@ -198,20 +203,28 @@ void Faults::addFile(const QString& text)
 
 int Faults::count() const
 {
-    return int(m_faults.size());
+    return m_count;
 }
 
 bool Faults::report(QStringList* errors) const
 {
-    QVector<Fault> inOrder = m_faults;
-    std::stable_sort(inOrder.begin(), inOrder.end(),
-                     [](const Fault& a, const Fault& b) { return a.line < b.line; });
-    for (const Fault& fault : std::as_const(inOrder)) {
+    for (const Fault& fault : m_faults) {
         const QString place =
             fault.line == 0 ? m_file : QStringLiteral("%1 line %2").arg(m_file).arg(fault.line);
         errors->append(place + QStringLiteral(": ") + fault.text);
     }
-    return m_faults.isEmpty();
+    if (m_count > MostKept)
+        errors->append(QStringLiteral("%1: %2 more faults").arg(m_file).arg(m_count - MostKept));
+    return m_count == 0;
+}
+
+QStringList firstOf(QStringList texts)
+{
+    const int more = int(texts.size()) - Faults::MostKept;
+    if (more <= 0)
+        return texts;
+    texts.erase(texts.begin() + Faults::MostKept, texts.end());
+    return texts << QStringLiteral("and %1 more such").arg(more);
 }
 
 QVector<CsvRow> readCsv(const QByteArray& csv, const QVector<CsvColumn>& columns, Faults* faults)
@@ -246,12 +259,20 @@ QVector<CsvRow> readCsv(const QByteArray& csv, const QVector<CsvColumn>& columns
 std::optional<QByteArray> readWholeFile(const QString& file, QStringList* errors)
 {
     QFile input(file);
+    QString error;
     if (input.open(QIODevice::ReadOnly)) {
-        const QByteArray contents = input.readAll();
-        if (input.error() == QFileDevice::NoError)
+        QByteArray contents;
+        QByteArray more = input.read(ReadSize);
+        for (; !more.isEmpty() && contents.size() <= LargestFile; more = input.read(ReadSize))
+            contents += more;
+        if (input.error() == QFileDevice::NoError && contents.size() <= LargestFile)
             return contents;
+        if (contents.size() > LargestFile)
+            error = QStringLiteral("more than %1 MiB; a file of this kind is never so large")
+                        .arg(LargestFile >> 20);
     }
-    errors->append(QStringLiteral("%1: %2").arg(file, input.errorString()));
+    errors->append(
+        QStringLiteral("%1: %2").arg(file, error.isEmpty() ? input.errorString() : error));
     return std::nullopt;
 }
 

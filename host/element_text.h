@@ -42,6 +42,9 @@ struct NumberRange {
 /// What an element holds as a number in this format. Not for REALs.
 NumberRange rangeOf(Width width, Format format);
 
+/// True if 21.5 may be written to it.
+bool takesReal(const Variable& variable);
+
 /// The element's bits as a number: negative numbers only in the signed format. Not for REALs.
 qint64 numberOf(const Variable& variable, quint32 element);
 
@@ -84,9 +87,10 @@ std::optional<quint32> parseElement(const Variable& variable, const QString& lab
 QString cannotTake(const QString& label, const QString& text, const QString& wanted);
 
 /// The parts of VALUE[,VALUE...], one for each element. Empty with an `error` if their number is
-/// another, or the variable cannot be written; `label` and `assigned` (with xCOUNT) name it there.
+/// another, or the variable cannot be written; `label` names it there. `takesFractions`: a comma
+/// too many may have been meant as a decimal one.
 QStringList splitValues(const Variable& variable, const QString& label, const QString& text,
-                        QString* error);
+                        bool takesFractions, QString* error);
 
 /// The format that shows values as they were written, for a variable without one.
 Format formatOfTexts(const Variable& variable, const QStringList& texts);

@@ -37,7 +37,7 @@ bool isHost(const QString& text)
 {
     if (text.contains(QLatin1Char(':')))
         return QHostAddress(text).protocol() == QAbstractSocket::IPv6Protocol;
-    return !text.isEmpty() && !hasHidden(text) &&
+    return !text.isEmpty() && !text.startsWith(QLatin1Char('-')) && !hasHidden(text) &&
            !hasAnyOf(text, QLatin1String(" =[]/*?<>!,;@\"'"));
 }
 

@@ -1,9 +1,12 @@
 #include <s7200host/tag.h>
 
+#include "host/controller_tags.h"
 #include "host/element_text.h"
 
 #include <QHash>
+#include <QSet>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -137,6 +140,32 @@ std::optional<quint32> parseScaledNumber(const Tag& tag, const QString& text, QS
     return std::nullopt;
 }
 
+QString plainLabel(const Tag& tag)
+{
+    return tag.name.isEmpty() ? tag.variable.label() : tag.name;
+}
+
+/// The controller that a tag says, by name or by station; empty: none.
+QString placeOf(const Tag& tag)
+{
+    return tag.variable.station >= 0 ? QString::number(tag.variable.station) : tag.controller;
+}
+
+/// Without controllers; those of one variable in two formats carry the format.
+QStringList plainLabels(const QVector<Tag>& tags)
+{
+    QHash<QString, QSet<QString>> known; // by controller and label without a format
+    const auto keyOf = [](const Tag& tag) {
+        return placeOf(tag) + QLatin1Char(':') + plainLabel(tag);
+    };
+    for (const Tag& tag : tags)
+        known[keyOf(tag)].insert(tag.label());
+    QStringList labels;
+    for (const Tag& tag : tags)
+        labels.append(known.value(keyOf(tag)).size() > 1 ? tag.label() : plainLabel(tag));
+    return labels;
+}
+
 std::optional<quint32> parseTagElement(const Tag& tag, const QString& text, QString* error)
 {
     const bool asItStands = tag.scaling.isIdentity() && (tag.decimals < 0 || isReal(tag));
@@ -220,7 +249,8 @@ bool Tag::parseValues(const QString& text, QVector<quint32>* elements, QString* 
 {
     elements->clear();
     error->clear();
-    for (const QString& part : splitValues(variable, label(), text, error)) {
+    const bool takesFractions = takesReal(variable) || scaling.apply(qint64(0)).places > 0;
+    for (const QString& part : splitValues(variable, label(), text, takesFractions, error)) {
         const std::optional<quint32> element = parseTagElement(*this, part, error);
         if (!element)
             return false;
@@ -231,33 +261,20 @@ bool Tag::parseValues(const QString& text, QVector<quint32>* elements, QString* 
 
 QStringList labelsOf(const QVector<Tag>& tags)
 {
-    const auto plain = [](const Tag& tag) {
-        return tag.name.isEmpty() ? tag.variable.label() : tag.name;
-    };
-    // press1:VW2 and VW2@2 are different ones, too.
-    const auto withoutStation = [](const QString& label) {
-        return label.section(QLatin1Char('@'), 0, 0);
-    };
-    // By controller and label without a format, then by label alone.
-    QHash<QString, QStringList> texts;
-    for (const Tag& tag : tags) {
-        QStringList& known = texts[tag.controller + QLatin1Char(':') + plain(tag)];
-        if (!known.contains(tag.label()))
-            known.append(tag.label());
-    }
-    QStringList labels;
-    QHash<QString, QStringList> controllers;
-    for (const Tag& tag : tags) {
-        const bool twice = texts.value(tag.controller + QLatin1Char(':') + plain(tag)).size() > 1;
-        labels.append(twice ? tag.label() : plain(tag));
-        QStringList& known = controllers[withoutStation(labels.last())];
-        if (!known.contains(tag.controller))
-            known.append(tag.controller);
-    }
-    for (int i = 0; i < int(labels.size()); ++i) {
-        if (controllers.value(withoutStation(labels.at(i))).size() > 1 &&
-            !tags.at(i).controller.isEmpty())
-            labels[i].prepend(tags.at(i).controller + QLatin1Char(':'));
+    return std::all_of(tags.begin(), tags.end(),
+                       [&](const Tag& tag) { return placeOf(tag) == placeOf(tags.first()); })
+               ? plainLabels(tags)
+               : labelsWithControllers(tags);
+}
+
+QStringList labelsWithControllers(const QVector<Tag>& tags)
+{
+    QStringList labels = plainLabels(tags);
+    for (int i = 0; i < int(tags.size()); ++i) {
+        const QString place = placeOf(tags.at(i));
+        const bool isSaid = tags.at(i).name.isEmpty() && tags.at(i).variable.station >= 0; // VW2@2
+        if (!place.isEmpty() && !isSaid)
+            labels[i].prepend(place + QLatin1Char(':'));
     }
     return labels;
 }

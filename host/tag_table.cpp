@@ -2,34 +2,13 @@
 
 #include "host/csv.h"
 #include "host/element_text.h"
+#include "host/name_pattern.h"
 #include "host/tag_rows.h"
-
-#include <QRegularExpression>
 
 #include <algorithm>
 
 namespace s7200
 {
-
-namespace
-{
-
-bool isPattern(const QString& name)
-{
-    return name.contains(QLatin1Char('*')) || name.contains(QLatin1Char('?'));
-}
-
-/// A pattern with * and ? for whole names.
-QRegularExpression globOf(const QString& pattern)
-{
-    QString expression = QRegularExpression::escape(pattern);
-    expression.replace(QStringLiteral("\\*"), QStringLiteral(".*"));
-    expression.replace(QStringLiteral("\\?"), QStringLiteral("."));
-    return QRegularExpression(QRegularExpression::anchoredPattern(expression),
-                              QRegularExpression::CaseInsensitiveOption);
-}
-
-} // namespace
 
 std::optional<TagTable> TagTable::load(const QString& file, const QStringList* controllers,
                                        QStringList* errors)
@@ -78,7 +57,7 @@ QVector<Tag> TagTable::named(const QString& name, const QString* controller) con
         take(m_tags.at(index));
     if (!found.isEmpty() || !isPattern(name))
         return found;
-    const QRegularExpression glob = globOf(name);
+    const QRegularExpression glob = expressionOf(name);
     for (const Tag& tag : m_tags) {
         if (glob.match(tag.name).hasMatch())
             take(tag);

@@ -322,8 +322,8 @@ bool parseAssignment(const QString& text, Variable* variable, QVector<quint32>* 
     }
     if (!parseVariable(text.left(equals).trimmed(), variable, error))
         return false;
-    const QStringList parts =
-        splitValues(*variable, variable->label(), text.mid(equals + 1), error);
+    const QStringList parts = splitValues(*variable, variable->label(), text.mid(equals + 1),
+                                          takesReal(*variable), error);
     variable->format = formatOfTexts(*variable, parts);
     for (const QString& part : parts) {
         const std::optional<quint32> element =

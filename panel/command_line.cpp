@@ -14,7 +14,8 @@ namespace
 
 constexpr int HighestStation = 255;
 constexpr int LongestMs = 24 * 60 * 60 * 1000; // three times that is still an int
-constexpr int LargestBlock = 222;              // what a reply of 240 bytes has room for
+constexpr qint64 MostSeconds = qint64(10) * 366 * 24 * 60 * 60;
+constexpr int LargestBlock = 222; // what a reply of 240 bytes has room for
 
 const char* const ExitStatuses =
     "Exit status: 0 good, 1 differences found (diff, replay), 2 wrong usage, 3 no\n"
@@ -90,6 +91,36 @@ QString helpText(const Command& command, const QCommandLineParser& parser)
              QLatin1String(ExitStatuses));
 }
 
+/// The name of an option as it is given: "--verify", "-verify", "--format=csv"; empty: it is none.
+QString optionName(const QString& argument)
+{
+    const int dashes = argument.startsWith(QLatin1String("--")) ? 2 : 1;
+    return argument.startsWith(QLatin1Char('-'))
+               ? argument.mid(dashes).section(QLatin1Char('='), 0, 0)
+               : QString();
+}
+
+/// What is wrong if an option without its value takes the next one for it, as it does where a
+/// shell's variable is empty: --controller $HOST --verify.
+QString swallowedOption(const QList<QCommandLineOption>& options, const QStringList& arguments)
+{
+    QHash<QString, bool> takesValue; // by name
+    for (const QCommandLineOption& option : options) {
+        for (const QString& name : option.names())
+            takesValue.insert(name, !option.valueName().isEmpty());
+    }
+    for (int i = 1; i + 1 < int(arguments.size()) && arguments.at(i) != QLatin1String("--"); ++i) {
+        const QString name = optionName(arguments.at(i));
+        if (!takesValue.value(name) || arguments.at(i).contains(QLatin1Char('=')))
+            continue;
+        const QString value = arguments.at(++i);
+        if (takesValue.contains(optionName(value)))
+            return QStringLiteral("--%1 needs a value, and the option %2 follows it")
+                .arg(name, quoted(value));
+    }
+    return QString();
+}
+
 /// The station that a controller's name says, -1 if it is no number of one.
 int stationNamed(const QString& name)
 {
@@ -128,8 +159,8 @@ bool CommandLine::parse(const Command& command, const QStringList& arguments, QS
     error->clear();
     m_takes = command.takes;
     m_parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
-    m_parser.addOptions(command.options);
-    m_parser.addOptions(commonOptions(command.takes));
+    const QList<QCommandLineOption> options = command.options + commonOptions(command.takes);
+    m_parser.addOptions(options);
     const bool parsed = m_parser.parse(arguments);
     if (m_parser.isSet(QStringLiteral("help"))) {
         *help = helpText(command, m_parser);
@@ -139,6 +170,9 @@ bool CommandLine::parse(const Command& command, const QStringList& arguments, QS
         *error = m_parser.errorText().simplified() + QStringLiteral(" --help lists the options.");
         return false;
     }
+    *error = swallowedOption(options, arguments);
+    if (!error->isEmpty())
+        return false;
     if ((m_takes & TakesInterval) != 0 &&
         !number("interval", 0, LongestMs, &m_defaults.intervalMs, error))
         return false;
@@ -183,20 +217,20 @@ bool CommandLine::number(const char* option, int lowest, int highest, int* value
     return false;
 }
 
-bool CommandLine::seconds(const char* option, int* milliseconds, QString* error) const
+bool CommandLine::seconds(const char* option, qint64* milliseconds, QString* error) const
 {
     const QString name = QLatin1String(option);
     if (!m_parser.isSet(name))
         return true;
     bool ok = false;
     const double given = m_parser.value(name).toDouble(&ok);
-    if (ok && given >= 0.001 && given <= LongestMs / 1000) {
-        *milliseconds = int(given * 1000);
+    if (ok && given >= 0.001 && given <= double(MostSeconds)) {
+        *milliseconds = qint64(given * 1000);
         return true;
     }
     *error = QStringLiteral("--%1 takes seconds, 0.001 to %2, not %3")
                  .arg(name)
-                 .arg(LongestMs / 1000)
+                 .arg(MostSeconds)
                  .arg(quoted(m_parser.value(name)));
     return false;
 }
@@ -303,25 +337,6 @@ bool CommandLine::joinStations(QString* error)
         joined.defaultStation = joined.stations.firstKey();
     m_controllers = {joined};
     return true;
-}
-
-bool CommandLine::readTags(QString* error)
-{
-    if ((m_takes & TakesTags) == 0 || !m_parser.isSet(QStringLiteral("tags")))
-        return true;
-    const QString file = m_parser.value(QStringLiteral("tags"));
-    // A file of controllers lists all that there are; an option may name just the one of interest.
-    QStringList names;
-    for (const ControllerSettings& settings : std::as_const(m_controllers))
-        names.append(settings.name);
-    const bool complete = (m_takes & TakesControllers) != 0 &&
-                          m_parser.isSet(QStringLiteral("controllers")) && !oneDriver();
-    QStringList errors;
-    const auto loaded = TagTable::load(file, complete ? &names : nullptr, &errors);
-    *error = errors.join(QLatin1Char('\n'));
-    if (loaded)
-        m_tags = *loaded;
-    return loaded.has_value();
 }
 
 const QVector<ControllerSettings>& CommandLine::controllers() const

@@ -45,7 +45,7 @@ struct Command {
 struct Item {
     int controller = 0; ///< Index in CommandLine::controllers().
     Tag tag; ///< One without a name if an address was given. Its station is -1 unless oneDriver().
-    QString label; ///< For people and records.
+    QString label; ///< For people: with several controllers, "press1:VW100".
 };
 
 /// A command's arguments, read, and the files of tags and controllers that they name.
@@ -63,7 +63,7 @@ public:
     /// A whole number; `value` is left alone if the option is not given.
     bool number(const char* option, int lowest, int highest, int* value, QString* error) const;
     /// Seconds, with a fraction; `milliseconds` is left alone if the option is not given.
-    bool seconds(const char* option, int* milliseconds, QString* error) const;
+    bool seconds(const char* option, qint64* milliseconds, QString* error) const;
 
     /// One for each controller, its trace not yet set. While simulated(), there is one for each
     /// that the resolved items name, without an endpoint.
@@ -75,20 +75,25 @@ public:
     bool force() const;        ///< Existing files may be overwritten.
 
     /// What operands name: tags by name or pattern, variables by address, each also behind
-    /// CONTROLLER and a colon. Appends to `items`. False with an `error` of a line for each that
-    /// names nothing.
+    /// CONTROLLER, which may be a pattern, and a colon. A tag of no controller is one of each that
+    /// has none of its name. Appends to `items`. False with an `error` of a line for each that
+    /// names nothing; of many the first ones, and a count.
     bool resolve(const QStringList& texts, QVector<Item>* items, QString* error);
 
     /// All tags of --tags, in the file's order.
     bool resolveAllTags(QVector<Item>* items, QString* error);
 
-    /// Tags from elsewhere. False with an `error` of a line for each that is on no controller.
-    bool resolveTags(const QVector<Tag>& tags, QVector<Item>* items, QString* error);
+    /// Tags from elsewhere, each on one controller. False with an `error` of a line for each that
+    /// is on none; of many the first ones, and a count.
+    bool resolveTags(QVector<Tag> tags, QVector<Item>* items, QString* error);
 
     /// "VW100=7" or "press1.speed=21.5": an item and its elements' bits. False with a one-line
     /// `error`, also for what cannot be written.
     bool resolveAssignment(const QString& text, Item* item, QVector<quint32>* values,
                            QString* error);
+
+    /// Labels of resolved items that are shown together.
+    QStringList labelsOf(const QVector<Item>& items) const;
 
     /// True if an item was resolved that is on it: no other needs to be connected.
     bool isNamed(int controller) const;
@@ -105,6 +110,9 @@ private:
     bool place(const Tag& tag, Item* item, QString* error);
     bool indexControllers(QString* error);
     int controllerOf(const Tag& tag, QString* error);
+    QStringList controllerNames() const;
+    QString controllerNameOf(const Item& item) const;
+    bool severalControllers() const;
     bool placeAtStation(const Tag& tag, int* station, QString* error) const;
 
     QCommandLineParser m_parser;
@@ -112,6 +120,7 @@ private:
     QVector<ControllerSettings> m_controllers;
     QHash<QString, int> m_byName; ///< Indexes in m_controllers, by name in lower case.
     QSet<int> m_named;            ///< Of m_controllers, by index.
+    QStringList m_simulatedNames; ///< Those that the tags name, while none is given.
     ControllerSettings m_defaults;
     TagTable m_tags;
 };

@@ -52,7 +52,7 @@ struct Fields {
     }
     QString name() const
     {
-        return item.tag.name.isEmpty() ? item.label : item.tag.name;
+        return item.tag.name.isEmpty() ? item.label.section(QLatin1Char(':'), -1) : item.tag.name;
     }
 };
 

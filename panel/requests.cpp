@@ -194,6 +194,7 @@ QVector<Written> writeJobs(const Session& session, const QVector<Job>& jobs, boo
         for (int i = 0; i < int(jobs.size()); ++i) {
             batch.write(jobs.at(i).item.controller, jobs.at(i), [&, i](const Result& result) {
                 all[i].result = result;
+                all[i].acknowledged = bool(result);
                 batch.finishOne();
             });
         }

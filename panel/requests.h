@@ -19,6 +19,7 @@ struct Job {
 struct Written {
     Result result;             ///< With `verify` Cause::Invalid for a value that reads back other.
     QVector<quint32> readBack; ///< If that was asked for and done.
+    bool acknowledged = false; ///< All of it, whatever the reading back has shown.
 };
 
 /// Reads all items, any number of controllers at once; one result for each, in order. Goes on

@@ -195,10 +195,10 @@ public:
         else
             complain(QStringLiteral("nothing written, since not all could be read"));
         for (int i = 0; i < int(m_jobs.size()); ++i) {
-            const Result result = allRead ? m_states.at(i).result : now.at(i);
-            report.add(m_jobs.at(i).item, result);
-            print(m_jobs.at(i).item.label + QStringLiteral(": ") +
-                  (result ? m_states.at(i).text : failureText(result)));
+            if (!allRead && !now.at(i))
+                m_states[i] = {now.at(i), unreadText(now.at(i))};
+            report.add(m_jobs.at(i).item, m_states.at(i).result);
+            print(m_jobs.at(i).item.label + QStringLiteral(": ") + m_states.at(i).text);
         }
         return report.finish();
     }
@@ -228,6 +228,10 @@ private:
             const Tag& tag = changes.at(k).item.tag;
             State& state = m_states[indexes.at(k)];
             state.result = results.at(k).result;
+            if (!state.result) {
+                state.text = unwrittenText(results.at(k));
+                continue;
+            }
             state.text = (m_verify ? QStringLiteral("verified, %1 instead of %2")
                                    : QStringLiteral("written, %1 instead of %2"))
                              .arg(valueText(tag, changes.at(k).elements),
@@ -235,10 +239,22 @@ private:
         }
     }
 
-    static QString failureText(const Result& result)
+    static QString unreadText(const Result& result)
     {
         if (result.cause == Cause::Refused)
-            return QStringLiteral("refused, ") + result.detail;
+            return QStringLiteral("refused when read, %1; not written").arg(result.detail);
+        return result.cause == Cause::Invalid ? result.detail : QStringLiteral("not reached");
+    }
+
+    /// What has become of it, which the detail says where it is not plain.
+    static QString unwrittenText(const Written& written)
+    {
+        const Result& result = written.result;
+        if (result.cause == Cause::Refused && !written.acknowledged)
+            return QStringLiteral("refused, ") + result.detail +
+                   (result.detail.contains(QLatin1String("was written"))
+                        ? QString()
+                        : QStringLiteral("; not written"));
         const bool isTold = result.wasSent || result.cause == Cause::Invalid;
         return isTold ? result.detail : QStringLiteral("not reached");
     }

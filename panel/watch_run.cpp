@@ -143,14 +143,25 @@ void WatchRun::startTimers()
 {
     QObject::connect(&m_overdue, &QTimer::timeout, [this] { overdue(); });
     QObject::connect(&m_tick, &QTimer::timeout, [this] { tick(); });
-    QObject::connect(&m_lifetime, &QTimer::timeout, [this] { end(statusAtEnd()); });
+    QObject::connect(&m_lifetime, &QTimer::timeout, [this] { endInTime(); });
     // The slowest controller makes the round.
     const auto interval = std::minmax_element(m_intervals.begin(), m_intervals.end());
     m_overdue.start(qMax(2 * *interval.second, MsPerSecond));
     m_tick.start(m_wantsScreen ? TickMs : qBound(FastestTickMs, *interval.first, MsPerSecond));
     m_lifetime.setTimerType(Qt::PreciseTimer); // others may come up to 5 % early
     if (m_options.durationMs > 0)
-        m_lifetime.start(m_options.durationMs);
+        endInTime();
+}
+
+/// A timer takes days, not months.
+void WatchRun::endInTime()
+{
+    constexpr qint64 Longest = 1000000000;
+    const qint64 left = m_options.durationMs - m_sinceStart.elapsed();
+    if (left <= 0)
+        end(statusAtEnd());
+    else
+        m_lifetime.start(int(qMin(left, Longest)));
 }
 
 // What the controllers tell

@@ -17,9 +17,9 @@ namespace s7200::panel
 
 /// The own options of `watch`.
 struct WatchOptions {
-    int count = 0;      ///< Rounds; 0: no limit.
-    int durationMs = 0; ///< 0: no limit.
-    int heartbeatMs = 0;
+    int count = 0;         ///< Rounds; 0: no limit.
+    qint64 durationMs = 0; ///< 0: no limit.
+    qint64 heartbeatMs = 0;
     bool changes = false;
     bool waits = false;  ///< Also for controllers that are off at the start.
     bool writes = false; ///< Takes standard input even if it is no terminal.
@@ -61,6 +61,7 @@ private:
     void overdue();
     void tick();
     void lookAtConditions();
+    void endInTime();
 
     void takeInput(const QByteArray& bytes);
     void takeLine(const QString& line);

@@ -10,20 +10,20 @@ namespace
 bool resolveJobs(CommandLine& line, QVector<Job>* jobs, QString* errors)
 {
     QStringList faults;
-    QVector<Tag> tags;
+    QVector<Item> items;
     for (const QString& text : line.operands()) {
         Job job;
         QString error;
         if (!line.resolveAssignment(text, &job.item, &job.elements, &error))
             faults.append(error);
         jobs->append(job);
-        tags.append(job.item.tag);
+        items.append(job.item);
     }
     if (jobs->isEmpty())
         faults.append(QStringLiteral("name at least one variable and its value, as in VW100=7"));
     *errors = faults.join(QLatin1Char('\n'));
     // Labels among all of them; a tag that was not found has no variable to name.
-    const QStringList labels = faults.isEmpty() ? labelsOf(tags) : QStringList();
+    const QStringList labels = faults.isEmpty() ? line.labelsOf(items) : QStringList();
     for (int i = 0; i < int(labels.size()); ++i)
         (*jobs)[i].item.label = labels.at(i);
     return faults.isEmpty();

@@ -1,7 +1,7 @@
-// Tags: files of them as spreadsheets write them, names, exact scaling, and sets of values.
+// Tags: names, exact scaling, what is shown and taken, and sets of values.
 
+#include "host/controller_tags.h"
 #include "tests/text_table.h"
-#include <s7200host/controller_file.h>
 #include <s7200host/tag.h>
 #include <s7200host/value_file.h>
 
@@ -32,17 +32,6 @@ QVector<quint32> elementsOf(const QString& hex)
     for (const QString& element : hex.split(' '))
         elements.append(element.toUInt(nullptr, 16));
     return elements;
-}
-
-/// The faults of a tag file, without its name, one to a line.
-QString tagFaults(const QByteArray& csv)
-{
-    QStringList errors;
-    const QStringList controllers = {"press1"};
-    const auto table = TagTable::parse(csv, "tags", &controllers, &errors);
-    if (table.has_value() != errors.isEmpty())
-        return "a table and faults, or neither";
-    return errors.join('\n').remove("tags line ");
 }
 
 /// A decimal text made without the code under test: `number` in units of 10^-places.
@@ -146,7 +135,9 @@ private slots:
             VW0,s,,-0.1 ; -1e-11 -> -0.1 and 0.0 | VW0,s,,0.1 ; -12.30000000000000000001 -> -12.4 and -12.3
             VW0,s,,0.1 ;  -> takes                  | VW0,,,,,2 ; 7.5 -> 7 and 8
             VD0,f,,2 ; 33554434 -> 33554432 and 33554436 | VD0,f,,2 ; 1e39 -> finite
-            VW0,u,,0.1 ; 1;2 -> cannot take         | VW0x2,u,,0.1 ; 1 -> 2 values)";
+            VW0,u,,0.1 ; 1;2 -> cannot take         | VW0x2,u,,0.1 ; 1 -> 2 values
+            VW0,u,,0.1 ; 21,5 -> a decimal number takes a point: 21.5 | VW0,u,,1,0.5 ; 1,5 -> point: 1.5
+            VW0,u,,2 ; 1,5 -> not 2; that many      | VW0x2,u,,0.1 ; 1,5,2 -> not 3 (decimal numbers)";
         check(
             table,
             [](const QString& given) {
@@ -175,96 +166,6 @@ private slots:
                        ? "yes"
                        : "no";
         });
-    }
-
-    // Files that say the same thing in different spelling.
-    void spellings()
-    {
-        const QByteArray files[] = {"name,address,unit,comment,scale\r\na.b,VW10/s,\xC2\xB0"
-                                    "C,\"one; \"\"two\"\"\nthree\",0.1\r\n",
-                                    "\xEF\xBB\xBFsep=;\r\n\"Name\";ADDRESS;Dead "
-                                    "Band;Unit;Scale;comment;;\n\na.b;vw10/signed;;\xC2\xB0"
-                                    "C;0,1;\"one; \"\"two\"\"\nthree\";;\n;;;;\n",
-                                    "sep=\t\ncomment\tscale\tunit\taddress\tformat\tname\n\"one; "
-                                    "\"\"two\"\"\nthree\"\t1e-1\t\xC2\xB0"
-                                    "C\tVW10\tS\ta.b"};
-        for (const QByteArray& file : files) {
-            QStringList errors;
-            const auto table = TagTable::parse(file, "f", nullptr, &errors);
-            QVERIFY2(table && table->tags().size() == 1, qPrintable(errors.join('\n')));
-            const Tag tag = table->tags().first();
-            QCOMPARE(QStringList({tag.name, tag.address(), tag.unit, tag.comment, tag.text(15)}),
-                     QStringList({"a.b", "VW10/signed",
-                                  QString::fromUtf8("\xC2\xB0"
-                                                    "C"),
-                                  "one; \"two\"\nthree", "1.5"}));
-        }
-    }
-
-    // Every bad line of a file is named at once, each with its number and what is wrong.
-    void faults()
-    {
-        const QByteArray csv = Header + "a,press1,VW0\n"
-                                        "b,press9,VX3,octal\n" // 3
-                                        "A,PRESS1,VW2\n"
-                                        ",,VW4\n"
-                                        "c=d,,\n" // 6
-                                        "\n"
-                                        "e,,VW0,s,,0,x,12\n"
-                                        "f,,VW0,h,,0.1\n" // 9
-                                        "g,,M0.0,,,,,1\n"
-                                        "h,,VW0,,,,,-1,-1,5,4\n"
-                                        "i,,VW0,,,1.5,0.123456789\n" // 12
-                                        "j,,VW0,,,,,,,,\"1,000\",,much\n"
-                                        "k,,VW0,,,,,,,,,\"two\nlines\"x\n"
-                                        "l,,VW0,,\xFF\n" // 16
-                                        "m,,VW0,,,,,,,,,\"open\n";
-        const char* const wanted = R"(3: no controller is called 'press9'
-3: 'VX3/octal': no such variable
-4: 'A' is already that of line 2
-5: the name is missing
-6: 'c=d' cannot be a name
-6: the address is missing
-8: offset is a number
-8: the scale cannot be 0
-8: decimals is 0 to 9, not '12'
-9: scale, offset and decimals go with the formats unsigned, signed and float, not with hex
-10: a bit takes no scale
-11: decimals is 0 to 9, not '-1'
-11: a dead band is 0 or more, not -1
-11: the low limit 5 is above the high limit 4
-12: scale and offset have more digits
-13: 'much' stands in no column
-13: '1,000' may be 1000 or 1.000
-14: the quotes do not match
-16: '\ufffd' is not UTF-8
-17: the quotes do not match)";
-        const QStringList got = tagFaults(csv).split('\n');
-        const QStringList texts = QString(wanted).replace("\\ufffd", QChar(0xFFFD)).split('\n');
-        for (int i = 0; i < int(qMax(got.size(), texts.size())); ++i)
-            QVERIFY2(i < got.size() && i < texts.size() && got.at(i).startsWith(texts.at(i)),
-                     qPrintable(got.value(i) + " / " + texts.value(i)));
-    }
-
-    void headerFaults()
-    {
-        const char* const table = R"(
-            name,adress -> 1: unknown column 'adress'; the columns are name, controller, address
-            name,address -> tags: there is no tag in it
-            name -> 1: column address is missing | name,address,Name -> 1: column name is there twice
-             -> tags: the header line is missing)";
-        check(
-            table,
-            [](const QString& given) { return tagFaults(given.toUtf8()).section('\n', 0, 0); },
-            Match::Message);
-        QVERIFY(!tagFaults("name\nx,y").contains('\n')); // of the header alone
-        QStringList errors;
-        const QStringList known = {"press1"};
-        const auto tags =
-            TagTable::parse("name,address,controller\na,VW0,PRESS1\n", "f", &known, &errors);
-        QVERIFY(tags && tags->tags().first().controller == "press1");
-        QVERIFY(!TagTable::load("/nowhere/tags.csv", nullptr, &errors));
-        QVERIFY(errors.value(0).startsWith("/nowhere/tags.csv: "));
     }
 
     // What stands where a variable may, among these tags: CONTROLLER:LABEL=ADDRESS of what is
@@ -321,31 +222,45 @@ private slots:
         QCOMPARE(labelsOf(twice), QStringList({"VW0", "VW0/hex"}));
     }
 
-    void controllers()
+    // A tag of no controller is one of each that has none of its name, and every label says whose
+    // it is. What is meant, by its labels, among the controllers named before it.
+    void tagsOfSeveral()
     {
-        ControllerSettings defaults;
-        defaults.timeoutMs = 700;
-        QStringList errors;
-        const auto good = parseControllers("name;host;port;Local TSAP;remote_tsap;retries\n"
-                                           "p1;10.0.0.5;;4d.57;0200;0\np2;plc;1102;;;\n",
-                                           "c", defaults, &errors);
-        QVERIFY2(good && good->size() == 2, qPrintable(errors.join('\n')));
-        const ControllerSettings& p1 = good->first();
-        QVERIFY(p1.name == "p1" && p1.endpoint.host == "10.0.0.5" && p1.endpoint.port == 102 &&
-                p1.localTsap == 0x4D57 && p1.remoteTsap == 0x0200 && p1.retries == 0);
-        QVERIFY(p1.timeoutMs == 700 && good->last().endpoint.port == 1102 &&
-                good->last().remoteTsap == defaults.remoteTsap);
-        QVERIFY(!parseControllers("name,host,port,local_tsap,remote_tsap,timeout,retries,interval\n"
-                                  "p1,a b,0,10,1.00,0,1001,-1\nP1,\n,h\n1:2,h:1",
-                                  "c", defaults, &errors));
-        const QString all = errors.join('\n');
-        for (const char* text : {"2: 'a b' is no host", "2: port is a whole number from 1 to 65535",
-                                 "2: local_tsap is two hexadecimal bytes", "2: remote_tsap",
-                                 "2: timeout", "2: retries", "2: interval", "3: the host",
-                                 "3: 'P1' is already the name of line 2", "4: the name is missing",
-                                 "5: '1:2' cannot be a controller's name", "5: 'h:1' is no host"})
-            QVERIFY2(all.contains(QString("c line ") + text), text);
-        QCOMPARE(int(errors.size()), 12);
+        const TagTable table =
+            TagTable::parse("name,controller,address\nspeed,,VW0\npos,P2,VW2\nSpeed,p2,VW4\n"
+                            "far@,,VW6@7\n",
+                            "f", nullptr, nullptr)
+                .value();
+        const auto meant = [&](const QString& given) {
+            QString error;
+            const QStringList names = given.section(' ', 0, 0).split(',', Qt::SkipEmptyParts);
+            const QVector<Tag> tags = lookup(table, given.section(' ', 1), names, &error);
+            QStringList texts = labelsWithControllers(tags);
+            for (int i = 0; i < int(texts.size()); ++i)
+                texts[i] += '=' + tags.at(i).variable.label();
+            return texts.join(' ') + error;
+        };
+        QCOMPARE(meant("p1,p2,p3 speed"), QString("p1:speed=VW0 p3:speed=VW0 p2:Speed=VW4"));
+        QCOMPARE(meant("p1,p2 *"), QString("p1:speed=VW0 P2:pos=VW2 p2:Speed=VW4 7:far@=VW6@7"));
+        QCOMPARE(meant("p1,p2 *:s*"), QString("p1:speed=VW0 p2:Speed=VW4"));
+        QCOMPARE(meant("p1,p2 P?:pos"), QString("P2:pos=VW2"));
+        QCOMPARE(meant("p1,p2 *1 : VW8/h"), QString("p1:VW8=VW8"));
+        QCOMPARE(meant("p1,p2 VW8"), QString("VW8=VW8"));
+        QCOMPARE(meant("p1,p2 x*:speed"), QString("no controller is named like 'x*'"));
+        QVERIFY(meant("p1,p2 *:XW0").startsWith("'p2:XW0' is no tag"));
+        QCOMPARE(meant("p1 speed"), QString("speed=VW0 p2:Speed=VW4")); // as it stands
+        QCOMPARE(meant("p2 speed"), QString("p2:Speed=VW4"));
+        QCOMPARE(meant(" speed"), QString("speed=VW0 p2:Speed=VW4"));
+        const auto labels = [](const QStringList& texts) {
+            QVector<Tag> tags;
+            for (const QString& text : texts)
+                tags += TagTable().lookup(text, nullptr);
+            return labelsOf(tags).join(' ');
+        };
+        QCOMPARE(labels({"p1:VW0", "p1:VW2/h"}), QString("VW0 VW2"));
+        QCOMPARE(labels({"p1:VW0", "p1:VW0/h", "p2:VW2"}), QString("p1:VW0 p1:VW0/hex p2:VW2"));
+        QCOMPARE(labels({"p1:VW0", "VW0@2", "VW2"}), QString("p1:VW0 VW0@2 VW2"));
+        QCOMPARE(labels({"2:VW0", "VW0@2"}), QString("VW0 VW0@2"));
     }
 
     // A set of values is read back with the bits that were saved, and with what shows them.

@@ -221,12 +221,17 @@ private slots:
             VW0;    -> NAME     | M0.0/hex -> no format | VW0/octal -> hex   | VW0/f -> double words
             VW100.3 -> write VW100 | VW0x2147483647 -> VW10238 | VW99999999999 -> VW10238
             VW0=        -> -32768 to 65535 | VW0=65536  -> -32768 to 65535
-            VW0=-32769  -> -32768 to 65535 | VW0=0x10000 -> -32768 to 65535
-            VW0=0x-1    -> -32768 to 65535 | VW0=1.5    -> -32768 to 65535
+            VW0=-32769  -> -32768 to 65535 | VW0=0x10000 -> it takes 0x0 to 0xFFFF
+            VW0=0x-1    -> it takes 0x0 to 0xFFFF | VW0=1.5    -> -32768 to 65535
+            VB0=0b111111111 -> it takes 0b0 to 0b11111111 | TV5=0x8000 -> it takes 0x0 to 0x7FFF
+            VW0=fF      -> begins with 0x | VD0=1FE0h -> begins with 0x | VW0=1e3 -> '1e3'; it takes -32768 to 65535
             VB0=256     -> -128 to 255     | VD0=4294967296 -> REAL | M0.0=2 -> true
             VD0/f=1e39  -> finite   | VD0/f=inf -> finite | VD0/f=nan -> finite
             VD0/f=16777217 -> 16777216 and 16777218 | VD0=16777217.0 -> 16777216 and 16777218
-            VD0/f=1e-50 -> 0 and 1.4013e-45 | VD0/f=0x1FFFFFFFF -> 4294967295
+            VD0/f=1e-50 -> 0 and 1.4013e-45 | VD0/f=0x1FFFFFFFF -> it takes 0x0 to 0xFFFFFFFF
+            VD4=-21,5   -> point: -21.5); that many in a row are VD4x2 | VD4/f=1,5e3 -> a point: 1.5e3
+            VD4/u=21,5  -> one value, not 2; that | VW0=1,5 -> one value, not 2; that | VD4=1,x -> not 2; that
+            VD4=1,2,3   -> not 3; that many in a row are VD4x3 | VD4x2=1,5,2,5 -> not 4 (decimal numbers
             VW100/s=40000 -> -32768 to 32767; VW100/unsigned takes 0 to 65535
             VW0/u=-1 -> 0 to 65535; VW0/signed takes -32768 to 32767 | VW0/s=70000 -> -32768 to 32767
             VB0/s=128 -> -128 to 127 | VD0/s=2147483648 -> to 2147483647; VD0/unsigned takes

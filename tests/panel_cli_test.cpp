@@ -47,7 +47,7 @@ private slots:
         check(R"(
             watch VW0 --controller 10.0.0.5 ->
             watch VW0 --controller [fe80::1]:5 --local-tsap 10.00 --remote-tsap 1101 ->
-            watch a:VW0 4:VW0 --controller A=h:1 --controller 4=h:2 ->
+            watch a:VW0 4:VW0 *:VW2 --controller A=h:1 --controller 4=h:2 --output=--wait ->
             watch VW0@3 VW0 --controller 3=h --controller 2=i --one-driver ->
             watch --until VW0>=-3 --until VD4/f!=2.5 --until M0.3==true ->
             watch XW0 -> XW0              | watch VW0 --nonsense -> nonsense
@@ -60,7 +60,7 @@ private slots:
             watch VW0 --controller a@b=h -> 'a@b' | watch c*:VW0 -> 'c*' cannot
             watch c:XW0 --controller c=h -> 'c:XW0': no such variable
             watch c:VW0@3 --controller 3=h -> controller 'c' and, by its address, station 3
-            watch VW0 --controller [::1]102 -> '[::1]102'
+            watch VW0 --controller [::1]102 -> '[::1]102' | watch VW0 --controller -x -> '-x'
             watch VW0 --local-tsap 1 -> two hexadecimal bytes
             watch VW0 --remote-tsap 00.00 -> '00.00'
             watch VW0 --controller h --controller i -> NAME=HOST
@@ -75,6 +75,8 @@ private slots:
             watch --until VW0 -> 'VW0'        | watch --until VW0>x -> 'VW0>x'
             watch --until VW0x2>1 -> one value | watch --until XW0>1 -> XW0
             write VW0=1 -> --controller HOST
+            write VW0=1 --controller --verify -> --controller needs a value, and the option '--verify'
+            watch --tags -format x -> '-format' | watch x*:VW0 --controller a=h -> like 'x*'
         )",
               faultOf, Match::Message);
     }
@@ -134,7 +136,7 @@ private slots:
             {"good", "watch --until VW0==0 --until VW2=0", 0, "VW0 0\nVW2 0\n", ""},
             {"good", "watch --until VW0>0 --duration 0.5 VW2", 8, "VW2 0\nVW0 0\n", "not met"},
             {"silent", "watch --until VW0>0 --duration 0.3", 4, nullptr, "no answer yet"},
-            {"good", "watch --count 2 --interval 100 --until VW0!=0", 8, "VW0 0\n", "not met"},
+            {"good", "watch --count 1 --until VW0!=0 --duration 9e6", 8, "VW0 0\n", "not met"},
         };
         std::map<QString, Simulator> simulators;
         for (auto it = faults.begin(); it != faults.end(); ++it)

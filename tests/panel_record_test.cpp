@@ -56,9 +56,9 @@ private slots:
     {
         QTest::addColumn<QString>("format");
         QTest::addColumn<QByteArray>("lines");
-        QTest::newRow("text") << "text" << QByteArray(R"(a 'b', c=d\ 21.5 mm
-a 'b', c=d\ ? stale
-VW4x2/hex 0x000A 0xFFFF
+        QTest::newRow("text") << "text" << QByteArray(R"(p 1:a 'b', c=d\ 21.5 mm
+p 1:a 'b', c=d\ ? stale
+p 1:VW4x2/hex 0x000A 0xFFFF
 VD8/float nan
 )");
         QTest::newRow("csv") << "csv"
@@ -108,6 +108,9 @@ s7200_link,controller=p\ 1 state='up' 1767225600008000000
             item->tag.name.clear();
             item->label = item->tag.label();
         }
+        // Among several controllers, which records say in a field of their own.
+        scaled.label.prepend("p 1:");
+        array.label.prepend("p 1:");
         QByteArray got = writer.header();
         got += writer.record(scaled, "p 1", valueOf({215}, Quality::Good), Now);
         got += writer.record(scaled, "p 1", valueOf({215}, Quality::Stale), Now);

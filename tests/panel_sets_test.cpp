@@ -114,7 +114,7 @@ private slots:
         const Run unreadable = run("apply values.csv");
         QCOMPARE(unreadable.status, 6);
         QVERIFY(unreadable.err.contains("nothing written"));
-        QVERIFY2(QRegularExpression("^a: refused, .*\nb: not written\n$")
+        QVERIFY2(QRegularExpression("^a: refused when read, .*; not written\nb: not written\n$")
                      .match(unreadable.out)
                      .hasMatch(),
                  qPrintable(unreadable.out));
@@ -127,7 +127,7 @@ private slots:
         put("values.csv", "name;address;value\na;SM0.0;0\nb;VW0;7\n");
         const Run refused = run("apply --verify values.csv");
         QCOMPARE(refused.status, 6);
-        QVERIFY2(QRegularExpression("^a: refused, .*\nb: verified, 7 instead of 0\n$")
+        QVERIFY2(QRegularExpression("^a: refused, .*; not written\nb: verified, 7 instead of 0\n$")
                      .match(refused.out)
                      .hasMatch(),
                  qPrintable(refused.out));
@@ -170,6 +170,61 @@ private slots:
         const QString broken = run("write --verify VB123=255").err;
         QVERIFY2(broken.contains(QRegularExpression("reads back \\d+ in place of 255: the conn")),
                  qPrintable(broken));
+    }
+
+    // Of what is refused it is said whether it was written: a part of it, or all but not read back.
+    void refusedInParts()
+    {
+        put("values.csv", "name,address,value\na,VB121,255\n");
+        QString error;
+        QVERIFY(m_simulator->setFaults({"item-error:every 5"}, &error)); // the third of eight bits
+        const Run part = run("apply values.csv");
+        QVERIFY2(QRegularExpression("^a: refused, .*, but a part of it was written\n$")
+                     .match(part.out)
+                     .hasMatch(),
+                 qPrintable(part.out));
+        put("values.csv", "name,address,value\na,VW0,255\n");
+        QVERIFY(m_simulator->setFaults({"item-error:every 3"}, &error)); // read, written, read
+        const Run unread = run("apply --verify --retries 0 values.csv");
+        QCOMPARE(unread.status, 5);
+        QVERIFY2(unread.out.startsWith("a: written, not read back: "), qPrintable(unread.out));
+    }
+
+    // A tag of no controller is one of each that has none of its name; labels say whose a value is,
+    // whatever else is shown.
+    void severalControllers()
+    {
+        SimulatorThread other{SimulatorOptions()};
+        QString error;
+        QVERIFY(other.start(&error));
+        put("tags.csv", "name,controller,address\nspeed,,VW100\nspeed,p2,VW102\nmode,,VB111\n");
+        for (SimulatorThread* each : {m_simulator.get(), &other})
+            each->poke(SimulatorArea::V, 100, QByteArray::fromHex("00010002eeeeeeeeeeeeee03"));
+        const auto panel = [&](const QString& line) {
+            return runProgram(line.split(' ')
+                              << "--controller"
+                              << "p1=" + m_address << "--controller"
+                              << QStringLiteral("p2=127.0.0.1:%1").arg(other.port()));
+        };
+        const QString all = "p1:speed 1\np2:speed 2\np1:mode 3\np2:mode 3\n";
+        QCOMPARE(panel("read --tags tags.csv *").out, all);
+        const Run watch = panel("watch --tags tags.csv --count 1 --timeout 20000");
+        QCOMPARE(watch.status, 0);
+        for (const QString& line : all.split('\n'))
+            QVERIFY2(watch.out.contains(line), qPrintable(watch.out + watch.err));
+        QCOMPARE(panel("read --tags tags.csv p1:mode p1:VW100 *:VB111").out,
+                 QString("p1:mode 3\np1:VW100 1\np1:VB111 3\np2:VB111 3\n"));
+        QCOMPARE(panel("write --tags tags.csv --verify p1:speed=5").out, QString("p1:speed 5\n"));
+        const Run save = panel("save --tags tags.csv");
+        QVERIFY2(save.out.contains("\nspeed,p1,VW100,,,,,,5\n") &&
+                     save.out.contains("\nspeed,p2,VW102,,,,,,2\n"),
+                 qPrintable(save.out));
+        QVERIFY(
+            panel("read --format csv p1:VW100 --tags tags.csv").out.contains(",p1,VW100,VW100,"));
+        QVERIFY(panel("write --tags tags.csv speed=1").err.contains("2 tags"));
+        QVERIFY(panel("write --tags tags.csv mode=1").err.contains("as in p1:mode"));
+        // One alone has no need to be told apart.
+        QCOMPARE(run("read --tags tags.csv mode").out, QString("mode 3\n"));
     }
 
     // A write changes nothing beside what it names, and reads back in the format that was written.

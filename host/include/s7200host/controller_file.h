@@ -14,14 +14,14 @@
 namespace s7200
 {
 
-/// Reads a controller file: CSV in UTF-8 with a header line, separated by commas or semicolons,
-/// columns in any order:
+/// Reads a controller file: CSV in UTF-8 with a header line, separated by commas, semicolons or
+/// tabs, columns in any order:
 ///
 ///   name, host, port, local_tsap, remote_tsap, timeout, retries, interval
 ///
 /// Times are in milliseconds. Only name and host are required; what is not given is taken from
 /// `defaults`. Nothing, with a line for each fault in `errors` ("FILE line 7: ..."), if there is
-/// any.
+/// any; of many the first twenty, and a count. A file of more than 16 MiB is not read.
 S7200HOST_EXPORT std::optional<QVector<ControllerSettings>>
 loadControllers(const QString& file, const ControllerSettings& defaults, QStringList* errors);
 

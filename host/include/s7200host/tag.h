@@ -22,7 +22,7 @@ enum class Limit { Inside, Low, High };
 /// without a name.
 struct S7200HOST_EXPORT Tag {
     QString name;                    ///< Empty if it was named by its address.
-    QString controller;              ///< Its name; empty: the only one there is.
+    QString controller;              ///< Its name; empty: none is named.
     Variable variable;               ///< Address and format.
     QString unit;                    ///< For people.
     Scaling scaling;                 ///< Identity for formats hex and binary and for bits.
@@ -56,16 +56,17 @@ struct S7200HOST_EXPORT Tag {
 };
 
 /// Labels for tags that are shown together: those of one variable in two formats carry the format,
-/// those of one name on two controllers the controller.
+/// and all carry their controller, as in press1:VW100 or VW100@3, unless it is the same for all.
 S7200HOST_EXPORT QStringList labelsOf(const QVector<Tag>& tags);
 
-/// Tags by name, as a tag file lists them: CSV in UTF-8 with a header line, separated by commas or
-/// semicolons, columns in any order:
+/// Tags by name, as a tag file lists them: CSV in UTF-8 with a header line, separated by commas,
+/// semicolons or tabs, columns in any order:
 ///
 ///   name, controller, address, format, unit, scale, offset, decimals, deadband, low, high, comment
 ///
 /// Only name and address are required. Names are the same in upper and lower case, and are unique
-/// for a controller.
+/// for a controller. A file of more than 16 MiB is not read, and of many faults the first twenty are
+/// told and the rest counted.
 class S7200HOST_EXPORT TagTable
 {
 public:
