@@ -13,7 +13,8 @@ int main(int argc, char** argv)
     controller.watch(QStringList{"VW0", "Q0.0"});
     QObject::connect(&controller, &s7200::Controller::cycleDone,
                      [&] { qInfo() << "VW0 =" << controller.value(0).elements.value(0); });
-    QObject::connect(&controller, &s7200::Controller::linkChanged, [&](const auto& link) {
+    QObject::connect(&controller, &s7200::Controller::linkChanged, [&] {
+        const s7200::LinkStatus link = controller.link();
         qInfo().noquote() << controller.name() << describe(link.state) << link.detail;
     });
     QString error = "it takes HOST and PORT, 1 to 65535, as in: ten_lines 192.168.0.5 102";

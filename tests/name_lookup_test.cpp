@@ -13,8 +13,8 @@ namespace
 
 constexpr int LongMs = 30000; ///< For what must happen; not reached unless something is wrong.
 
-/// Answers a name when it is told to; those that begin with "no" are unknown. Threads that still
-/// wait for it outlive the test.
+/// Answers a name when it is told to; those that begin with "no" are unknown, and with "late" the
+/// first time. Threads that still wait for it outlive the test.
 struct NameServer {
     /// Threads of their own, which ask this one.
     static std::shared_ptr<LookupThreads> asker(const std::shared_ptr<NameServer>& server)
@@ -32,7 +32,9 @@ struct NameServer {
         m_changed.notify_all();
         m_changed.wait(lock, [&] { return m_answersAll || m_answers.removeOne(text); });
         --m_underWay;
-        return LookupThreads::Addresses(name.compare(0, 2, "no") == 0 ? 0 : 1);
+        const bool isUnknown =
+            text.startsWith("no") || (text.startsWith("late") && m_asked.count(text) == 1);
+        return LookupThreads::Addresses(isUnknown ? 0 : 1);
     }
 
     void answer(bool all, const QString& name = QString())
@@ -90,6 +92,7 @@ private slots:
         lookup.abandon();
         server->answer(true);
         QTRY_VERIFY_WITH_TIMEOUT(lookup.isAnswered, LongMs);
+        QCOMPARE(found, 0);
         lookup.start("plc");
         QCoreApplication::sendPostedEvents(&lookup); // no time for asking anew
         QCOMPARE(found, 1);
@@ -116,8 +119,11 @@ private slots:
         QCOMPARE(int(names.size()), 100);
         QCOMPARE(names.removeDuplicates(), 0);
         QCOMPARE(server->most, LookupThreads::Most);
-        lookups.front()->start("plc0"); // anew
-        QTRY_COMPARE_WITH_TIMEOUT(found, 301, LongMs);
+        for (int i : {0, 1}) { // anew, also for who heard of the answer but had not asked
+            lookups.at(size_t(i))->start("plc0");
+            QTRY_COMPARE_WITH_TIMEOUT(found, 301 + i, LongMs);
+        }
+        QCOMPARE(int(server->asked(102).size()), 102);
     }
 
     // Names that failed keep neither the place in the queue nor all of the threads.
@@ -139,19 +145,25 @@ private slots:
         };
         server->answer(true);
         start("no", 40);
-        start("yes", 1);
-        QTRY_COMPARE_WITH_TIMEOUT(told, 41, LongMs);
+        for (int i : {0, 1}) {
+            start("late", 1);
+            QTRY_COMPARE_WITH_TIMEOUT(told, 41 + i, LongMs);
+        }
         server->answer(false);
         start("no", 40);
+        QCOMPARE(int(server->asked(42 + LookupThreads::MostForFailed).size()),
+                 42 + LookupThreads::MostForFailed);
         const int free = LookupThreads::Most - LookupThreads::MostForFailed;
-        start("yes", free + 1); // "yes0" again: it did not fail
-        const QStringList underWay = server->asked(41 + LookupThreads::Most).mid(41);
+        start("late", 1); // it did not fail the last time
+        start("yes", free);
+        const QStringList underWay = server->asked(42 + LookupThreads::Most).mid(42);
         QCOMPARE(int(underWay.size()), LookupThreads::Most);
-        QCOMPARE(int(underWay.filter("yes").size()), free);
+        QCOMPARE(int(underWay.filter("yes").size()), free - 1);
+        QVERIFY(underWay.contains("late0"));
         server->answer(false, underWay.filter("no").first());
-        QCOMPARE(server->asked(42 + LookupThreads::Most).last(), QString("yes%1").arg(free));
+        QCOMPARE(server->asked(43 + LookupThreads::Most).last(), QString("yes%1").arg(free - 1));
         server->answer(true);
-        QTRY_COMPARE_WITH_TIMEOUT(told, 41 + 40 + free + 1, LongMs);
+        QTRY_COMPARE_WITH_TIMEOUT(told, 42 + 40 + 1 + free, LongMs);
         QCOMPARE(server->most, LookupThreads::Most);
     }
 
