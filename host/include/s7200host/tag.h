@@ -65,8 +65,8 @@ S7200HOST_EXPORT QStringList labelsOf(const QVector<Tag>& tags);
 ///   name, controller, address, format, unit, scale, offset, decimals, deadband, low, high, comment
 ///
 /// Only name and address are required. Names are the same in upper and lower case, and are unique
-/// for a controller. A file of more than 16 MiB is not read, and of many faults the first twenty are
-/// told and the rest counted.
+/// for a controller. A file of more than 16 MiB is not read, and of many faults the first twenty
+/// are told and the rest counted.
 class S7200HOST_EXPORT TagTable
 {
 public:
