@@ -18,42 +18,6 @@ namespace
 constexpr int ReadBufferBytes = 64 * 1024;
 constexpr int MostUnsentBytes = 1024 * 1024;
 
-FaultMoment momentOf(RequestSummary::Kind kind)
-{
-    switch (kind) {
-    case RequestSummary::Connect:
-        return FaultMoment::Connect;
-    case RequestSummary::Setup:
-        return FaultMoment::Setup;
-    default:
-        return FaultMoment::Job;
-    }
-}
-
-Refusal refusalFor(FaultKind fault)
-{
-    if (fault == FaultKind::ErrorClass || fault == FaultKind::RefuseSetup)
-        return Refusal::Job;
-    return fault == FaultKind::ItemError ? Refusal::Item : Refusal::None;
-}
-
-/// True for faults after which the client asks again for what it has not got.
-bool losesReply(FaultKind fault)
-{
-    switch (fault) {
-    case FaultKind::Lost:
-    case FaultKind::Late:
-    case FaultKind::Truncated:
-    case FaultKind::WrongReference:
-    case FaultKind::WrongLength:
-    case FaultKind::CloseMidFrame:
-    case FaultKind::Disconnect:
-        return true;
-    default:
-        return false;
-    }
-}
-
 } // namespace
 
 SimulatedConnection::SimulatedConnection(QTcpSocket* socket, int number,
@@ -66,6 +30,8 @@ SimulatedConnection::SimulatedConnection(QTcpSocket* socket, int number,
     else
         m_handler =
             std::make_unique<S7RequestHandler>(&state->memory, options.largestPdu, options.tsap);
+    m_replies = std::make_unique<FaultyReplies>(
+        m_handler.get(), &state->faults, options.remote ? RemoteRequestHandler::TrailingBytes : 0);
     if (options.trace != nullptr)
         m_traceId = options.trace->newConnection({socket->peerAddress(), socket->peerPort()},
                                                  {socket->localAddress(), socket->localPort()});
@@ -121,7 +87,7 @@ void SimulatedConnection::tick()
 void SimulatedConnection::receive()
 {
     // A reply that the client no longer takes closes the socket on the spot.
-    while (!m_closing && m_socket->isOpen() && m_splitReply.isEmpty()) {
+    while (!m_closing && m_socket->isOpen() && m_pieces.isEmpty()) {
         if (const auto request = m_handler->takeRequest()) {
             serve(*request);
             continue;
@@ -146,61 +112,17 @@ void SimulatedConnection::receive()
 void SimulatedConnection::serve(const QByteArray& request)
 {
     ++m_state->requests;
-    const RequestSummary summary = m_handler->parse(request);
-    FaultKind fault = FaultKind::None;
-    if (summary.kind != RequestSummary::Other)
-        fault = m_state->faults.choose(momentOf(summary.kind), summary.touched);
-    const QByteArray reply = m_handler->answer(refusalFor(fault));
-    log(m_handler->description(), fault);
-    if (!m_lateReply.isEmpty()) {
-        send(m_lateReply);
-        m_lateReply.clear();
+    const FaultyReplies::Answer answer = m_replies->serve(request);
+    log(m_handler->description(), answer.fault);
+    if (answer.isSplit) {
+        m_pieces = answer.pieces;
+        sendNextPiece();
+    } else {
+        for (const QByteArray& piece : answer.pieces)
+            send(piece);
     }
-    if (!reply.isEmpty())
-        deliver(reply, fault);
-    if (m_handler->isBroken())
+    if (answer.closes)
         close();
-}
-
-void SimulatedConnection::deliver(const QByteArray& reply, FaultKind fault)
-{
-    if (fault == FaultKind::Coalesced && m_previousReply.isEmpty())
-        fault = FaultKind::None;
-    if (fault != FaultKind::None)
-        m_state->faults.count(fault);
-    if (losesReply(fault))
-        m_handler->replySpoiled();
-    const QByteArray bytes = m_state->faults.spoil(fault, reply);
-    switch (fault) {
-    case FaultKind::Lost:
-        break;
-    case FaultKind::Late:
-        m_lateReply = bytes;
-        break;
-    case FaultKind::Doubled:
-        send(bytes);
-        send(bytes);
-        break;
-    case FaultKind::EmptyTpduFirst:
-        send(QByteArray("\x03\x00\x00\x07\x02\xF0\x00", 7) +
-             QByteArray(m_options.remote ? RemoteRequestHandler::TrailingBytes : 0, '\0'));
-        send(bytes);
-        break;
-    case FaultKind::Split:
-        m_splitReply = bytes;
-        sendNextByte();
-        break;
-    case FaultKind::Coalesced:
-        send(bytes + m_previousReply);
-        break;
-    case FaultKind::CloseMidFrame:
-        send(bytes);
-        close();
-        break;
-    default:
-        send(bytes);
-    }
-    m_previousReply = reply;
 }
 
 void SimulatedConnection::send(const QByteArray& bytes)
@@ -250,15 +172,14 @@ void SimulatedConnection::dropIfUnread()
     m_socket->abort();
 }
 
-void SimulatedConnection::sendNextByte()
+void SimulatedConnection::sendNextPiece()
 {
-    send(m_splitReply.left(1));
-    m_splitReply.remove(0, 1);
+    send(m_pieces.takeFirst());
     QTimer::singleShot(0, this, [this] {
-        if (m_splitReply.isEmpty())
+        if (m_pieces.isEmpty())
             receive();
         else
-            sendNextByte();
+            sendNextPiece();
     });
 }
 

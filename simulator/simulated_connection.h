@@ -3,6 +3,7 @@
 
 #include "simulator/controller_memory.h"
 #include "simulator/fault_injector.h"
+#include "simulator/faulty_replies.h"
 #include "simulator/request_handler.h"
 #include "simulator/simulator_options.h"
 
@@ -55,12 +56,11 @@ private:
 
     void receive();
     void serve(const QByteArray& request);
-    void deliver(const QByteArray& reply, FaultKind fault);
     void send(const QByteArray& bytes);
     void sendDue();
     void transmit(const QByteArray& bytes);
     void dropIfUnread();
-    void sendNextByte();
+    void sendNextPiece();
     void close();
     void log(const QString& line, FaultKind fault = FaultKind::None) const;
 
@@ -69,13 +69,12 @@ private:
     const SimulatorOptions& m_options;
     SimulatorState* m_state;
     std::unique_ptr<RequestHandler> m_handler;
+    std::unique_ptr<FaultyReplies> m_replies;
     int m_traceId = -1;
     bool m_closing = false;
     bool m_silent = false;
     int m_quietTicks = 0;
-    QByteArray m_splitReply;       ///< Still to be sent byte by byte; nothing is served meanwhile.
-    QByteArray m_lateReply;        ///< Held back until the next request.
-    QByteArray m_previousReply;    ///< For sending once more.
+    QVector<QByteArray> m_pieces;  ///< Still to be sent one by one; nothing is served meanwhile.
     std::deque<Delayed> m_delayed; ///< In the order in which they go out.
     qint64 m_delayedBytes = 0;
     QElapsedTimer m_clock;

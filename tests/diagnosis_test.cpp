@@ -297,6 +297,30 @@ private slots:
         QCOMPARE(results.failures[size_t(cause)], failures);
         QVERIFY(!usualCause(results, settings).isEmpty() || ProbeStep(step) == ProbeStep::Read);
     }
+
+    /// Once a client has connected anew, the connection before it answers nothing.
+    void givenUpConnection()
+    {
+        const QByteArray read = QByteArray::fromHex("0300001f02f080320100000007000e00000401120a10"
+                                                    "020002000184000000");
+        const QByteArray late = QByteArray::fromHex("0300001902f080320300000007000200060000040"
+                                                    "1ff0400101234");
+        const auto event = [](int connection, FrameTrace::Direction direction,
+                              const QByteArray& bytes) {
+            wire::StreamEvent made;
+            made.connection = connection;
+            made.direction = direction;
+            made.bytes = bytes;
+            return made;
+        };
+        const auto found = conversationsOf(
+            {event(0, FrameTrace::ToController, read), event(1, FrameTrace::ToController, read),
+             event(0, FrameTrace::FromController, late), event(0, FrameTrace::ToController, read)},
+            {{}, {}});
+        QCOMPARE(int(found.size()), 1);
+        QCOMPARE(int(found.first().exchanges.size()), 2);
+        QVERIFY(found.first().exchanges.at(1).reply.isEmpty());
+    }
 };
 
 QTEST_GUILESS_MAIN(DiagnosisTest)

@@ -130,7 +130,7 @@ private slots:
             VW0,s,,0.1 ; 12.34 -> nearest that can be written are 12.3 and 12.4
             VW0,u,,-0.5 ; -0.6 -> -1.0 and -0.5     | VW0,s,,0.1 ; 3276.8 -> -3276.8 to 3276.7
             VW0,u,,0.1,-5 ; 6548.6 -> -5.0 to 6548.5 | VW0,u,,0.1 ; -0.05 -> 0.0 to 6553.5
-            VW0,u,,0.1 ; 6553.55 -> 0.0 to 6553.5   | VW0,u,,0.1 ; 1e30 -> 0.0 to 6553.5      | VW0,u,,0.1 ; x -> t cannot take 'x'
+            VW0,u,,0.1 ; 6553.55 -> 0.0 to 6553.5   | VW0,u,,0.1 ; 1e64 -> 0.0 to 6553.5      | VW0,u,,0.1 ; x -> t cannot take 'x'
             VW0,s,,0.1 ; 12.300000000000000000001 -> 12.3 and 12.4
             VW0,s,,-0.1 ; -1e-11 -> -0.1 and 0.0 | VW0,s,,0.1 ; -12.30000000000000000001 -> -12.4 and -12.3
             VW0,s,,0.1 ;  -> takes                  | VW0,,,,,2 ; 7.5 -> 7 and 8
@@ -267,13 +267,14 @@ private slots:
     void valueFiles()
     {
         QVector<TagValue> values = {{tagOf("VW0x2,s,mm,0.1,5,0"), {0xFFFF, 7}},
+                                    {tagOf("VW20,,,,,1"), {7}},
                                     {tagOf("VD4,f"), {0x3DCCCCCE}},
                                     {tagOf("VD8,f"), {0x7FC00001}},
                                     {tagOf("VB3,h"), {0xAB}},
                                     {tagOf("V3.0x3"), {1, 0, 1}},
                                     {tagOf("TV7"), {300}}};
         for (int i = 0; i < int(values.size()); ++i)
-            values[i].tag.name = i == 5 ? QString() : QStringLiteral("n,%1\";").arg(i);
+            values[i].tag.name = i == 6 ? QString() : QStringLiteral("n,%1\";").arg(i);
         QStringList errors;
         const QByteArray file = valueFile(values);
         const auto back =

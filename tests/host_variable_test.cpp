@@ -295,6 +295,30 @@ private slots:
         check(table, limitAndMisfits);
     }
 
+    // Whatever was given first, and one element is no more than one.
+    void requestsAreNoLarger()
+    {
+        const char* const table = R"(
+            AIW30 AIW0 AIW2 AQW62 AQW60 -> 16:0+32 17:60+4
+            SW6 IW0 MW4 -> 6:0+2 8:4+2 9:6+2
+            SMW8 QW2 VD10 TV3 CV4x2 -> 10:8+2 12:10+4 14:3+1 15:4+2 7:2+2)";
+        check(table, [](const QString& given) {
+            QVector<ReadBlock> blocks;
+            for (const QString& text : given.split(' '))
+                blocks += readBlocks(parsed(text).variable, 2, 106);
+            QStringList found[2];
+            for (const bool stationEach : {false, true}) {
+                resetDriver(106, stationEach);
+                ReCreatReadVarList(cyclicRecords(blocks, stationEach));
+                for (const RW_VAR& request : PLC_driver.read_list)
+                    found[stationEach].append(describe(blockOf(request)));
+                found[stationEach].sort();
+            }
+            const QString all = found[0].join(' ');
+            return found[0] == found[1] ? all : all + " / " + found[1].join(' ');
+        });
+    }
+
     void blockRelations()
     {
         const ReadBlock block = extentOf(parsed("VW10x2").variable, 2);

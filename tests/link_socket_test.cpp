@@ -2,10 +2,12 @@
 // a name or a system short of descriptors may do to it.
 
 #include "host/link_socket.h"
+#include "wire/capture_reader.h"
 
 #include <QAbstractEventDispatcher>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTemporaryDir>
 #include <QtEndian>
 #include <QtTest>
 
@@ -50,11 +52,12 @@ constexpr int LongMs = 30000; ///< For what must happen; not reached unless some
 /// A socket, what it has told, and a server that is waited for without the event loop.
 struct Rig {
     explicit Rig(const QString& host = "127.0.0.1",
-                 QHostAddress::SpecialAddress address = QHostAddress::LocalHost)
+                 QHostAddress::SpecialAddress address = QHostAddress::LocalHost,
+                 wire::FrameTrace* trace = nullptr)
     {
         if (!server.listen(address))
             qFatal("%s", qPrintable(server.errorString()));
-        socket.reset(new LinkSocket({host, server.serverPort()}, nullptr, nullptr));
+        socket.reset(new LinkSocket({host, server.serverPort()}, trace, nullptr));
         QObject::connect(socket.get(), &LinkSocket::opened, [this] { told += "opened"; });
         QObject::connect(socket.get(), &LinkSocket::closed, [this] { told += "closed"; });
         QObject::connect(socket.get(), &LinkSocket::openFailed,
@@ -190,6 +193,39 @@ private slots:
         sendNow(peer, QByteArray(100000, 'x'));
         rig.socket->send("request");
         QTRY_VERIFY_WITH_TIMEOUT(rig.told.join("").size() >= 60000, LongMs);
+    }
+
+    // In a trace: both ends, all bytes, and who ended it.
+    void traced()
+    {
+        for (const bool byPeer : {true, false}) {
+            const QTemporaryDir folder;
+            const QString file = folder.filePath("trace.pcap");
+            QString error;
+            auto trace = wire::FrameTrace::open(file, wire::FrameTrace::KeepExisting, &error);
+            QVERIFY2(trace, qPrintable(error));
+            Rig rig("127.0.0.1", QHostAddress::LocalHost, trace.get());
+            QTcpSocket* const peer = rig.connected();
+            rig.socket->send("request");
+            sendNow(peer, "reply");
+            QTRY_COMPARE_WITH_TIMEOUT(rig.told.value(1), QString("reply"), LongMs);
+            const quint16 port = peer->peerPort();
+            if (byPeer)
+                peer->close();
+            else
+                rig.socket->close();
+            QTRY_COMPARE_WITH_TIMEOUT(int(rig.told.size()), byPeer ? 3 : 2, LongMs);
+            trace.reset();
+            const auto reader = wire::CaptureReader::open(file, &error);
+            QVERIFY2(reader, qPrintable(error));
+            QStringList seen;
+            while (const auto segment = reader->next())
+                if (!segment->bytes.isEmpty() || segment->fin)
+                    seen += QString("%1:%2").arg(segment->from.port == port ? "own" : "peer",
+                                                 QString(segment->bytes));
+            QCOMPARE(seen.mid(0, 3),
+                     QStringList({"own:request", "peer:reply", byPeer ? "peer:" : "own:"}));
+        }
     }
 
     void noDescriptorLeft()

@@ -24,7 +24,8 @@ constexpr Micros Ms = 1000;
 ///   then EVENT [| EVENT]         that is what the next slot or completion does, or an event loop
 ///                                in it
 ///
-///   show                         the watched values
+///   show, ages, age, late        the watched values, their ages in ms, that of what was read last,
+///                                how many cycles were late
 ///
 /// A frame is shown as "connect", "setup", "get V100+2" or "put V100+1" (area, byte, bytes read or
 /// words written); what is told as "up", "waiting: CAUSE", "VW0 good 5", "cycle", "done: CAUSE".
@@ -56,6 +57,10 @@ public:
     const Result& lastResult() const
     {
         return m_result;
+    }
+    LinkStatus link() const
+    {
+        return m_machine->link(2, m_now);
     }
     /// The day has begun with the clock that never jumps.
     Moment moment() const
@@ -96,6 +101,12 @@ private:
             m_machine->received(station, QByteArray(rest.toInt() * 1024, '\0'), moment());
         else if (verb == "show")
             tellAll();
+        else if (verb == "ages")
+            tellAges();
+        else if (verb == "age")
+            m_told << QString::number(m_result.value.ageMs);
+        else if (verb == "late")
+            m_told << QString::number(m_machine->statistics().lateCycles);
         else if (verb == "stall")
             stall(rest.toInt() * Ms);
         else if (verb.startsWith('+'))
@@ -150,6 +161,23 @@ private:
             tellValues({i});
     }
 
+    void tellAges()
+    {
+        for (int i = 0; i < int(m_machine->watched().size()); ++i)
+            m_told << QString::number(m_machine->value(i, m_now).ageMs);
+    }
+
+    static QString texts(const QVector<quint32>& elements)
+    {
+        constexpr int Most = 10;
+        if (elements.size() > Most)
+            return QString(" %1 x %2").arg(elements.size()).arg(elements.first());
+        QString texts;
+        for (quint32 element : elements)
+            texts += QString(" %1").arg(element);
+        return texts;
+    }
+
     void request(const QString& text)
     {
         RequestPtr request(new Request);
@@ -164,8 +192,7 @@ private:
         request->done = [this](const Result& result) {
             m_result = result;
             QString line = result.value.quality == Quality::Stale ? "done, stale" : "done";
-            for (quint32 element : result.value.elements)
-                line += QString(" %1").arg(element);
+            line += texts(result.value.elements);
             if (!result)
                 line += ": " + describe(result.cause) +
                         (result.wasSent && result.cause != Cause::Refused ? ", sent" : "");
@@ -257,10 +284,8 @@ private:
     {
         for (int index : indexes) {
             const Value value = m_machine->value(index, m_now);
-            QString line = m_machine->watched().at(index).label() + ' ' + describe(value.quality);
-            for (quint32 element : value.elements)
-                line += QString(" %1").arg(element);
-            m_told << line;
+            m_told << m_machine->watched().at(index).label() + ' ' + describe(value.quality) +
+                          texts(value.elements);
         }
         actInSlot();
     }

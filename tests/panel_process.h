@@ -25,6 +25,9 @@ public:
     explicit Panel(const QStringList& arguments, const QString& output = QString(),
                    const QString& folder = QString())
     {
+        // A shell's background job, which the tests may be, ignores them, and so would the panel.
+        for (const int number : {SIGHUP, SIGINT, SIGQUIT})
+            std::signal(number, SIG_DFL);
         process.setWorkingDirectory(folder);
         if (!output.isEmpty())
             process.setStandardOutputFile(output);

@@ -1,10 +1,12 @@
 // What the panel writes for other programs: records in every format, which values count as changed,
-// and files that are cut, moved away, or full.
+// and files that are cut, moved away, or full. And what it takes from them: lines and conditions.
 
 #include "panel/change_filter.h"
 #include "panel/output_file.h"
 #include "panel/record_writer.h"
+#include "panel/standard_input.h"
 #include "panel/statistics.h"
+#include "panel/watched_row.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
@@ -245,6 +247,45 @@ s7200_link,controller=p\ 1 state='up' 1767225600008000000
         QVERIFY(output.open("/dev/full", &error));
         QVERIFY(!output.write("h\n", "1\n") && !output.write("h\n", "2\n"));
         QCOMPARE(runEventLoop(), int(ExitOutput));
+    }
+
+    // Lines in any pieces; one without end is left out, and the next one is a line again.
+    void linesOfInput()
+    {
+        LineCutter cutter;
+        QCOMPARE(cutter.feed(" a\n\n b"), QStringList("a"));
+        QCOMPARE(cutter.rest(), QString("b"));
+        QCOMPARE(cutter.feed("c\r\nd\n"), QStringList({"bc", "d"}));
+        for (int half = 0; half < 2; ++half)
+            QCOMPARE(cutter.feed(QByteArray(600 * 1024, 'x')), QStringList());
+        QCOMPARE(cutter.feed("VW0=1\nVW2=2\nVW4"), QStringList("VW2=2"));
+        QCOMPARE(cutter.feed("=3\n"), QStringList("VW4=3"));
+    }
+
+    // A value that is not good, or is no number, meets no condition.
+    void conditions()
+    {
+        using C = Condition;
+        const QPair<C::Operator, QString> rows[] = {
+            {C::Less, "+ . . ."}, {C::AtMost, "+ + . ."},  {C::Equal, ". + . ."},
+            {C::More, ". . + ."}, {C::AtLeast, ". + + ."}, {C::Unequal, "+ . + ."}};
+        for (const auto& row : rows) {
+            C condition;
+            condition.item = itemOf("t,VD0/f,,");
+            condition.comparison = row.first;
+            condition.number = 2;
+            QStringList met;
+            for (const quint32 element : {0x3F800000U, 0x40000000U, 0x40400000U, 0x7FC00000U}) {
+                Value value;
+                value.elements = {element};
+                value.quality = Quality::Good;
+                met += condition.holds(value) ? "+" : ".";
+                value.quality = Quality::Stale;
+                QVERIFY(!condition.holds(value));
+            }
+            QCOMPARE(met.join(' '), row.second);
+            QVERIFY(!condition.holds(Value()));
+        }
     }
 };
 

@@ -366,6 +366,17 @@ private slots:
         QCOMPARE(board.screenLines(1200).value(0), QString("1 of 2 links up"));
     }
 
+    // Words go with the blanks behind them.
+    void wordsGo()
+    {
+        Keyboard keyboard;
+        keyboard.feed("VW1 VW2 ");
+        for (const char* left : {"VW1 ", "", ""}) {
+            keyboard.feed("\x17");
+            QCOMPARE(keyboard.typed(), QString(left));
+        }
+    }
+
 private:
     bool m_knowsWidths = false;
 };

@@ -2,8 +2,9 @@
 #define TESTS_PLANT_H
 
 #include "host/link_machine.h"
-#include "simulator/fault_injector.h"
+#include "simulator/faulty_replies.h"
 #include "simulator/s7_request_handler.h"
+#include "tests/parsed.h"
 #include "wire/frame_trace.h"
 
 #include <deque>
@@ -21,17 +22,6 @@ inline RW_VAR* recordingDataCom(QByteArray* reply, int length)
     RW_VAR* record = realDataCom(reply, length);
     resultsOfHost.append(record->result);
     return record;
-}
-
-inline QVector<Variable> variablesOf(const QStringList& texts)
-{
-    QVector<Variable> variables(texts.size());
-    QString error;
-    for (int i = 0; i < int(texts.size()); ++i) {
-        if (!parseVariable(texts.at(i), &variables[i], &error))
-            qFatal("%s", qPrintable(error));
-    }
-    return variables;
 }
 
 /// A host's link machine and a controller with faults, joined without sockets or a clock, and what
@@ -106,7 +96,7 @@ private:
     {
         m_isOpen = true;
         m_handler.reset(new sim::S7RequestHandler(&m_memory));
-        m_late.clear();
+        m_replies.reset(new sim::FaultyReplies(m_handler.get(), &m_faults));
         const auto fault = m_faults.choose(sim::FaultMoment::Accept);
         m_faults.count(fault);
         m_silent = fault == sim::FaultKind::SilentAccept;
@@ -131,59 +121,17 @@ private:
         sent.append(frame);
         m_trace->record(m_traceId, FrameTrace::ToController, frame);
         m_handler->append(frame);
-        while (const auto request = m_handler->takeRequest()) {
-            const sim::RequestSummary summary = m_handler->parse(*request);
-            const auto moment =
-                summary.kind == sim::RequestSummary::Connect ? sim::FaultMoment::Connect
-                : summary.kind == sim::RequestSummary::Setup ? sim::FaultMoment::Setup
-                                                             : sim::FaultMoment::Job;
-            const auto fault = m_faults.choose(moment, summary.touched);
-            m_faults.count(fault);
-            auto refusal = sim::Refusal::None;
-            if (fault == sim::FaultKind::ErrorClass)
-                refusal = sim::Refusal::Job;
-            else if (fault == sim::FaultKind::ItemError)
-                refusal = sim::Refusal::Item;
-            const QByteArray reply = m_handler->answer(refusal);
-            deliver(m_faults.spoil(fault, reply), fault);
-        }
-    }
-
-    void deliver(const QByteArray& bytes, sim::FaultKind fault)
-    {
-        if (m_silent)
-            return;
-        bring(m_late);
-        m_late.clear();
-        switch (fault) {
-        case sim::FaultKind::Lost:
-            return;
-        case sim::FaultKind::Late:
-            m_late = bytes;
-            return;
-        case sim::FaultKind::Split:
-            bring(bytes.left(3));
-            bring(bytes.mid(3));
-            return;
-        case sim::FaultKind::Doubled:
-            bring(bytes + bytes);
-            return;
-        case sim::FaultKind::EmptyTpduFirst:
-            bring(QByteArray::fromHex("0300000702F000") + bytes);
-            return;
-        case sim::FaultKind::CloseMidFrame:
-            bring(bytes);
-            closeByController();
-            return;
-        default:
-            bring(bytes);
+        while (const auto request = m_silent ? std::nullopt : m_handler->takeRequest()) {
+            const sim::FaultyReplies::Answer answer = m_replies->serve(*request);
+            for (const QByteArray& piece : answer.pieces)
+                bring(piece);
+            if (answer.closes)
+                closeByController();
         }
     }
 
     void bring(const QByteArray& bytes)
     {
-        if (bytes.isEmpty())
-            return;
         later([this, bytes] {
             m_trace->record(m_traceId, FrameTrace::FromController, bytes);
             m_machine.received(2, bytes, {m_now, 0});
@@ -223,6 +171,7 @@ private:
     sim::FaultInjector m_faults{7};
     sim::ControllerMemory m_memory;
     std::unique_ptr<sim::S7RequestHandler> m_handler;
+    std::unique_ptr<sim::FaultyReplies> m_replies;
     std::deque<std::function<void()>> m_events;
     Micros m_now = 1;
     Micros m_wakeAt = 1;
@@ -230,7 +179,6 @@ private:
     int m_traceId = -1;
     bool m_isOpen = false;
     bool m_silent = false;
-    QByteArray m_late;
 };
 
 } // namespace s7200

@@ -1,0 +1,144 @@
+// The state machine behind a controller, driven as in host_machine_test: how old a value is that
+// comes in parts, what one refusal or one write changes and what not, and how the waits grow.
+
+#include "tests/machine_bench.h"
+
+using namespace s7200;
+
+class HostDetailsTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void script_data()
+    {
+        scriptColumns();
+        add("a part that was read is not the value", "",
+            begun("watch VD0") + "ok              -> get V0+4; up\n"
+                                 "ok 00000005     -> VD0 good 5; cycle\n"
+                                 "write VW0=1     -> put V0+1; VD0 stale 5\n"
+                                 "ok              -> done\n"
+                                 "read VW2        -> get V2+2\n"
+                                 "ok 0005         -> done 5\n"
+                                 "read VD0        -> get V0+4\n"
+                                 "ok 00010005     -> done 65541; VD0 good 65541\n");
+        add("half a value is none, and it is as old as its first part", "patient",
+            begun("watch VB0x300") + "ok              -> get V0+212; up\n"
+                                     "+200            -> \n"
+                                     "ok              -> get V212+88\n"
+                                     "ages            -> -1\n"
+                                     "+100            -> \n"
+                                     "ok              -> VB0x300 good 300 x 0; cycle\n"
+                                     "ages            -> 300\n");
+        add("what is asked for in parts is as old as the first one, too", "patient",
+            begun("read VB0x300") + "ok              -> get V0+212; up\n"
+                                    "+200            -> \n"
+                                    "ok              -> get V212+88\n"
+                                    "+100            -> \n"
+                                    "ok              -> done 300 x 0\n"
+                                    "age             -> 300\n");
+        add("a refused setup ends what waits", "twice",
+            "start           -> open; connecting\n"
+            "write VW0=1     -> \n"
+            "read VW0        -> \n"
+            "opened          -> connect; handshake\n"
+            "ok              -> setup\n"
+            "reject          -> close; waiting: setup refused; done: setup refused; "
+            "done: setup refused\n"
+            "write VW0=1     -> done: setup refused\n");
+        add("requests of another station wait on", "stations",
+            "start           -> open@2; open@3; connecting@2; connecting@3\n"
+            "read VW0@3      -> \n"
+            "read VW2@2      -> \n"
+            "read VW4@3      -> \n"
+            "failed@3        -> close@3; down@3: no connection; done: no connection; "
+            "done: no connection\n"
+            "opened@2        -> connect@2; handshake@2\n"
+            "ok              -> setup@2\n"
+            "ok              -> get V2+2@2; up@2\n"
+            "ok 0007         -> done 7\n");
+        add("one refusal of the probe is no reason to do without", "retry",
+            begun("") +
+                "ok              -> get SM0+2; up\n"
+                "refuse          -> get SM0+2\n"
+                "ok              -> cycle\n"
+                "+500            -> get SM0+2\n"
+                "refuse          -> close; waiting: refused\n" +
+                Again + "ok              -> get SM0+2\n");
+        add("no probe amid a write", "",
+            begun("") + "ok              -> get SM0+2; up\n"
+                        "ok              -> cycle\n"
+                        "write VW0x300=  -> put V0+106\n"
+                        "+700            -> \n"
+                        "ok              -> put V212+106\n"
+                        "+700            -> \n"
+                        "ok              -> put V424+88\n"
+                        "ok              -> done\n");
+        add("a refusal reconnects at once, and failures wait on as long as before", "",
+            "start           -> open; connecting\n"
+            "watch VW0 VW4   -> \n"
+            "failed          -> close; down: no connection; VW0 link down; VW4 link down\n"
+            "+200            -> open\n"
+            "failed          -> close\n"
+            "+400            -> open\n"
+            "opened          -> connect\n"
+            "ok              -> setup\n"
+            "ok              -> get V0+6\n"
+            "refuse          -> close; waiting: refused\n"
+            "+200            -> open\n"
+            "failed          -> close; down: no connection\n"
+            "+500            -> \n"
+            "+300            -> open\n");
+        add("late cycles are counted, those that begin in time are not", "",
+            Up + "late            -> 0\n"
+                 "stall 549       -> get V0+6\n"
+                 "ok              -> VW0 good 0; VW4 good 0; cycle\n"
+                 "late            -> 0\n"
+                 "stall 551       -> get V0+6\n"
+                 "late            -> 1\n");
+    }
+
+    void script()
+    {
+        runScript();
+    }
+
+    // The time of the next attempt is the time at which it is made.
+    void nextAttempt()
+    {
+        Bench bench(settingsOf(""));
+        bench.happen("start");
+        for (const char* event : {"failed", "failed", "failed"}) {
+            bench.happen(event);
+            const qint64 left = bench.link().nextAttemptMs;
+            QCOMPARE(left, bench.msToWake());
+            QVERIFY(left > 100);
+            QCOMPARE(bench.happen("+50"), QString());
+            QCOMPARE(bench.link().nextAttemptMs, left - 50);
+            QCOMPARE(bench.happen(QString("+%1").arg(left - 49)), QString("open"));
+            QCOMPARE(bench.link().nextAttemptMs, qint64(0));
+        }
+    }
+
+    // Sums over several links are as if all had been one.
+    void histograms()
+    {
+        RoundTripHistogram first;
+        RoundTripHistogram sum;
+        for (const qint64 microseconds : {700, 300, 500})
+            first.add(microseconds);
+        sum.merge(RoundTripHistogram());
+        sum.merge(first);
+        QVERIFY(sum.count() == 3 && sum.minimum() == 300 && sum.maximum() == 700);
+        RoundTripHistogram second;
+        second.add(200);
+        sum.merge(second);
+        sum.merge(RoundTripHistogram());
+        QVERIFY(sum.count() == 4 && sum.minimum() == 200 && sum.maximum() == 700);
+        QCOMPARE(sum.percentile(1), qint64(700));
+        QVERIFY(sum.percentile(0.5) >= 300 && sum.percentile(0.5) < 500);
+    }
+};
+
+QTEST_GUILESS_MAIN(HostDetailsTest)
+#include "host_details_test.moc"
