@@ -16,6 +16,7 @@ namespace
 {
 
 constexpr int MostRequests = 24;
+constexpr int LargestPdu = 240;
 
 QByteArray framed(QByteArray bytes, bool remote)
 {
@@ -51,6 +52,8 @@ void answer(RequestHandler& handler, const ControllerMemory& memory, const QByte
     const int lengths = wordAt(reply, ParameterLengthOffset) + wordAt(reply, DataLengthOffset);
     require(!isS7Pdu(reply) || AckFunctionOffset + lengths + trailing == int(reply.size()),
             "parameter and data lengths make up the reply");
+    require(!isS7Pdu(reply) || ProtocolIdOffset + LargestPdu + trailing >= int(reply.size()),
+            "a reply fits the PDU");
     const bool good = isS7Pdu(reply) && wordAt(reply, ErrorClassOffset) == 0 &&
                       byteAt(reply, ItemCodeOffset) == int(ItemCode::Success);
     require(!good || refusal == Refusal::None || summary.kind != RequestSummary::Job,

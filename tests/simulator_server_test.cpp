@@ -1,11 +1,10 @@
 // The simulated controller's server, its faults and its program, over loopback.
 
 #include "simulator/simulator_thread.h"
-#include "tests/s7_bytes.h"
+#include "tests/simulator_frames.h"
 
 #include <QProcess>
 #include <QTcpSocket>
-#include <QtTest>
 
 #include <tuple>
 #include <vector>
@@ -17,9 +16,6 @@ namespace
 
 constexpr int GuardTime = 20000; // ms; only a failing test ever waits so long
 
-const QByteArray ConnectRequest = fromHex("0300001611E00000000100C00109C1021000C2021100");
-const QByteArray ConnectConfirm = fromHex("0300001611D00001000100C00109C1021000C2021100");
-const QByteArray SetupRequest = fromHex("0300001902F08032010000010800080000F0000001000100F0");
 const QByteArray ReadM0 = fromHex("0300001F02F080320100000007000E00000401120A10020001000083000000");
 const QByteArray ReplyM0 = readReply(7, QByteArray(1, '\0'));
 const QByteArray ReadV100 =
@@ -208,20 +204,14 @@ private slots:
     {
         SimulatorOptions options = frozen({"lost:every 2"});
         options.remote = true;
-        Simulator simulator(options);
-        // The second is lost, the third stands for its repetition.
-        const QByteArray read = fromHex("16070003 01000C 00000064 0001 0000000000000000 92");
-        const QByteArray good = readReply(0, QByteArray(2, '\0')) + QByteArray(2, '\0');
-        QVERIFY(Client(simulator.port())
-                    .gets(read + read + read, good + QByteArray(good).replace(12, 1, "\x01")));
-        // A smaller PDU is kept to here, too.
-        options.faults.clear();
         options.largestPdu = 20;
-        Simulator small(options);
-        const QByteArray two = fromHex("16070003 01000C 00000064 0002 0000000000000000 93");
-        QVERIFY(
-            Client(small.port())
-                .gets(read + two, good + fromHex("0300001302F080320200000001000000008500 0000")));
+        Simulator simulator(options);
+        // The second and fourth are lost, the third stands for a repetition; the last asks for more
+        // than fits.
+        const QByteArray read = record(0, 12, 100, 1), good = reply(Read, "FF0400100000");
+        QVERIFY(Client(simulator.port())
+                    .gets(read.repeated(4) + record(0, 12, 100, 2),
+                          remote(0, good) + remote(1, good) + remote(2, reply(Read, "8500"))));
     }
 
     void severalControllersAndRestart()

@@ -80,7 +80,7 @@ private:
 /// Counted since start().
 struct LinkStatistics {
     quint64 cycles = 0;      ///< Completed readings of all watched variables.
-    quint64 lateCycles = 0;  ///< Of them, begun later than an interval after the one before.
+    quint64 lateCycles = 0;  ///< Begun more than 1.1 intervals after the one before.
     quint64 requests = 0;    ///< Frames sent, handshakes and repeats included.
     quint64 retries = 0;     ///< Failed replies after which the same frame went out again.
     quint64 connections = 0; ///< TCP connections opened.
