@@ -2,6 +2,7 @@
 #define TESTS_MACHINE_BENCH_H
 
 #include "host/link_machine.h"
+#include "tests/parsed.h"
 #include "tests/s7_bytes.h"
 #include "wire/s7_fields.h"
 
@@ -120,15 +121,6 @@ private:
     {
         for (const QString& event : std::exchange(m_then, QString()).split(" | "))
             act(event);
-    }
-
-    static Variable parsed(const QString& text)
-    {
-        Variable variable;
-        QString error;
-        if (!parseVariable(text, &variable, &error))
-            qFatal("%s", qPrintable(error));
-        return variable;
     }
 
     void watch(const QString& texts)

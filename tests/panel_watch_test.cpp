@@ -325,7 +325,7 @@ private slots:
         Simulator simulator("silent-accept");
         screen.start(simulator.command("watch --timeout 500 --retries 99 VW100x30"));
         QTRY_VERIFY_WITH_TIMEOUT(screen.shows("connecting to 127.0.0.1"), LongMs);
-        QVERIFY(screen.shows("\x1b[?1049h"));
+        QVERIFY(screen.shows("\x1b[?1049h") && screen.shows("\x1b[K"));
         // The back-off of the attempt that failed last, not that of the first.
         QTRY_VERIFY_WITH_TIMEOUT(screen.shows("; again in 2 s"), LongMs);
         QString error;
