@@ -120,6 +120,39 @@ private slots:
         }
     }
 
+    // Of a frame that was sent twice nobody knows which sending was answered.
+    void roundTrips()
+    {
+        Bench bench(settingsOf("retry"));
+        for (const char* event : {"start", "watch VW0", "opened", "ok", "ok", "ok", "+500"})
+            bench.happen(event);
+        const auto count = [&bench] { return bench.machine().statistics().roundTrip.count(); };
+        const quint64 before = count();
+        QCOMPARE(bench.happen("+1000").section(';', 0, 0), QString("get V0+2"));
+        bench.happen("ok");
+        QCOMPARE(count(), before);
+        bench.happen("ok"); // of the next cycle, which was due
+        QCOMPARE(count(), before + 1);
+    }
+
+    // A value that is only stale says nothing of the trouble that the last link ended with.
+    void troubleOfTheLastLink()
+    {
+        Bench bench(settingsOf(""));
+        const auto second = [&bench] {
+            const Value value = bench.machine().value(1, bench.moment().steady);
+            return describe(value.quality) + ' ' + value.detail;
+        };
+        for (const char* event : {"start", "watch VW0 VW400", "opened", "ok", "ok", "ok", "ok"})
+            bench.happen(event);
+        QCOMPARE(second(), QString("good "));
+        bench.happen("closed");
+        QCOMPARE(second(), QString("link down the connection was closed by the controller"));
+        for (const char* event : {"+200", "opened", "ok", "ok", "ok"})
+            bench.happen(event);
+        QCOMPARE(second(), QString("stale "));
+    }
+
     // Sums over several links are as if all had been one.
     void histograms()
     {
