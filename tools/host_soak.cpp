@@ -1,201 +1,249 @@
-// Runs controllers for hours against simulated ones that spoil replies at low rates and are killed
-// and started again at random: everything has to be fresh again each time, without growing.
+// Controllers over real sockets, for minutes, against peers of this process that spoil, delay and
+// drop what they answer, and whose memory changes all the time. What is shown as good must have
+// been there since its time; what is told as written must have arrived. Afterwards, with peers in
+// good health, everything has to be good again.
 
-#include "simulator/simulator_process.h"
+#include "tools/soak_peer.h"
 
 #include <s7200host/controller.h>
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QDir>
-#include <QElapsedTimer>
+#include <QThread>
 #include <QTimer>
 
-#include <sys/resource.h>
-
 #include <cstdio>
-#include <random>
 
 using namespace s7200;
-using sim::SimulatorProcess;
+using namespace s7200::soak;
 
 namespace
 {
 
-constexpr int PerProcess = 5;
-constexpr int FreshMs = 60000; ///< Longest that a controller may take after its return.
-constexpr const char* Faults[] = {
-    "lost",         "late",       "doubled",           "truncated",     "wrong-reference",
-    "wrong-length", "split",      "error-class",       "item-error",    "empty-tpdu-first",
-    "coalesced",    "corrupted",  "close-mid-frame",   "silent-accept", "garbage-confirm",
-    "banner",       "disconnect", "refuse-connection", "refuse-setup"};
+constexpr int Controllers = 8;      // every fourth by remote access
+constexpr Micros CalmSeconds = 150; // what was set aside is tried again within 60 s, one by one
+const std::set<quint64> NoneSpared;
 
-[[noreturn]] void fail(const QString& why)
-{
-    std::fprintf(stderr, "host_soak: %s\n", qPrintable(why));
-    std::exit(1);
-}
+const char* const Variables[] = {"VW0",   "VD4",    "VB9",  "V0.3",      "MW0",    "MB7x3",
+                                 "IW4",   "QD0",    "SMW0", "T37",       "TV0x60", "C5",
+                                 "CV4x3", "AIW2x4", "AQW6", "VW100x150", "VD20x4", "M0.1"};
+const char* const Writables[] = {"VW400", "VD404x3", "MW40", "QW20", "AQW8", "TV100x2", "VW410x9"};
 
-double residentKb()
-{
-    QFile file("/proc/self/statm");
-    file.open(QIODevice::ReadOnly);
-    return file.readAll().split(' ').value(1).toDouble() * 4.096;
-}
-
-int openFiles()
-{
-    return int(QDir("/proc/self/fd").entryList(QDir::Files | QDir::System).size());
-}
-
-/// Simulated controllers of one process with the controllers that talk to them.
-class Group
+/// A controller with the peer that it talks to, and who uses it.
+class Pair : public QObject
 {
 public:
-    Group(int number, double rate) : m_simulator(PerProcess, options(number, rate))
+    Pair(int number, Micros end)
+        : m_peer(new Peer(number, number % 4 == 3, end, m_log)),
+          m_dice(quint64(1000 + number), NoneSpared)
     {
-        if (!m_simulator.start())
-            fail("s7200-sim does not start");
-        for (int i = 0; i < PerProcess; ++i) {
-            ControllerSettings settings;
-            settings.endpoint = {"127.0.0.1", quint16(m_simulator.port() + i)};
-            settings.timeoutMs = 300;
-            m_controllers.emplace_back(new Controller(settings));
-            QString error;
-            if (!m_controllers.back()->watch(
-                    QStringList{"VW0x100", "MW0", "TV5", "VW1000", "VW1200"}, &error) ||
-                !m_controllers.back()->start(&error))
-                fail(error);
+        m_peer->moveToThread(&m_thread);
+        QObject::connect(&m_thread, &QThread::finished, m_peer, &QObject::deleteLater);
+        m_thread.start();
+        QMetaObject::invokeMethod(
+            m_peer, [this] { m_peer->begin(); }, Qt::BlockingQueuedConnection);
+        ControllerSettings settings;
+        settings.name = QString::number(number);
+        settings.endpoint = {QStringLiteral("127.0.0.1"), m_peer->port()};
+        settings.timeoutMs = TimeoutMs;
+        settings.intervalMs = 50;
+        settings.remoteAccess = number % 4 == 3;
+        m_controller.reset(new Controller(settings));
+        QString error;
+        watchAnew();
+        if (!m_controller->start(&error))
+            fail(error);
+        QObject::connect(m_controller.get(), &Controller::valuesChanged, this, [this] { judge(); });
+    }
+    ~Pair() override
+    {
+        m_controller.reset();
+        m_thread.quit();
+        m_thread.wait();
+    }
+
+    void act()
+    {
+        const int one = chosen(20);
+        if (one == 0)
+            watchAnew();
+        else if (one < 3)
+            write();
+        else if (one < 5)
+            read();
+        judge();
+    }
+
+    /// Every value that counts as current, as it is now.
+    void judge()
+    {
+        for (int i = 0; i < int(m_controller->watched().size()); ++i) {
+            const Micros before = steadyNow();
+            const Value value = m_controller->value(i);
+            if (value.quality == Quality::Good)
+                judgeValue(m_controller->watched().at(i), value, before);
         }
-        m_returned.start();
     }
 
-    void kill()
+    bool isGood() const
     {
-        m_simulator.kill();
-    }
-
-    void restart()
-    {
-        if (!m_simulator.start())
-            fail("s7200-sim does not start again");
-        m_returned.start();
-        m_fresh.assign(PerProcess, false);
-    }
-
-    /// Looks which are fresh; true once all were since the last restart.
-    bool areFresh()
-    {
-        for (std::size_t i = 0; i < m_controllers.size(); ++i) {
-            bool good = true;
-            for (int k = 0; k < int(m_controllers[i]->watched().size()); ++k)
-                good = good && m_controllers[i]->value(k).quality == Quality::Good;
-            m_fresh[i] = m_fresh[i] || good;
+        for (int i = 0; i < int(m_controller->watched().size()); ++i) {
+            if (m_controller->value(i).quality != Quality::Good)
+                return false;
         }
-        const bool all = std::find(m_fresh.begin(), m_fresh.end(), false) == m_fresh.end();
-        if (!all && m_returned.elapsed() > FreshMs)
-            fail(QString("port %1: not all fresh %2 s after the return")
-                     .arg(m_simulator.port())
-                     .arg(FreshMs / 1000));
-        return all;
+        return m_open == 0;
+    }
+    QString name() const
+    {
+        return m_controller->name();
+    }
+    quint64 faults() const
+    {
+        return m_peer->faults;
     }
 
-    quint64 total(quint64 LinkStatistics::*counter) const
-    {
-        quint64 sum = 0;
-        for (const auto& controller : m_controllers)
-            sum += controller->statistics().*counter;
-        return sum;
-    }
+    quint64 judged = 0;
+    quint64 written = 0;
 
 private:
-    static QStringList options(int number, double rate)
+    int chosen(int limit)
     {
-        QStringList list{"--seed", QString::number(number)};
-        for (const char* fault : Faults)
-            list << "--fault" << QString("%1:%2").arg(fault).arg(rate);
-        return list;
+        return m_dice.below(limit, 2000, m_choices++);
     }
 
-    SimulatorProcess m_simulator;
-    std::vector<std::unique_ptr<Controller>> m_controllers;
-    std::vector<bool> m_fresh = std::vector<bool>(PerProcess, false);
-    QElapsedTimer m_returned;
+    static Variable parsed(const QString& text)
+    {
+        Variable variable;
+        QString error;
+        if (!parseVariable(text, &variable, &error))
+            fail(error);
+        return variable;
+    }
+
+    void watchAnew()
+    {
+        QStringList list;
+        for (int i = 2 + chosen(6); i > 0; --i)
+            list << QLatin1String(Variables[chosen(int(std::size(Variables)))]);
+        list.removeDuplicates();
+        QString error;
+        if (!m_controller->watch(list, &error))
+            fail(error);
+    }
+
+    void judgeValue(const Variable& variable, const Value& value, Micros before)
+    {
+        ++judged;
+        const Micros since = before - (value.ageMs + 1) * 1000;
+        for (int i = 0; i < variable.repeat; ++i) {
+            if (!m_log.wasRead(variable, elementOf(variable, i), value.elements.at(i), since))
+                fail(QStringLiteral(
+                         "controller %1: %2, element %3 is %4, %5 ms old, and was not there")
+                         .arg(name(), variable.label())
+                         .arg(i)
+                         .arg(value.elements.at(i))
+                         .arg(value.ageMs));
+        }
+    }
+
+    void read()
+    {
+        const Variable variable =
+            parsed(QLatin1String(Variables[chosen(int(std::size(Variables)))]));
+        ++m_open;
+        m_controller->read(variable, [this, variable](const Result& result) {
+            --m_open;
+            if (result && result.value.quality == Quality::Good)
+                judgeValue(variable, result.value, steadyNow() - 20000);
+        });
+    }
+
+    /// Each value is written once, so that the log tells what has become of it.
+    void write()
+    {
+        const Variable variable =
+            parsed(QLatin1String(Writables[chosen(int(std::size(Writables)))]));
+        QVector<quint32> values;
+        const quint32 mask = variable.area->width == Width::DoubleWord ? 0xFFFFFFFF : 0xFFFF;
+        for (int i = 0; i < variable.repeat; ++i)
+            values.append(quint32(mixed(++m_values)) & mask);
+        ++m_open;
+        m_controller->write(variable, values, [this, variable, values](const Result& result) {
+            --m_open;
+            ++written;
+            const bool arrived = hasArrived(variable, values);
+            if (result && !arrived)
+                fail(variable.label() + QStringLiteral(": told as written and never arrived"));
+            if (!result && !result.wasSent && arrived && variable.repeat > 1)
+                fail(variable.label() + QStringLiteral(": told as not sent and has arrived"));
+        });
+    }
+
+    bool hasArrived(const Variable& variable, const QVector<quint32>& values) const
+    {
+        const QByteArray bytes = bytesOfValues(variable, values);
+        return m_log.wasWritten(spanOf(variable), bytes);
+    }
+
+    Log m_log;
+    Peer* m_peer;
+    QThread m_thread;
+    Dice m_dice;
+    std::unique_ptr<Controller> m_controller;
+    quint64 m_choices = 0;
+    quint64 m_values = 0;
+    int m_open = 0;
 };
 
-/// Everything that happens, by one timer.
 class Soak
 {
 public:
-    Soak(int controllers, double rate, int seconds, quint32 seed)
-        : m_seconds(seconds), m_random(seed)
+    explicit Soak(int seconds) : m_end(steadyNow() + Micros(seconds) * 1000000)
     {
-        for (int i = 0; i < controllers / PerProcess; ++i)
-            m_groups.emplace_back(new Group(i + 1, rate));
-        m_clock.start();
+        for (int i = 0; i < Controllers; ++i)
+            m_pairs.emplace_back(new Pair(i, Micros(seconds) * 1000000));
         m_timer.callOnTimeout([this] { step(); });
-        m_timer.start(100);
+        m_timer.start(10);
     }
 
 private:
     void step()
     {
-        bool all = true;
-        for (const auto& group : m_groups)
-            all = (group.get() == m_gone || group->areFresh()) && all;
-        const qint64 now = m_clock.elapsed();
-        if (m_gone && now >= m_next) {
-            m_gone->restart();
-            m_gone = nullptr;
-            m_next = now + below(3000);
-        } else if (!m_gone && all && now >= m_seconds * 1000) {
+        const Micros now = steadyNow();
+        bool good = true;
+        for (const auto& pair : m_pairs) {
+            now < m_end ? pair->act() : pair->judge();
+            good = good && pair->isGood();
+        }
+        if (now < m_end)
+            return;
+        if (good) {
             report();
             QCoreApplication::exit(0);
-        } else if (!m_gone && all && now >= m_next) {
-            m_gone = m_groups[std::size_t(below(int(m_groups.size())))].get();
-            m_gone->kill();
-            ++m_kills;
-            m_next = now + below(5000);
-        }
-        if (now >= m_nextReport && all && !m_gone) {
-            m_nextReport = now + 60000;
-            report();
+        } else if (now > m_end + CalmSeconds * 1000000) {
+            fail(QStringLiteral("not everything was good again in %1 s").arg(CalmSeconds));
         }
     }
 
-    int below(int limit)
+    void report() const
     {
-        return std::uniform_int_distribution<int>(0, limit - 1)(m_random);
-    }
-
-    void report()
-    {
-        quint64 sums[4] = {};
-        for (const auto& group : m_groups) {
-            sums[0] += group->total(&LinkStatistics::cycles);
-            sums[1] += group->total(&LinkStatistics::connections);
-            sums[2] += group->total(&LinkStatistics::retries);
-            sums[3] += group->total(&LinkStatistics::linkLosses);
+        quint64 judged = 0;
+        quint64 written = 0;
+        quint64 faults = 0;
+        for (const auto& pair : m_pairs) {
+            judged += pair->judged;
+            written += pair->written;
+            faults += pair->faults();
         }
-        std::printf("%5lld s: %d kills, %llu cycles, %llu connections, %llu retries, %llu losses; "
-                    "%.0f kB, %d open files\n",
-                    static_cast<long long>(m_clock.elapsed() / 1000), m_kills,
-                    static_cast<unsigned long long>(sums[0]),
-                    static_cast<unsigned long long>(sums[1]),
-                    static_cast<unsigned long long>(sums[2]),
-                    static_cast<unsigned long long>(sums[3]), residentKb(), openFiles());
-        std::fflush(stdout);
+        std::printf(
+            "%llu values and %llu writes judged, %llu faults; all good again after %.1f s\n",
+            static_cast<unsigned long long>(judged), static_cast<unsigned long long>(written),
+            static_cast<unsigned long long>(faults), double(steadyNow() - m_end) / 1e6);
     }
 
-    const int m_seconds;
-    std::mt19937 m_random;
-    std::vector<std::unique_ptr<Group>> m_groups;
-    Group* m_gone = nullptr;
-    QElapsedTimer m_clock;
+    const Micros m_end;
+    std::vector<std::unique_ptr<Pair>> m_pairs;
     QTimer m_timer;
-    qint64 m_next = 0;
-    qint64 m_nextReport = 5000;
-    int m_kills = 0;
 };
 
 } // namespace
@@ -205,18 +253,15 @@ int main(int argc, char** argv)
     QCoreApplication application(argc, argv);
     QCommandLineParser parser;
     parser.setApplicationDescription(
-        "Controllers against simulated ones with all faults that are killed and come back.\n"
-        "Prints a line a minute; ends with status 1 when one is not fresh again in time.");
+        "Controllers against peers with faults, over real sockets; every value and write is judged "
+        "by what the peers have said and done. Ends with status 1 at the first that is false.");
     parser.addHelpOption();
-    parser.addOption({"controllers", "So many, five to a process. Default: 50", "N", "50"});
-    parser.addOption({"rate", "Probability of each fault. Default: 0.001", "P", "0.001"});
-    parser.addOption({"seconds", "How long. Default: 3600", "S", "3600"});
-    parser.addOption({"seed", "Of who is killed when. Default: 1", "N", "1"});
+    parser.addOption({"minutes", "How long. Default: 10", "M", "10"});
     parser.process(application);
-    const int controllers = parser.value("controllers").toInt();
-    const int seconds = parser.value("seconds").toInt();
-    if (controllers < PerProcess || seconds < 1)
-        fail("--controllers takes 5 or more, --seconds 1 or more");
-    Soak soak(controllers, parser.value("rate").toDouble(), seconds, parser.value("seed").toUInt());
+    bool ok = false;
+    const double minutes = parser.value("minutes").toDouble(&ok);
+    if (!ok || minutes <= 0)
+        fail(QStringLiteral("--minutes takes a number above 0"));
+    Soak soak(int(60 * minutes + 0.5));
     return QCoreApplication::exec();
 }
