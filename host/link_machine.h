@@ -55,7 +55,8 @@ public:
 class LinkMachine
 {
 public:
-    /// `driver` and `orders` must outlive it. `seed`: of the jitter between attempts.
+    /// `driver` and `orders` must outlive it. `seed`: of the jitter between attempts, and of the
+    /// phase in which cycles begin.
     LinkMachine(DriverCopy& driver, const ControllerSettings& settings, LinkOrders& orders,
                 quint32 seed);
     ~LinkMachine();
