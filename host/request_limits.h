@@ -17,8 +17,8 @@ class RequestLimits
 {
 public:
     static constexpr int UsualPdu = 240; ///< What the module grants, in bytes.
-    /// A read reply with the value of one counter. Of less nothing can be read.
-    static constexpr int SmallestPdu = 18 + 3;
+    /// What a read job takes itself; the reply with one counter, timer or double word is shorter.
+    static constexpr int SmallestPdu = 24;
 
     /// `wanted`: bytes, timers or counters, as the user has set it; 0: nothing. `remote`: a read of
     /// bytes by a forwarding record asks for twice its count.

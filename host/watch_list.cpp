@@ -85,11 +85,16 @@ void WatchList::addBlocks(int index, const RequestLimits& limits)
     const Variable& variable = m_variables.at(index);
     Entry& entry = m_entries[std::size_t(index)];
     const std::vector<Block> old = std::exchange(entry.blocks, {});
+    entry.isUncut = false;
     Block state;
     state.fresh = isFresh(old);
     state.isLate = std::any_of(old.begin(), old.end(), [](const Block& b) { return b.isLate; });
     const int most = std::min(m_blockLimit, limits.read(variable.area->reads));
     for (const ReadBlock& block : readBlocks(variable, entry.station, most)) {
+        // The driver cuts words at twice its limit: a limit for a single counter halves double
+        // words.
+        entry.isUncut =
+            entry.isUncut || (!variable.area->numbered && block.units > 2 * m_blockLimit);
         const std::size_t number = entry.blocks.size();
         m_places.push_back({block.type, block.station, block.start, index, int(number)});
         const bool isSame = number < old.size() && old[number].block == block;
@@ -121,10 +126,11 @@ void WatchList::markUncut(const RequestLimits& limits)
         span.units = end - span.start;
     }
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
-        const int type = isAnalog(i) ? int(m_variables.at(int(i)).area->reads) : -1;
-        const auto span = spans.find({type, m_entries[i].station});
-        m_entries[i].isUncut =
-            span != spans.end() && !limits.mergesAnalog(span->second.units, m_blockLimit);
+        if (!isAnalog(i))
+            continue;
+        const int type = m_variables.at(int(i)).area->reads;
+        const ReadBlock& span = spans.at({type, m_entries[i].station});
+        m_entries[i].isUncut = !limits.mergesAnalog(span.units, m_blockLimit);
     }
 }
 

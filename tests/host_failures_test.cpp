@@ -221,11 +221,16 @@ private slots:
         add("a PDU of which there is nothing to be had", "",
             begun("watch VW0") +
                 "read VW8        -> \n"
-                "bytes 0300001B02F080320300000108000800000000F000000100010014 -> close; close; "
+                "bytes 0300001B02F080320300000108000800000000F000000100010017 -> close; close; "
                 "down: setup refused; done: setup refused; VW0 link down\n" +
                 Again +
-                "bytes 0300001B02F080320300000108000800000000F000000100010015 -> get V0+2; pdu "
-                "21\n");
+                "bytes 0300001B02F080320300000108000800000000F000000100010018 -> get V0+2; pdu "
+                "24\n");
+        add("double words that a limit for one counter would halve are read apart", "",
+            begun("watch VD0 C5") + "bytes 0300001B02F080320300000108000800000000F000000100010018 "
+                                    "-> get C5+1; pdu 24; up\n"
+                                    "ok 000001       -> get V0+4; C5 good 0\n"
+                                    "ok 00000007     -> VD0 good 7; cycle\n");
         add("analogue words that a limit would cut are read apart", "limit 1",
             begun("watch AIW0 AIW8") + "ok              -> get AI0+1; up\n"
                                        "ok 0001         -> get AI8+1; AIW0 good 1\n"
