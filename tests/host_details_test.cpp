@@ -89,6 +89,46 @@ private slots:
             "failed          -> close; down: no connection\n"
             "+500            -> \n"
             "+300            -> open\n");
+        add("who speaks first on a later connection is no controller, either", "stations",
+            "start           -> open@2; open@3; connecting@2; connecting@3\n"
+            "watch VW0@2     -> \n"
+            "opened@2        -> connect@2; handshake@2\n"
+            "opened@3        -> handshake@3\n"
+            "ok              -> setup@2\n"
+            "ok              -> get V0+2@2; up@2\n"
+            "ok              -> connect@3; VW0@2 good 0\n"
+            "closed@3        -> close@3; get V0+2@2; down@3: closed\n"
+            "+400            -> open@3\n"
+            "opened@3        -> \n"
+            "bytes@3 5353482D -> close@3; down@3: not S7\n");
+        add("a read apart of the last list is none of this one's", "limit 1",
+            begun("watch AIW0 AIW8") + "ok              -> get AI0+1; up\n"
+                                       "watch AIW4 AIW16 -> \n"
+                                       "ok              -> get AI8+1\n"
+                                       "ok              -> get AI4+1\n"
+                                       "ok              -> get AI16+1; AIW4 good 0\n"
+                                       "ok              -> AIW16 good 0; cycle\n");
+        add("a counter's value and its bit are one, and so are a timer's", "",
+            begun("watch C5 T5") + "ok              -> get T5+1; up\n"
+                                   "ok 0200000000   -> get C5+1; T5 good 1\n"
+                                   "ok 100000       -> C5 good 1; cycle\n"
+                                   "write CV5=1     -> put C5+1; C5 stale 1\n"
+                                   "ok              -> done\n"
+                                   "write TV5=1     -> put T5+1; T5 stale 1\n");
+        add("analogue words that just fit are read together", "",
+            begun("watch AIW0 AIW62") +
+                "bytes 0300001B02F080320300000108000800000000F00000010001005C -> get AI0+32; pdu "
+                "92; up\n");
+        add("one part that came late makes all of it late", "retry",
+            begun("read VB0x300") + "ok              -> get V0+212; up\n"
+                                    "+1000           -> get V0+212\n"
+                                    "+900            -> \n"
+                                    "ok              -> get V212+88\n"
+                                    "ok              -> done, stale 300 x 0\n");
+        add("a rest is no shorter than the interval", "no probe, slow",
+            begun("") + "ok              -> up; cycle\n"
+                        "+4900           -> \n"
+                        "+1200           -> cycle\n");
         add("late cycles are counted, those that begin in time are not", "",
             Up + "late            -> 0\n"
                  "stall 549       -> get V0+6\n"

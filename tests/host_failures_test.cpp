@@ -375,6 +375,18 @@ private slots:
         const Failure bad = judgeBadReply(sent, reply);
         QVERIFY(bad && !bad.detail.contains("27 bytes in place of 27"));
     }
+
+    // What a forwarding peer's reply lacks can only be its reference when all else is right.
+    void judgementOfForwarded()
+    {
+        const QByteArray frame = fromHex("0300001F 02F080 3201 0000 0007 000E 0000 0401");
+        const QByteArray reply = readReply(8, "ab") + "ab";
+        for (const int longer : {0, 2}) {
+            const SentFrame sent{frame, int(reply.size()) + longer, true};
+            QCOMPARE(judgeBadReply(sent, reply).cause,
+                     longer ? Cause::WrongLength : Cause::WrongReference);
+        }
+    }
 };
 
 QTEST_GUILESS_MAIN(HostFailuresTest)

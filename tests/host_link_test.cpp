@@ -336,9 +336,10 @@ private slots:
         const auto done = [&](const Result& result) { causes.append(result.cause); };
         for (const Variable& variable : {Variable(), tooLong})
             rig.controller->read(variable, done);
-        QTRY_COMPARE_WITH_TIMEOUT(causes, QVector<Cause>(2, Cause::Invalid), LongMs);
+        rig.controller->write(parsed("VW0x2"), {1}, done);
+        QTRY_COMPARE_WITH_TIMEOUT(causes, QVector<Cause>(3, Cause::Invalid), LongMs);
         Controller(rig.settings).read(parsed("VW0"), done); // told before it is gone
-        QCOMPARE(causes.value(2), Cause::Stopped);
+        QCOMPARE(causes.value(3), Cause::Stopped);
         QTemporaryFile file;
         ControllerSettings settings = rig.controller->settings();
         settings.driverFile = file.open() ? file.fileName() : QString();
@@ -346,9 +347,10 @@ private slots:
         QVERIFY(!Controller(ControllerSettings()).start() && !Controller(settings).start(&error));
         QVERIFY2(error.contains(file.fileName()) && !error.contains("s7200-driver"),
                  qPrintable(error));
-        settings.stations = {{300, {"127.0.0.1", 1}}};
-        QVERIFY(!Controller(settings).start(&error));
-        QVERIFY2(error.contains("station 300"), qPrintable(error));
+        settings.stations = {{255, {"127.0.0.1", 1}}};
+        QVERIFY(!Controller(settings).start(&error) && !error.contains("station"));
+        settings.stations = {{256, {"127.0.0.1", 1}}};
+        QVERIFY(!Controller(settings).start(&error) && error.contains("station 256"));
     }
 
     // A library that was installed anew is the one that is used from then on.

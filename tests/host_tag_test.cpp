@@ -106,7 +106,7 @@ private slots:
             VW0,u,,0.1,,,,1,2 ; 9 -> 0.9 ; 0.9 ; 0.9 ; 1 | VW0,u,,0.1,,,,1,2 ; A -> 1.0 ; 1.0 ; 1 ; 0
             VW0,u,,0.1,,,,1,2 ; 14 -> 2.0 ; 2.0 ; 2 ; 0  | VW0,u,,0.1,,,,1,2 ; 15 -> 2.1 ; 2.1 ; 2.1 ; 2
             VW0,u,,0.01,,,,0.5 ; 31 -> 0.49 ; 0.49 ; 0.49 ; 1
-            VD0,f,,,,,,-1 ; C0000000 -> -2 ; -2 ; -2 ; 1)";
+            VD0,f,,,,,,-1 ; C0000000 -> -2 ; -2 ; -2 ; 1 | VD0,f,,,,,,1,2 ; 40000000 -> 2 ; 2 ; 2 ; 0)";
         check(table, [](const QString& given) {
             const Tag tag = tagOf(given.section(';', 0, 0).trimmed());
             QVector<quint32> elements = elementsOf(given.section(';', 1).trimmed());

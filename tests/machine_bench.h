@@ -307,7 +307,9 @@ inline ControllerSettings settingsOf(const QString& options)
     ControllerSettings settings;
     settings.retries = options.contains("twice") ? 2 : options.contains("retry") ? 1 : 0;
     settings.timeoutMs = options.contains("patient") ? 100000 : 1000;
-    settings.intervalMs = options.contains("no interval") ? 0 : 500;
+    settings.intervalMs = options.contains("no interval") ? 0
+                          : options.contains("slow")      ? 5000
+                                                          : 500;
     settings.probe = !options.contains("no probe");
     settings.blockLimit = options.contains("limit 1") ? 1 : 0;
     if (options.contains("stations"))

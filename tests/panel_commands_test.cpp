@@ -148,6 +148,18 @@ private slots:
         QCOMPARE(write.out, QString());
     }
 
+    // Ten that fail alike are named; of eleven the last is counted.
+    void namesOfMany()
+    {
+        QStringList command = {"read", "--controller", "127.0.0.1:1"};
+        for (int i = 0; i < 10; ++i)
+            command.append("VW" + QString::number(2 * i));
+        const Run ten = run(command);
+        QVERIFY2(ten.err.contains(" VW18: no connection"), qPrintable(text(ten)));
+        const Run eleven = run(command << "VW20");
+        QVERIFY2(eleven.err.contains(" VW18 and 1 more: no connection"), qPrintable(text(eleven)));
+    }
+
     void closedOutput()
     {
         const Simulator simulator;

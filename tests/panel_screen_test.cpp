@@ -323,6 +323,12 @@ private slots:
         hear(LinkState::Down, Cause::TimedOut);
         QCOMPARE(board.finish(),
                  QStringList({"press: link down 1 time more: " + describe(Cause::TimedOut)}));
+        hear(LinkState::Up);
+        hear(LinkState::Waiting, Cause::TimedOut); // is down from here, whatever comes next
+        now += 3000;
+        hear(LinkState::Waiting, Cause::NoConnection);
+        now += 2000;
+        QVERIFY(board.tick(now).join("").startsWith("link down: no connection to press"));
     }
 
     // What a refused variable costs is over before anybody looks.
