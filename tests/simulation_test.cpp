@@ -180,7 +180,7 @@ private Q_SLOTS:
 
 void SimulationTest::oneSeedIsOneRun()
 {
-    for (quint64 seed : {7, 8, 9})
+    for (const quint64 seed : {7u, 8u, 9u})
         QCOMPARE(Run(seed, {}, false).carryOut().digest, Run(seed, {}, true).carryOut().digest);
 }
 
